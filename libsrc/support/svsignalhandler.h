@@ -1,0 +1,131 @@
+// One handler record: for which signal, which function, and where it came from.
+#ifndef SORVANE_SVSIGNALHANDLER_H
+#define SORVANE_SVSIGNALHANDLER_H
+
+#include <csignal>
+#include <iosfwd>
+
+#include "svexport.h"
+#include "svobject.h"
+
+/// The name of the signal information in handlers' signatures. Some C libraries have it as a tag
+/// of their own; where it is there already, this names the same type once more, which is allowed.
+using siginfo = siginfo_t;
+
+namespace Sorvane {
+
+/// A handler record: a signal number, a whole sigaction record of the operating system, and three
+/// flags. A plain value; copies share nothing.
+///
+/// Everything here but the text form may be used in a signal handler. All of it is inline and the
+/// destructor, although virtual, is never called virtually by the tables or by dispatch.
+class SORVANE_API SVSignalHandler : public SVObject {
+public:
+    /// The handler functions that a record can hold.
+    using InformationFunction = void (*)(int, siginfo*, void*);
+    using SimpleFunction = void (*)(int);
+
+    /// Makes the value of an empty table slot: signal 0, an all-zero record, no flag set.
+    SVSignalHandler() noexcept = default;
+
+    /// Make a record from a function, or from a whole record of the operating system.
+    /// Parameters: signalNumber, any, not tested; handler, the function (for the one-argument form
+    ///   also SIG_DFL and SIG_IGN), or osRecord, copied whole; preExists, whether this was there
+    ///   before the library and is what it puts back; external, which dispatch treats alike;
+    ///   valid, whether it counts at all.
+    /// Ownership: nothing is kept of the arguments.
+    /// Result: the record. From a function: an empty mask, and the flags SA_RESTART, so that the
+    ///   host's system calls are not torn up, and SA_ONSTACK, so that a thread with an alternate
+    ///   stack is served on it; SA_SIGINFO for a three-argument function.
+    /// Errors: none. Guarantee: no exception. Threads: any. Signal context: any context.
+    SVSignalHandler(int signalNumber, InformationFunction handler, bool preExists, bool external,
+                    bool valid) noexcept
+        : m_signalNumber(signalNumber),
+          m_preExists(preExists),
+          m_external(external),
+          m_valid(valid) {
+        m_osRecord.sa_sigaction = handler;
+        m_osRecord.sa_flags = functionFlags | SA_SIGINFO;
+    }
+    SVSignalHandler(int signalNumber, SimpleFunction handler, bool preExists, bool external,
+                    bool valid) noexcept
+        : m_signalNumber(signalNumber),
+          m_preExists(preExists),
+          m_external(external),
+          m_valid(valid) {
+        m_osRecord.sa_handler = handler;
+        m_osRecord.sa_flags = functionFlags;
+    }
+    SVSignalHandler(int signalNumber, struct sigaction& osRecord, bool preExists, bool external,
+                    bool valid) noexcept
+        : m_signalNumber(signalNumber),
+          m_osRecord(osRecord),
+          m_preExists(preExists),
+          m_external(external),
+          m_valid(valid) {}
+
+    SVSignalHandler(const SVSignalHandler&) noexcept = default;
+    SVSignalHandler& operator=(const SVSignalHandler&) noexcept = default;
+    ~SVSignalHandler() noexcept override {}
+
+    /// Read the record's fields.
+    /// Ownership: results are values. Result: the field; getHandlerFunction gives the function's
+    ///   address whichever form it has, 0 for SIG_DFL and 1 for SIG_IGN.
+    /// Errors: none. Guarantee: no exception. Threads: any, as for a plain value.
+    /// Signal context: any context.
+    struct sigaction getOSStruct() noexcept {
+        return m_osRecord;
+    }
+    int getSignalNumber() const noexcept { return m_signalNumber; }
+    void* getHandlerFunction() const noexcept {
+        return informationFormQ() ? reinterpret_cast<void*>(m_osRecord.sa_sigaction)
+                                  : reinterpret_cast<void*>(m_osRecord.sa_handler);
+    }
+    bool preExistsQ() const noexcept { return m_preExists; }
+    bool externalQ() const noexcept { return m_external; }
+    bool validQ() const noexcept { return m_valid; }
+
+    /// Calls the handler for the record's own signal. SIG_DFL and SIG_IGN are no functions, and
+    /// calling a record that holds one does nothing.
+    /// Parameters: information and context, as the operating system gave them; a three-argument
+    ///   function gets both unchanged, a one-argument function the signal number alone.
+    /// Ownership: none. Result: none. Errors: what the handler throws. Guarantee: the record is
+    ///   unchanged. Threads: any. Signal context: any context, as far as the handler allows.
+    void operator()(void* information, void* context) {
+        if (specialValueQ()) {
+            return;
+        }
+        if (informationFormQ()) {
+            m_osRecord.sa_sigaction(m_signalNumber, static_cast<siginfo*>(information), context);
+        } else {
+            m_osRecord.sa_handler(m_signalNumber);
+        }
+    }
+
+private:
+    static constexpr int functionFlags = SA_RESTART | SA_ONSTACK;
+
+    bool informationFormQ() const noexcept { return (m_osRecord.sa_flags & SA_SIGINFO) != 0; }
+    bool specialValueQ() const noexcept {
+        const void* const function = getHandlerFunction();
+        return function == reinterpret_cast<void*>(SIG_DFL) ||
+               function == reinterpret_cast<void*>(SIG_IGN);
+    }
+
+    int m_signalNumber = 0;
+    struct sigaction m_osRecord = {};
+    bool m_preExists = false;
+    bool m_external = false;
+    bool m_valid = false;
+};
+
+/// Writes a record as one line of markup that a person can read: signal number and name, how many
+/// arguments the handler takes, its function and module as far as they are known, and the flags.
+/// Parameters: stream, whose number formats do not matter; record.
+/// Ownership: none. Result: the stream. Errors: what the stream throws. Guarantee: basic.
+/// Threads: any, as far as the stream allows. Signal context: normal context only.
+SORVANE_API std::ostream& operator<<(std::ostream& stream, const SVSignalHandler& record);
+
+}  // namespace Sorvane
+
+#endif

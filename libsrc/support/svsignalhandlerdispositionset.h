@@ -1,0 +1,82 @@
+// Which signals the library may handle at all.
+#ifndef SORVANE_SVSIGNALHANDLERDISPOSITIONSET_H
+#define SORVANE_SVSIGNALHANDLERDISPOSITIONSET_H
+
+#include <csignal>
+#include <cstdint>
+
+#include "svexport.h"
+#include "svobject.h"
+
+namespace Sorvane {
+
+/// One answer, yes or no, for each signal number from 1 to 60: may the library handle it?
+///
+/// At first, and after reset(), the answer is yes for every signal but four: SIGKILL and SIGSTOP,
+/// which can't be caught, and 32 and 33, which the C library keeps for its threads. For numbers
+/// outside 1 to 60 the answer is always no, and setting it changes nothing.
+///
+/// The constructor is constexpr so that the shared set of the manager is whole before any code
+/// runs, whatever the order of static initialisation.
+class SORVANE_API SVSignalHandlerDispositionSet : public SVObject {
+public:
+    constexpr SVSignalHandlerDispositionSet() noexcept = default;
+    SVSignalHandlerDispositionSet(const SVSignalHandlerDispositionSet& other) noexcept;
+    /// Replaces all answers; one that is asked for meanwhile is the old one or the new one.
+    SVSignalHandlerDispositionSet& operator=(const SVSignalHandlerDispositionSet& other) noexcept;
+    ~SVSignalHandlerDispositionSet() noexcept override {}
+
+    /// Returns every signal to its initial answer.
+    /// Ownership: none. Result: none. Errors: none. Guarantee: no exception.
+    /// Threads: any, each operation is atomic. Signal context: any context.
+    void reset() noexcept;
+
+    /// Set the answer for one signal: yes, or no.
+    /// Parameters: signal number; one outside 1 to 60 changes nothing.
+    /// Ownership: none. Result: none. Errors: none. Guarantee: no exception.
+    /// Threads: any, each operation is atomic. Signal context: any context.
+    void handleSignal(int signalNumber) noexcept;
+    void doNotHandleSignal(int signalNumber) noexcept;
+
+    /// The answer for one signal.
+    /// Parameters: signal number, any. Ownership: none.
+    /// Result: true when the library may handle the signal. Errors: none. Guarantee: no exception.
+    /// Threads: any, each operation is atomic. Signal context: any context.
+    bool getSignalDisposition(int signalNumber) noexcept;
+
+private:
+    static constexpr int lowestSignal = 1;
+    static constexpr int highestSignal = 60;
+
+    static constexpr bool coveredQ(int signalNumber) noexcept {
+        return signalNumber >= lowestSignal && signalNumber <= highestSignal;
+    }
+    static constexpr unsigned int bitsInWord = 32;
+    static constexpr unsigned int wordOf(int signalNumber) noexcept {
+        return static_cast<unsigned int>(signalNumber) / bitsInWord;
+    }
+    static constexpr std::uint32_t bitOf(int signalNumber) noexcept {
+        return std::uint32_t{1} << (static_cast<unsigned int>(signalNumber) % bitsInWord);
+    }
+    static constexpr bool handledAtFirstQ(int signalNumber) noexcept {
+        return coveredQ(signalNumber) && signalNumber != SIGKILL && signalNumber != SIGSTOP &&
+               signalNumber != 32 && signalNumber != 33;
+    }
+    static constexpr std::uint32_t initialWord(unsigned int word) noexcept {
+        std::uint32_t answers = 0;
+        for (int signalNumber = lowestSignal; signalNumber <= highestSignal; ++signalNumber) {
+            if (wordOf(signalNumber) == word && handledAtFirstQ(signalNumber)) {
+                answers |= bitOf(signalNumber);
+            }
+        }
+        return answers;
+    }
+
+    /// Bit s, counted over both words, is the answer for signal s. Words of 32 bits, because every
+    /// architecture changes these atomically without help.
+    std::uint32_t m_answers[2] = {initialWord(0), initialWord(1)};
+};
+
+}  // namespace Sorvane
+
+#endif

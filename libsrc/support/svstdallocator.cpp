@@ -1,0 +1,68 @@
+#include "svstdallocator.h"
+
+#include <atomic>
+#include <functional>
+
+namespace Sorvane {
+
+namespace {
+
+// The reserve: a few blocks, each large enough for any text that the library itself puts into an
+// exception. Two are needed for each exception that is alive at once without memory.
+constexpr std::size_t blockSize = 128;
+constexpr std::size_t blockCount = 32;
+
+alignas(std::max_align_t) char reserve[blockCount][blockSize];
+std::atomic<bool> taken[blockCount];
+
+static_assert(std::atomic<bool>::is_always_lock_free);
+
+char* takeFromReserve(std::size_t size) noexcept {
+    if (size > blockSize) {
+        return nullptr;
+    }
+    for (std::size_t i = 0; i < blockCount; ++i) {
+        // Acquire pairs with the release in giveBackToReserve: the former owner is done with it.
+        if (!taken[i].exchange(true, std::memory_order_acquire)) {
+            return reserve[i];
+        }
+    }
+    return nullptr;
+}
+
+// std::less orders any two pointers; the built-in comparison only those into one array.
+bool isFromReserve(const char* storage) noexcept {
+    const std::less<const char*> before;
+    const char* const first = reserve[0];
+    return !before(storage, first) && before(storage, first + sizeof(reserve));
+}
+
+void giveBackToReserve(const char* storage) noexcept {
+    const auto index = static_cast<std::size_t>(storage - reserve[0]) / blockSize;
+    taken[index].store(false, std::memory_order_release);
+}
+
+}  // namespace
+
+template <>
+char* SVStdAllocator<char>::allocate(std::size_t count) {
+    void* storage = SVObject::operator new(count);
+    if (storage == nullptr) {
+        storage = takeFromReserve(count);
+    }
+    if (storage == nullptr) {
+        throw std::bad_alloc();
+    }
+    return static_cast<char*>(storage);
+}
+
+template <>
+void SVStdAllocator<char>::deallocate(char* storage, std::size_t) noexcept {
+    if (isFromReserve(storage)) {
+        giveBackToReserve(storage);
+    } else {
+        SVObject::operator delete(storage);
+    }
+}
+
+}  // namespace Sorvane

@@ -1,0 +1,76 @@
+// The allocator of the library's standard strings and containers.
+#ifndef SORVANE_SVSTDALLOCATOR_H
+#define SORVANE_SVSTDALLOCATOR_H
+
+#include <cstddef>
+#include <limits>
+#include <new>
+#include <type_traits>
+
+#include "svexport.h"
+#include "svobject.h"
+
+namespace Sorvane {
+
+/// Gives standard containers their storage from SVObject's operators. All allocators are alike:
+/// storage from one may be given back through any other.
+template <typename T>
+class SORVANE_API SVStdAllocator : public SVObject {
+public:
+    using value_type = T;
+    using is_always_equal = std::true_type;
+    using propagate_on_container_move_assignment = std::true_type;
+
+    constexpr SVStdAllocator() noexcept = default;
+    constexpr SVStdAllocator(const SVStdAllocator&) noexcept = default;
+    SVStdAllocator& operator=(const SVStdAllocator&) noexcept = default;
+    template <typename U>
+    constexpr SVStdAllocator(const SVStdAllocator<U>&) noexcept {}
+    ~SVStdAllocator() noexcept override {}
+
+    /// Allocates storage for elements, without constructing them.
+    /// Parameters: count, in elements.
+    /// Ownership: the caller's; give it back with deallocate().
+    /// Result: the storage.
+    /// Errors: std::bad_alloc when memory can't be had, as standard containers demand;
+    ///   std::bad_array_new_length when the size can't be expressed.
+    /// Guarantee: strong. Threads: any. Signal context: normal context only.
+    T* allocate(std::size_t count) {
+        if (count > std::numeric_limits<std::size_t>::max() / sizeof(T)) {
+            throw std::bad_array_new_length();
+        }
+        void* storage = SVObject::operator new(count * sizeof(T));
+        if (storage == nullptr) {
+            throw std::bad_alloc();
+        }
+        return static_cast<T*>(storage);
+    }
+
+    /// Gives storage back.
+    /// Parameters: storage, from allocate(); the count is not needed.
+    /// Ownership: taken. Result: none. Errors: none. Guarantee: no exception.
+    /// Threads: any. Signal context: normal context only.
+    void deallocate(T* storage, std::size_t) noexcept { SVObject::operator delete(storage); }
+};
+
+/// Characters are what exceptions keep their texts in, and an exception about missing memory must
+/// not fail for want of it: when memory can't be had, the library's strings take what they need
+/// from a small reserve, and fail with std::bad_alloc only when that is used up too.
+template <>
+SORVANE_API char* SVStdAllocator<char>::allocate(std::size_t count);
+template <>
+SORVANE_API void SVStdAllocator<char>::deallocate(char* storage, std::size_t) noexcept;
+
+template <typename T, typename U>
+constexpr bool operator==(const SVStdAllocator<T>&, const SVStdAllocator<U>&) noexcept {
+    return true;
+}
+
+template <typename T, typename U>
+constexpr bool operator!=(const SVStdAllocator<T>&, const SVStdAllocator<U>&) noexcept {
+    return false;
+}
+
+}  // namespace Sorvane
+
+#endif
