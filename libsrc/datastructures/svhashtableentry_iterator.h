@@ -1,0 +1,100 @@
+// A walk over the occupied slots of a hash table.
+#ifndef SORVANE_SVHASHTABLEENTRY_ITERATOR_H
+#define SORVANE_SVHASHTABLEENTRY_ITERATOR_H
+
+#include "../support/svexport.h"
+#include "../support/svobject.h"
+#include "svhashtableentry.h"
+#include "svhashtablefailure.h"
+
+namespace Sorvane {
+
+/// Stands on one slot of a table's slot array and steps from occupied slot to occupied slot, in
+/// slot order. It refers to the array and not to the table: a rebuild of the table leaves it
+/// pointing at a stale array, so nothing may insert into the table during the walk.
+///
+/// An iterator without an array is not ready; tables give out only ready ones.
+template <typename K, typename V>
+class SORVANE_API SVHashTableEntry_Iterator : public SVObject {
+public:
+    using Entry = SVHashTableEntry<K, V>;
+
+    /// Makes an iterator that is not ready.
+    SVHashTableEntry_Iterator() noexcept : entries(nullptr), size(0), index(0) {}
+
+    /// Makes an iterator on a slot.
+    /// Parameters: slotArray; slotCount, the end slot included; slotIndex.
+    /// Ownership: the array stays the table's. Result: the iterator. Errors: none.
+    /// Guarantee: no exception. Threads: as for reading the table. Signal context: any context.
+    SVHashTableEntry_Iterator(Entry* slotArray, unsigned int slotCount,
+                              unsigned int slotIndex) noexcept
+        : entries(slotArray), size(slotCount), index(slotIndex) {}
+
+    SVHashTableEntry_Iterator(const SVHashTableEntry_Iterator&) noexcept = default;
+    SVHashTableEntry_Iterator& operator=(const SVHashTableEntry_Iterator&) noexcept = default;
+    ~SVHashTableEntry_Iterator() noexcept override {}
+
+    /// Equal are two iterators on the same slot of the same array, taken for equally long.
+    /// Ownership: none. Errors: none. Guarantee: no exception. Threads: any.
+    /// Signal context: any context.
+    bool operator==(const SVHashTableEntry_Iterator& other) const noexcept {
+        return entries == other.entries && size == other.size && index == other.index;
+    }
+    bool operator!=(const SVHashTableEntry_Iterator& other) const noexcept {
+        return !(*this == other);
+    }
+
+    /// Steps to the next occupied slot, or to the end position.
+    /// Ownership: none. Result: none; no loop needs the former state.
+    /// Errors: SVException, kind 12, code 0: "Iterator not ready to increment.", and
+    ///   "Iterator at end.".
+    /// Guarantee: strong. Threads: as for reading the table. Signal context: any context, as long
+    ///   as the iterator is not at its end.
+    void operator++(int) {
+        if (entries == nullptr) {
+            throw svhashtableFailure("Iterator not ready to increment.", lineStepNotReady,
+                                     svexceptionIteratorMisused);
+        }
+        if (index == size - 1) {
+            throw svhashtableFailure("Iterator at end.", lineStepAtEnd, svexceptionIteratorMisused);
+        }
+        unsigned int next = index + 1;
+        while (next < size - 1 && entries[next].state != svslotOccupied) {
+            ++next;
+        }
+        index = next;
+    }
+
+    /// The value of the slot that the iterator stands on.
+    /// Ownership: the table's. Result: the value.
+    /// Errors: SVException, kind 12, code 0: "Iterator not ready to get value.", and
+    ///   "Iterator refers to invalid table entry." for an empty or deleted slot, the end included.
+    /// Guarantee: strong. Threads: as for reading the table. Signal context: any context, as long
+    ///   as the iterator stands on an occupied slot.
+    const V& GetValue() const {
+        if (entries == nullptr) {
+            throw svhashtableFailure("Iterator not ready to get value.", lineValueNotReady,
+                                     svexceptionIteratorMisused);
+        }
+        const Entry& entry = entries[index];
+        if (entry.state == svslotEmpty || entry.state == svslotDeleted) {
+            throw svhashtableFailure("Iterator refers to invalid table entry.", lineValueInvalid,
+                                     svexceptionIteratorMisused);
+        }
+        return entry.value;
+    }
+
+    Entry* entries;      ///< the slot array being walked; null: not ready
+    unsigned int size;   ///< its number of slots, the end slot included
+    unsigned int index;  ///< the current slot; size - 1 is the end position
+
+private:
+    static constexpr unsigned int lineStepNotReady = 119;
+    static constexpr unsigned int lineStepAtEnd = 121;
+    static constexpr unsigned int lineValueNotReady = 210;
+    static constexpr unsigned int lineValueInvalid = 213;
+};
+
+}  // namespace Sorvane
+
+#endif
