@@ -1,0 +1,149 @@
+// The manager's shared state, and what the first and the last manager do to it.
+
+#include "svsignalhandlermanager.h"
+
+#include <iostream>  // the stream library is initialised before this module's own statics
+#include <optional>
+
+#include "../support/svhandlercontext.h"
+#include "svlifecycle.h"
+#include "svregistry.h"
+#include "svsharedlock.h"
+#include "svwalk.h"
+
+namespace Sorvane {
+
+bool SVSignalHandlerManager::currentlyHandlingSignals = false;
+unsigned int SVSignalHandlerManager::numberOfManagers = 0;
+SVSignalTable* SVSignalHandlerManager::handlerTables = nullptr;
+SVMutexHandle* SVSignalHandlerManager::handlerTableLock = nullptr;
+constinit SVSignalHandlerDispositionSet SVSignalHandlerManager::signalDispositionSet;
+
+// Locks the handle directly rather than for a scope: an exception out of the last manager's
+// destructor leaves the lock held, because the state it guards is then not one that others should
+// go on with. Nothing in the constructor throws.
+SVSignalHandlerManager::SVSignalHandlerManager(bool locking) : m_locking(locking) {
+    std::optional<SVSharedLockLease> lease;
+    SVMutexHandle* handle = nullptr;
+    if (m_locking) {
+        handle = lease.emplace().handleMadeIfNone();
+    }
+    if (handle != nullptr) {
+        handle->lock();
+    }
+    // Counted in first: a teardown that finds no tables wanted has then not seen this manager, and
+    // this manager sees that there are none.
+    SVLifecycle::managerMade();
+    makeSharedTablesIfNone();
+    if (handle != nullptr) {
+        handle->unlock();
+    }
+}
+
+SVSignalHandlerManager::~SVSignalHandlerManager() noexcept(false) {
+    std::optional<SVSharedLockLease> lease;
+    SVMutexHandle* handle = nullptr;
+    if (m_locking) {
+        handle = lease.emplace().handle();
+    }
+    if (handle != nullptr) {
+        handle->lock();
+    }
+    if (const SVLifecycle::Teardown teardown = SVLifecycle::managerGone()) {
+        tearDown(teardown);
+    }
+    if (handle != nullptr) {
+        handle->unlock();
+    }
+    if (m_locking) {
+        lease->retireHandleOfNobody();
+    }
+}
+
+// The dispositions are reset before the tables are published, so that nobody who finds the tables
+// has an answer of his own reset.
+void SVSignalHandlerManager::makeSharedTablesIfNone() {
+    if (std::atomic_ref<SVSignalTable*>(handlerTables).load() == nullptr) {
+        signalDispositionSet.reset();
+        SVRegistry::create();
+    }
+}
+
+namespace {
+
+// Ends a teardown as failed unless it is told that all handlers are back.
+class FailingTeardown {
+public:
+    explicit FailingTeardown(SVLifecycle::Teardown teardown) : m_teardown(teardown) {}
+    FailingTeardown(const FailingTeardown&) = delete;
+    FailingTeardown& operator=(const FailingTeardown&) = delete;
+    ~FailingTeardown() {
+        if (m_failing) {
+            SVLifecycle::teardownFailed(m_teardown);
+        }
+    }
+    void goOn() { m_failing = false; }
+
+private:
+    const SVLifecycle::Teardown m_teardown;
+    bool m_failing = true;
+};
+
+}  // namespace
+
+// At every step somebody else may have completed this teardown, in a handler or on another thread,
+// and gone on; then the rest is none of its business any more.
+void SVSignalHandlerManager::tearDown(unsigned int teardown) {
+    const auto wanted = [teardown] { return SVLifecycle::currentTeardown() == teardown; };
+    {
+        const SVRegistryPin pin;
+        FailingTeardown failing(teardown);
+        SVMutex scope;
+        if (m_locking) {
+            scope.setHandle(handlerTableLock);
+        }
+        forEachPreexisting(pin, [&](SVSignalHandler& record) {
+            if (!wanted()) {
+                return false;
+            }
+            SVSignalHandler displaced = installHandlerInSystem(record);
+            if (!wanted()) {
+                installHandlerInSystem(displaced);
+                return false;
+            }
+            return true;
+        });
+        failing.goOn();
+        if (!wanted()) {
+            return;
+        }
+        signalDispositionSet.reset();
+        SVRegistry::retire(pin);
+        if (SVLifecycle::managerCount().load() != 0) {
+            SVRegistry::create();
+        }
+        SVLifecycle::teardownComplete(teardown);
+    }
+    SVRegistry::tidy();
+}
+
+void SVSignalHandlerManager::completeTeardown() {
+    if (const SVLifecycle::Teardown teardown = SVLifecycle::currentTeardown()) {
+        tearDown(teardown);
+    }
+}
+
+// There is no handle when there was no memory for one.
+void SVSignalHandlerManager::lock() const {
+    if (m_locking && handlerTableLock != nullptr) {
+        handlerTableLock->lock();
+    }
+}
+
+void SVSignalHandlerManager::unlock() const {
+    if (m_locking && handlerTableLock != nullptr) {
+        handlerTableLock->unlock();
+    }
+}
+
+}  // namespace Sorvane

@@ -1,0 +1,214 @@
+// What happens when a signal arrives, and how one signal is taken over so that it can arrive here.
+//
+// Everything but handleSignal() can be reached by a signal: it leaves the heap alone, takes no lock
+// when the manager's locking flag is false, and formats nothing.
+
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+
+#include "../support/svhandlercontext.h"
+#include "svregistry.h"
+#include "svsignalhandlermanager.h"
+#include "svtakeover.h"
+
+namespace Sorvane {
+
+namespace {
+
+constexpr unsigned int lineNoTableForSignal = 302;
+
+// The signals that end the process unless the host had a handler for them. SIGILL, SIGFPE and
+// SIGABRT are not among them: they go the ordinary way.
+bool fatalQ(int signalNumber) noexcept {
+    return signalNumber == SIGSEGV || signalNumber == SIGBUS || signalNumber == SIGHUP;
+}
+
+bool hostsOwnQ(const SVSignalHandler& record) noexcept {
+    return (record.preExistsQ() || record.externalQ()) && record.validQ();
+}
+
+bool inTableQ(const SVSignalHandlerTable* table, const void* function) noexcept {
+    if (table == nullptr) {
+        return false;
+    }
+    // Slot by slot, because a key behind a cleared one is not found by its hash any more.
+    const auto end = table->end();
+    for (auto position = table->begin(); position != end; position++) {
+        if (position.GetValue().getHandlerFunction() == function) {
+            return true;
+        }
+    }
+    return false;
+}
+
+// One signal's records as they were when its dispatch began, and where they stand by now.
+class Dispatch {
+public:
+    explicit Dispatch(int signalNumber) noexcept
+        : m_signalNumber(signalNumber), m_table(m_pin.tableOf(signalNumber)) {}
+
+    bool hasHostsOwnQ() const {
+        if (m_table == nullptr) {
+            return false;
+        }
+        const auto end = m_table->end();
+        for (auto position = m_table->begin(); position != end; position++) {
+            if (hostsOwnQ(position.GetValue())) {
+                return true;
+            }
+        }
+        return false;
+    }
+
+    void callValid(void* information, void* context) const {
+        call(information, context, [](const SVSignalHandler& record) { return record.validQ(); });
+    }
+    void callHostsOwn(void* information, void* context) const {
+        call(information, context, hostsOwnQ);
+    }
+
+private:
+    // Calls what a test lets through, in slot order. A copy is called, so that a handler that
+    // changes its own registration does not pull the record away from under the call.
+    template <typename Test>
+    void call(void* information, void* context, Test test) const {
+        if (m_table == nullptr) {
+            return;
+        }
+        const auto end = m_table->end();
+        for (auto position = m_table->begin(); position != end; position++) {
+            SVSignalHandler record(position.GetValue());
+            if (test(record) && !clearedMeanwhileQ(record)) {
+                record(information, context);
+            }
+        }
+    }
+
+    // Whoever clears a handler whose turn has not come does not see it called any more: its module
+    // may be about to go. The end of the whole registry is no clearing.
+    bool clearedMeanwhileQ(const SVSignalHandler& record) const noexcept {
+        if (m_pin.publishedQ()) {
+            return false;
+        }
+        const SVRegistryPin now;
+        const SVSignalHandlerTable* const table = now.tableOf(m_signalNumber);
+        return now.version() != nullptr && table != m_table &&
+               !inTableQ(table, record.getHandlerFunction());
+    }
+
+    const SVRegistryPin m_pin;
+    const int m_signalNumber;
+    const SVSignalHandlerTable* const m_table;
+};
+
+// Everything is decided and called from one version of the registry, whatever handlers and other
+// threads do to it meanwhile.
+void dispatchSignal(int signalNumber, siginfo* information, void* context) {
+    const Dispatch dispatch(signalNumber);
+    if (fatalQ(signalNumber) && dispatch.hasHostsOwnQ()) {
+        dispatch.callHostsOwn(information, context);
+        return;
+    }
+    dispatch.callValid(information, context);
+    if (fatalQ(signalNumber)) {
+        _exit(0);
+    }
+}
+
+// The interrupted code must not find errno changed, whatever handlers and installations do to it.
+class ErrnoKeeper {
+public:
+    ErrnoKeeper() noexcept : m_saved(errno) {}
+    ErrnoKeeper(const ErrnoKeeper&) = delete;
+    ErrnoKeeper& operator=(const ErrnoKeeper&) = delete;
+    ~ErrnoKeeper() { errno = m_saved; }
+
+private:
+    const int m_saved;
+};
+
+}  // namespace
+
+void SVSignalHandlerManager::callHandlers(int signalNumber, void* information, void* context) {
+    SVMutex scope;
+    if (m_locking) {
+        scope.setHandle(handlerTableLock);
+    }
+    Dispatch(signalNumber).callValid(information, context);
+}
+
+void SVSignalHandlerManager::callOnlyPreexistingOrExternalHandlers(int signalNumber,
+                                                                   void* information,
+                                                                   void* context) {
+    SVMutex scope;
+    if (m_locking) {
+        scope.setHandle(handlerTableLock);
+    }
+    Dispatch(signalNumber).callHostsOwn(information, context);
+}
+
+bool SVSignalHandlerManager::hasPreexistingOrExternalHandlerQ(int signalNumber) {
+    SVMutex scope;
+    if (m_locking) {
+        scope.setHandle(handlerTableLock);
+    }
+    return Dispatch(signalNumber).hasHostsOwnQ();
+}
+
+void SVSignalHandlerManager::handleSignal(int signalNumber) {
+    SVMutex scope;
+    if (m_locking) {
+        scope.setHandle(handlerTableLock);
+    }
+    completeTeardown();
+    SVRegistry::addTable(signalNumber, lineNoTableForSignal);
+    if (!signalDispositionSet.getSignalDisposition(signalNumber)) {
+        return;
+    }
+    const SVTakeOver takeOver(signalNumber);
+    SVSignalHandler own = theSVHandler(signalNumber);
+    const SVSignalHandler previous = installHandlerInSystem(own);
+    void* const function = previous.getHandlerFunction();
+    const bool special = function == reinterpret_cast<void*>(SIG_DFL) ||
+                         function == reinterpret_cast<void*>(SIG_IGN) ||
+                         function == reinterpret_cast<void*>(&actualSignalHandler);
+    if (!special) {
+        SVRegistry::storeRecord(previous, false, lineNoTableForSignal);
+    }
+}
+
+SVSignalHandler SVSignalHandlerManager::theSVHandler(int signalNumber) {
+    return SVSignalHandler(signalNumber, &actualSignalHandler, false, false, true);
+}
+
+SVSignalHandler SVSignalHandlerManager::ignoreHandler(int signalNumber) {
+    return SVSignalHandler(signalNumber, SIG_IGN, false, false, true);
+}
+
+SVSignalHandler SVSignalHandlerManager::defaultHandler(int signalNumber) {
+    return SVSignalHandler(signalNumber, SIG_DFL, false, false, true);
+}
+
+SVSignalHandler SVSignalHandlerManager::ignoreSignal(int signalNumber) {
+    SVSignalHandler ignoring = ignoreHandler(signalNumber);
+    return installHandlerInSystem(ignoring);
+}
+
+}  // namespace Sorvane
+
+extern "C" void actualSignalHandler(int signalNumber, siginfo* information, void* context) {
+    using namespace Sorvane;
+    const ErrnoKeeper errnoKeeper;
+    const SVHandlerContext::Scope handlerScope;
+    // No locking: the thread that was interrupted, or another one, may hold the lock.
+    SVSignalHandlerManager manager(false);
+    if (SVTakeOver::keptQ(signalNumber, information)) {
+        return;
+    }
+    SVSignalHandler own(signalNumber, &actualSignalHandler, false, false, true);
+    dispatchSignal(signalNumber, information, context);
+    // A handler may have changed the operating system's action; the signal stays taken over.
+    manager.installHandlerInSystem(own);
+}

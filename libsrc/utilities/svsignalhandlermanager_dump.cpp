@@ -1,0 +1,37 @@
+// The diagnostic dump: for people who read logs. Nothing is buffered; every fragment goes straight
+// into the caller's stream, with the caller's formats.
+
+#include <ostream>
+
+#include "svlifecycle.h"
+#include "svregistry.h"
+#include "svsignalhandlermanager.h"
+#include "svwalk.h"
+
+namespace Sorvane {
+
+std::ostream& SVSignalHandlerManager::print(std::ostream& stream) const {
+    SVMutex scope;
+    if (m_locking) {
+        scope.setHandle(handlerTableLock);
+    }
+    stream << "<SVSignalHandlerManager>";
+    stream << "<numberOfManagers>" << static_cast<unsigned long>(SVLifecycle::managerCount().load())
+           << "</numberOfManagers>";
+    stream << "<currentlyHandlingSignals>" << SVLifecycle::handlingQ()
+           << "</currentlyHandlingSignals>";
+    const SVRegistryPin pin;
+    forEachSignal([&](int signalNumber) {
+        const SVSignalHandlerTable* const table = pin.tableOf(signalNumber);
+        if (table != nullptr && table->used != 0) {
+            table->WriteTable(stream);
+        }
+    });
+    return stream << "</SVSignalHandlerManager>";
+}
+
+std::ostream& operator<<(std::ostream& stream, const SVSignalHandlerManager& manager) {
+    return manager.print(stream);
+}
+
+}  // namespace Sorvane

@@ -1,0 +1,98 @@
+// How handler records come into the tables and out again.
+
+#include "svlifecycle.h"
+#include "svregistry.h"
+#include "svsignalhandlermanager.h"
+
+namespace Sorvane {
+
+namespace {
+
+constexpr unsigned int lineNoTableForHandler = 144;
+
+bool onlyRecordQ(int signalNumber, void* function) noexcept {
+    const SVRegistryPin pin;
+    const SVSignalHandlerTable* const table = pin.tableOf(signalNumber);
+    return table != nullptr && table->has_key(function) && table->used == 1;
+}
+
+}  // namespace
+
+// While signals are being handled, the action that the operating system had for the signal is not
+// kept: only taking a signal over with handleSignal() makes a pre-existing record of it.
+void SVSignalHandlerManager::setHandler(SVSignalHandler& handler) {
+    SVMutex scope;
+    if (m_locking) {
+        scope.setHandle(handlerTableLock);
+    }
+    const int signalNumber = handler.getSignalNumber();
+    if (!signalDispositionSet.getSignalDisposition(signalNumber)) {
+        return;
+    }
+    completeTeardown();
+    SVRegistry::storeRecord(handler, true, lineNoTableForHandler);
+    if (SVLifecycle::handlingQ()) {
+        SVSignalHandler own = theSVHandler(signalNumber);
+        installHandlerInSystem(own);
+    }
+}
+
+void SVSignalHandlerManager::setHandlerFromFunction(int signalNumber,
+                                                    void (*handler)(int, siginfo*, void*)) {
+    SVSignalHandler record(signalNumber, handler, false, false, true);
+    setHandler(record);
+}
+
+void SVSignalHandlerManager::setHandlerFromFunction(int signalNumber, void (*handler)(int)) {
+    SVSignalHandler record(signalNumber, handler, false, false, true);
+    setHandler(record);
+}
+
+void SVSignalHandlerManager::setHandlerFromOSStruct(int signalNumber, struct sigaction& osRecord) {
+    SVSignalHandler record(signalNumber, osRecord, false, false, true);
+    setHandler(record);
+}
+
+void SVSignalHandlerManager::setHandlers(SVSignalHandlerList& handlers) {
+    for (SVSignalHandler& handler : handlers) {
+        setHandler(handler);
+    }
+}
+
+// The flag that counts is the given record's, not the stored one's: whoever clears says whether
+// the signal goes back to that handler.
+void SVSignalHandlerManager::clearHandler(SVSignalHandler& handler) {
+    SVMutex scope;
+    if (m_locking) {
+        scope.setHandle(handlerTableLock);
+    }
+    const int signalNumber = handler.getSignalNumber();
+    if (!signalDispositionSet.getSignalDisposition(signalNumber)) {
+        return;
+    }
+    completeTeardown();
+    void* const function = handler.getHandlerFunction();
+    if (handler.preExistsQ() && onlyRecordQ(signalNumber, function)) {
+        installHandlerInSystem(handler);
+    }
+    SVRegistry::removeRecord(signalNumber, function, lineNoTableForHandler);
+}
+
+void SVSignalHandlerManager::clearHandlerWithFunction(int signalNumber,
+                                                      void (*handler)(int, siginfo*, void*)) {
+    SVSignalHandler record(signalNumber, handler, false, false, true);
+    clearHandler(record);
+}
+
+void SVSignalHandlerManager::clearHandlerWithFunction(int signalNumber, void (*handler)(int)) {
+    SVSignalHandler record(signalNumber, handler, false, false, true);
+    clearHandler(record);
+}
+
+void SVSignalHandlerManager::clearHandlers(SVSignalHandlerList& handlers) {
+    for (SVSignalHandler& handler : handlers) {
+        clearHandler(handler);
+    }
+}
+
+}  // namespace Sorvane
