@@ -1,0 +1,17 @@
+# The warnings that the whole tree is free of. Linked privately: they are no
+# business of a project that uses the library.
+set(SORVANE_SIGNALS_WARNING_FLAGS
+    -Wall
+    -Wextra
+    -Wpedantic
+    -Wconversion
+    -Wsign-conversion
+    -Wshadow
+    -Wold-style-cast
+    -Wundef)
+if(SORVANE_SIGNALS_WARNINGS_AS_ERRORS)
+  list(APPEND SORVANE_SIGNALS_WARNING_FLAGS -Werror)
+endif()
+
+add_library(sorvane-signals-warnings INTERFACE)
+target_compile_options(sorvane-signals-warnings INTERFACE ${SORVANE_SIGNALS_WARNING_FLAGS})
