@@ -1,0 +1,12 @@
+// The three signals that end a process unless its host had a handler for them.
+#ifndef DEMO_FATAL_H
+#define DEMO_FATAL_H
+
+namespace demo {
+
+/// Shows each of them, in a process of its own.
+void showFatalSignals();
+
+}  // namespace demo
+
+#endif
