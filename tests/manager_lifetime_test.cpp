@@ -1,0 +1,326 @@
+// What the first manager makes, what all share, and what the last one takes down.
+
+#include <gtest/gtest.h>
+#include <sorvane/svsignalhandlermanager.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <cstdlib>
+#include <memory>
+#include <thread>
+#include <vector>
+
+#include "support/child_process.h"
+#include "support/manager_fixture.h"
+#include "support/sanitizers.h"
+#include "support/watched_lock.h"
+
+namespace {
+
+using Sorvane::SVMutexHandle;
+using Sorvane::SVObject;
+using Sorvane::SVSignalHandlerDispositionSet;
+
+// Static objects of a program's own files are made before those of the libraries that it links,
+// and destroyed after them. What lies between is open to any manager that such an object holds.
+class StaticUser {
+public:
+    StaticUser() {
+        Manager manager(false);
+        m_foundAtFirst = manager.getSignalDisposition(SIGUSR1) &&
+                         !manager.getSignalDisposition(SIGKILL) &&
+                         !manager.getSignalDisposition(61);
+        manager.setHandlerFromFunction(SIGUSR1, userHandler);
+        m_registered = recordCount(SIGUSR1) == 1;
+        // So that nothing of this is left for the tests: handling, the last manager takes it down.
+        manager.clearHandlerWithFunction(SIGUSR1, userHandler);
+        manager.startHandlingSignals();
+    }
+    StaticUser(const StaticUser&) = delete;
+    StaticUser& operator=(const StaticUser&) = delete;
+    ~StaticUser() {
+        if (m_endsTheProcess) {
+            Manager manager(false);
+            _exit(manager.getSignalDisposition(SIGUSR1) ? exitStatusFoundAtLast : EXIT_FAILURE);
+        }
+    }
+
+    static constexpr int exitStatusFoundAtLast = 77;
+
+    bool m_foundAtFirst = false;
+    bool m_registered = false;
+    bool m_endsTheProcess = false;
+};
+
+StaticUser staticUser;
+
+bool emptyAsConstructedQ(const SignalTable& table) {
+    for (unsigned int slot = 0; slot <= table.mask + 1; ++slot) {
+        if (table.table[slot].state != Sorvane::svslotEmpty) {
+            return false;
+        }
+    }
+    return table.used == 0 && table.fill == 0 && table.mask == 7 && table.table == table.smalltable;
+}
+
+class WatchedTable : public HandlerTable {
+public:
+    explicit WatchedTable(int& destructions) : m_destructions(destructions) {}
+    ~WatchedTable() noexcept override { ++m_destructions; }
+
+private:
+    int& m_destructions;
+};
+
+class ManagerLifetime : public ManagerTest {};
+
+TEST_F(ManagerLifetime, AllSharedStateIsZeroBeforeTheFirstManager) {
+    EXPECT_FALSE(Manager::currentlyHandlingSignals);
+    EXPECT_EQ(Manager::numberOfManagers, 0U);
+    EXPECT_EQ(Manager::handlerTables, nullptr);
+    EXPECT_EQ(Manager::handlerTableLock, nullptr);
+}
+
+TEST_F(ManagerLifetime, StaticObjectOfAnotherModuleFindsTheDispositionsWholeBeforeMain) {
+    EXPECT_TRUE(staticUser.m_foundAtFirst);
+    EXPECT_TRUE(staticUser.m_registered);
+}
+
+TEST_F(ManagerLifetime, StaticObjectOfAnotherModuleFindsTheDispositionsWholeAfterMain) {
+    if (builtWithAddressSanitizer) {
+        GTEST_SKIP() << "the sanitizers that go with it count any use after a destructor an error";
+    }
+    const ChildEnd end = inChild([] {
+        staticUser.m_endsTheProcess = true;
+        std::exit(EXIT_SUCCESS);
+    });
+    EXPECT_TRUE(end.exitedWithQ(StaticUser::exitStatusFoundAtLast)) << end;
+}
+
+TEST_F(ManagerLifetime, OneThatNeverLocksNorStartsLeavesTablesAndDispositionsAndMakesNoLock) {
+    Manager::signalDispositionSet.doNotHandleSignal(SIGUSR1);
+    {
+        Manager manager(false);
+        ASSERT_NE(Manager::handlerTables, nullptr);
+        EXPECT_TRUE(emptyAsConstructedQ(*Manager::handlerTables));
+        EXPECT_TRUE(mayHandleQ(SIGUSR1)) << "the first manager resets the dispositions";
+        EXPECT_EQ(Manager::numberOfManagers, 1U);
+        EXPECT_EQ(Manager::handlerTableLock, nullptr);
+        manager.setSignalDisposition(SIGUSR2, false);
+    }
+    EXPECT_EQ(Manager::numberOfManagers, 0U);
+    EXPECT_NE(Manager::handlerTables, nullptr);
+    EXPECT_FALSE(mayHandleQ(SIGUSR2)) << "without signals being handled, nothing is reset";
+    EXPECT_EQ(Manager::handlerTableLock, nullptr);
+}
+
+TEST_F(ManagerLifetime, SecondManagerThatLocksMakesTheLockThatTheFirstDidWithout) {
+    const Manager first(false);
+    ASSERT_EQ(Manager::handlerTableLock, nullptr);
+    const Manager second(true);
+    EXPECT_NE(Manager::handlerTableLock, nullptr);
+    EXPECT_EQ(Manager::numberOfManagers, 2U);
+}
+
+TEST_F(ManagerLifetime, LastManagerAfterAStartTakesTheStateDownAndALaterOneBuildsItAfresh) {
+    {
+        Manager manager(true);
+        manager.setHandlerFromFunction(SIGUSR1, userHandler);
+        manager.setSignalDisposition(SIGUSR2, false);
+        manager.startHandlingSignals();
+        ASSERT_TRUE(Manager::currentlyHandlingSignals);
+    }
+    EXPECT_EQ(Manager::handlerTables, nullptr);
+    EXPECT_FALSE(Manager::currentlyHandlingSignals);
+    EXPECT_TRUE(mayHandleQ(SIGUSR2)) << "the dispositions are reset";
+    EXPECT_EQ(Manager::handlerTableLock, nullptr);
+
+    const Manager later(true);
+    ASSERT_NE(Manager::handlerTables, nullptr);
+    EXPECT_TRUE(emptyAsConstructedQ(*Manager::handlerTables));
+}
+
+TEST_F(ManagerLifetime, LastManagerAfterAStopLeavesItsHandlersToTheNext) {
+    {
+        Manager manager(true);
+        manager.setHandlerFromFunction(SIGUSR1, userHandler);
+        manager.startHandlingSignals();
+        manager.stopHandlingSignals();
+    }
+    Manager next(true);
+    EXPECT_NE(recordOf(SIGUSR1, userHandler), nullptr);
+    next.startHandlingSignals();
+    raise(SIGUSR1);
+    EXPECT_EQ(callsOf(userHandler), 1U);
+}
+
+TEST_F(ManagerLifetime, NothingIsEverDoneForSignalZeroOrAboveSixty) {
+    EXPECT_EQ(Manager::maxSignalHandlerNumber, 60);
+    const std::vector<void*> before = systemHandlers();
+    {
+        Manager manager(false);
+        for (const int signalNumber : {0, 61, 62, 63, 64}) {
+            manager.setSignalDisposition(signalNumber, true);
+            manager.setHandlerFromFunction(signalNumber, userHandler);
+            EXPECT_EQ(tableOf(signalNumber), nullptr) << signalNumber;
+            makeTableOf(manager, signalNumber);
+            putIntoTable(hostRecord(signalNumber, hostHandler));
+        }
+        manager.startHandlingSignals();
+        EXPECT_EQ(systemHandlers(), before) << "after the start";
+        manager.restorePreviouslyExistingHandlers();
+        EXPECT_EQ(systemHandlers(), before) << "after the restoration";
+        manager.stopHandlingSignals();
+        EXPECT_EQ(systemHandlers(), before) << "after the stop";
+        manager.startHandlingSignals();
+    }
+    EXPECT_EQ(systemHandlers(), before) << "after the last manager";
+}
+
+TEST_F(ManagerLifetime, SixtyIsTheLastSignalThatIsWalked) {
+    Manager manager(false);
+    manager.setHandlerFromFunction(60, userHandler);
+    manager.startHandlingSignals();
+    EXPECT_TRUE(takenOverQ(60));
+    manager.stopHandlingSignals();
+    EXPECT_TRUE(ignoredInSystemQ(60));
+}
+
+TEST_F(ManagerLifetime, LaterManagersOnlyCount) {
+    Manager first(true);
+    first.setSignalDisposition(SIGUSR2, false);
+    const SignalTable* const tables = Manager::handlerTables;
+    const SVMutexHandle* const lock = Manager::handlerTableLock;
+    {
+        const Manager second(true);
+        const Manager third(false);
+        EXPECT_EQ(Manager::numberOfManagers, 3U);
+        EXPECT_EQ(Manager::handlerTables, tables);
+        EXPECT_EQ(Manager::handlerTableLock, lock);
+        EXPECT_FALSE(mayHandleQ(SIGUSR2)) << "only a new outer table resets the dispositions";
+    }
+    EXPECT_EQ(Manager::numberOfManagers, 1U);
+    EXPECT_EQ(Manager::handlerTables, tables);
+    EXPECT_EQ(Manager::handlerTableLock, lock);
+}
+
+TEST_F(ManagerLifetime, OthersThanTheLastTakeNothingDownWhileSignalsAreHandled) {
+    Manager stays(true);
+    {
+        Manager goes(true);
+        goes.setHandlerFromFunction(SIGUSR1, userHandler);
+        goes.startHandlingSignals();
+    }
+    EXPECT_TRUE(Manager::currentlyHandlingSignals);
+    EXPECT_NE(recordOf(SIGUSR1, userHandler), nullptr);
+    EXPECT_TRUE(takenOverQ(SIGUSR1));
+}
+
+// The next manager is to find what was registered: users come and go before signals are started.
+TEST_F(ManagerLifetime, LastManagerWithoutAStartTakesOnlyTheLockDown) {
+    const SignalTable* tables = nullptr;
+    {
+        Manager manager(true);
+        manager.setHandlerFromFunction(SIGUSR1, userHandler);
+        tables = Manager::handlerTables;
+    }
+    EXPECT_EQ(Manager::handlerTables, tables);
+    EXPECT_NE(recordOf(SIGUSR1, userHandler), nullptr);
+    EXPECT_EQ(Manager::handlerTableLock, nullptr);
+}
+
+// A manager that never locks does not know whether somebody else is about to use the lock.
+TEST_F(ManagerLifetime, LockSurvivesALastManagerThatNeverLocksAndServesALaterOne) {
+    const SVMutexHandle* lock = nullptr;
+    {
+        const Manager last(false);
+        const Manager locking(true);
+        lock = Manager::handlerTableLock;
+        // Destroyed in reverse order: the locking one first.
+    }
+    ASSERT_NE(lock, nullptr);
+    EXPECT_EQ(Manager::handlerTableLock, lock);
+    const Manager later(true);
+    EXPECT_EQ(Manager::handlerTableLock, lock);
+    EXPECT_TRUE(lockIsFree());
+}
+
+TEST_F(ManagerLifetime, LastManagerThatLocksDestroysTheLockAsWhatItIs) {
+    const std::shared_ptr<LockLog> log = WatchedLock::putInPlace();
+    {
+        const Manager first(true);
+        { const Manager second(true); }
+        EXPECT_EQ(log->destructions, 0U) << "somebody still needs it";
+    }
+    EXPECT_EQ(log->destructions, 1U);
+    EXPECT_EQ(log->locks, log->unlocks);
+    EXPECT_EQ(Manager::handlerTableLock, nullptr);
+}
+
+TEST_F(ManagerLifetime, LockIsReentrantForItsThreadAndShutForOthers) {
+    const Manager manager(true);
+    Manager::handlerTableLock->lock();
+    EXPECT_TRUE(Manager::handlerTableLock->tryLock());
+    Manager::handlerTableLock->unlock();
+    EXPECT_FALSE(lockIsFree()) << "it is still held once";
+    Manager::handlerTableLock->unlock();
+    EXPECT_TRUE(lockIsFree());
+}
+
+TEST_F(ManagerLifetime, TeardownRestoresValidHostHandlersAndKeepsTheSignalsOfOthers) {
+    hostInstalls(SIGUSR1, hostHandler, SA_NODEFER);
+    {
+        Manager manager(true);
+        manager.setHandlerFromFunction(SIGUSR1, userHandler);
+        manager.setHandlerFromFunction(SIGUSR2, userHandler);
+        manager.startHandlingSignals();
+    }
+    EXPECT_EQ(systemHandler(SIGUSR1), addressOf(hostHandler));
+    EXPECT_NE(systemAction(SIGUSR1).sa_flags & SA_NODEFER, 0)
+        << "the host's action comes back whole";
+    EXPECT_TRUE(takenOverQ(SIGUSR2)) << "nothing was there to be put back";
+}
+
+TEST_F(ManagerLifetime, TeardownDestroysEveryTableAsWhatItIsAndSkipsNull) {
+    int destructions = 0;
+    {
+        Manager manager(false);
+        Manager::handlerTables->insert(SIGUSR1 - 1, new WatchedTable(destructions));
+        Manager::handlerTables->insert(SIGUSR2 - 1, nullptr);
+        // Outside the signals that are walked; the outer table owns it nevertheless.
+        Manager::handlerTables->insert(1000, new WatchedTable(destructions));
+        manager.startHandlingSignals();
+        EXPECT_EQ(destructions, 0);
+    }
+    EXPECT_EQ(destructions, 2);
+    EXPECT_EQ(Manager::handlerTables, nullptr);
+}
+
+TEST_F(ManagerLifetime, ManagerOnTheHeapIsDestroyedThroughItsBase) {
+    SVObject* const manager = new Manager(false);
+    ASSERT_NE(manager, nullptr);
+    EXPECT_EQ(Manager::numberOfManagers, 1U);
+    delete manager;
+    EXPECT_EQ(Manager::numberOfManagers, 0U);
+}
+
+TEST_F(ManagerLifetime, ManagersOfManyThreadsAreAllCounted) {
+    constexpr int threadCount = 4;
+    constexpr int rounds = 500;
+    const Manager first(true);
+    {
+        std::vector<std::jthread> threads;
+        for (int i = 0; i < threadCount; ++i) {
+            threads.emplace_back([] {
+                for (int round = 0; round < rounds; ++round) {
+                    const Manager locking(true);
+                    const Manager another(false);
+                }
+            });
+        }
+    }
+    EXPECT_EQ(Manager::numberOfManagers, 1U);
+    EXPECT_TRUE(lockIsFree());
+}
+
+}  // namespace

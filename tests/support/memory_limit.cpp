@@ -1,0 +1,116 @@
+#include "support/memory_limit.h"
+
+#include <sorvane/svhashtable.h>
+
+#include <cstdio>
+#include <cstdlib>
+
+#include "support/sanitizers.h"
+
+namespace {
+
+using Sorvane::SVObject;
+
+// Up to here the allocator keeps a list of free blocks for each size, which only requests of that
+// size draw on; above, a large free block is split for a smaller request.
+constexpr std::size_t largestListedSize = 2048;
+constexpr std::size_t listStep = 8;
+constexpr std::size_t largestSize = std::size_t{1} << 24;
+constexpr std::size_t pageSize = 4096;
+
+// The stack could not grow under the limit either, so it grows before.
+[[gnu::noinline]] void growStack() noexcept {
+    volatile char room[64 * pageSize];
+    for (std::size_t i = 0; i < sizeof(room); i += pageSize) {
+        room[i] = 0;
+    }
+}
+
+[[noreturn]] void fail(const char* call) noexcept {
+    std::perror(call);
+    std::abort();
+}
+
+}  // namespace
+
+MemoryLimit::MemoryLimit(std::initializer_list<std::size_t> spare) {
+    Block* kept = nullptr;
+    for (const std::size_t size : spare) {
+        void* const storage = SVObject::operator new(size < sizeof(Block) ? sizeof(Block) : size);
+        if (storage == nullptr) {
+            fail("memory for the spare blocks");
+        }
+        kept = new (storage) Block{kept};
+    }
+    growStack();
+    if (getrlimit(RLIMIT_AS, &m_former) != 0) {
+        fail("getrlimit");
+    }
+    rlimit none = m_former;
+    none.rlim_cur = 0;
+    if (setrlimit(RLIMIT_AS, &none) != 0) {
+        fail("setrlimit");
+    }
+    takeRest();
+    while (kept != nullptr) {
+        Block* const next = kept->next;
+        SVObject::operator delete(kept);
+        kept = next;
+    }
+}
+
+bool MemoryLimit::takeBlock(std::size_t size) noexcept {
+    void* const storage = SVObject::operator new(size);
+    if (storage == nullptr) {
+        return false;
+    }
+    m_taken = new (storage) Block{m_taken};
+    return true;
+}
+
+bool MemoryLimit::takeAllOf(std::size_t size) noexcept {
+    bool tookAny = false;
+    while (takeBlock(size)) {
+        tookAny = true;
+    }
+    return tookAny;
+}
+
+void MemoryLimit::takeRest() noexcept {
+    bool tookAny = true;
+    // A large request can make the allocator merge small free blocks, hence the rounds.
+    while (tookAny) {
+        tookAny = false;
+        for (std::size_t size = largestSize; size > largestListedSize; size /= 2) {
+            tookAny = takeAllOf(size) || tookAny;
+        }
+        for (std::size_t size = largestListedSize; size >= sizeof(Block); size -= listStep) {
+            tookAny = takeAllOf(size) || tookAny;
+        }
+    }
+}
+
+void MemoryLimit::release() noexcept {
+    if (m_released) {
+        return;
+    }
+    m_released = true;
+    if (setrlimit(RLIMIT_AS, &m_former) != 0) {
+        fail("setrlimit");
+    }
+    while (m_taken != nullptr) {
+        Block* const next = m_taken->next;
+        SVObject::operator delete(m_taken);
+        m_taken = next;
+    }
+}
+
+const char* MemoryLimit::reasonForBeingAbsent() noexcept {
+    if constexpr (builtWithAddressSanitizer) {
+        return "AddressSanitizer's own memory can't be limited";
+    } else if constexpr (builtWithThreadSanitizer) {
+        return "ThreadSanitizer's own memory can't be limited";
+    } else {
+        return nullptr;
+    }
+}
