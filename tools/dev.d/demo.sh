@@ -1,0 +1,8 @@
+#!/usr/bin/env bash
+# summary: builds and runs the main job on real signals, and shows it
+source tools/devlib.sh
+
+require_packages build
+say "Building the examples"
+run_logged build-demo build_preset gcc-x86_64 --target examples || fail "the demo could not be built"
+exec build/gcc-x86_64/examples/demo "$@"

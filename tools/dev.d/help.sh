@@ -1,0 +1,11 @@
+#!/usr/bin/env bash
+# summary: lists the commands
+source tools/devlib.sh
+
+say "usage: ./dev COMMAND"
+say "Each command installs what it needs first."
+say ""
+for script in tools/dev.d/*.sh; do
+    name="$(basename "$script" .sh)"
+    printf '  %-10s %s\n' "$name" "$(sed -n 's/^# summary: //p' "$script")"
+done

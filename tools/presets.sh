@@ -1,0 +1,55 @@
+# shellcheck shell=bash
+# Runs the tests under one preset and counts them.
+source tools/devlib.sh
+
+# The programs of the sanitizers need an address space that older run-time
+# libraries cannot set up where the kernel randomises it strongly.
+without_randomised_addresses() {
+    if setarch --addr-no-randomize true 2>/dev/null; then
+        setarch --addr-no-randomize "$@"
+    else
+        "$@"
+    fi
+}
+
+run_ctest() {
+    local preset="$1" report="$2"
+    local command=(ctest --preset "$preset" --parallel "$(nproc)" --output-on-failure
+        --output-junit "$report")
+    case "$preset" in
+        asan-* | tsan-*) without_randomised_addresses "${command[@]}" ;;
+        *) "${command[@]}" ;;
+    esac
+}
+
+# What failed, without the hundreds of lines on what passed or was skipped.
+show_failures() {
+    grep -vE '^ *Start +[0-9]+: | Passed +[0-9.]+ sec$|\*\*\*Skipped|\(Skipped\)$' "$1" >&2 || true
+}
+
+report_count() {
+    grep -oE -m 1 "\\b$2=\"[0-9]+\"" "$1" | tr -cd '0-9'
+}
+
+# run_preset PRESET: sets passed, failed and skipped. What prevents a count counts
+# as one failure, and so does a run without tests.
+run_preset() {
+    local preset="$1" report="$PWD/build/$1/junit.xml" log="$log_dir/test-$1.log"
+    passed=0 failed=1 skipped=0
+    run_logged "build-$preset" build_preset "$preset" || return 1
+
+    local status=0
+    rm -f "$report"
+    run_ctest "$preset" "$report" >"$log" 2>&1 || status=$?
+    if [[ -f "$report" ]]; then
+        failed="$(report_count "$report" failures)"
+        skipped=$(($(report_count "$report" skipped) + $(report_count "$report" disabled)))
+        passed=$(($(report_count "$report" tests) - failed - skipped))
+    fi
+    if ((failed == 0 && (status != 0 || passed == 0))); then
+        failed=1
+    fi
+    ((failed == 0)) && return 0
+    show_failures "$log"
+    return 1
+}
