@@ -14,6 +14,7 @@
 
 #include "support/child_process.h"
 #include "support/manager_fixture.h"
+#include "support/sanitizers.h"
 
 namespace {
 
@@ -365,7 +366,8 @@ TEST_F(Dispatch, SignalThatArrivesInAHandlerIsDispatchedWithinIt) {
     raise(SIGUSR1);
     ASSERT_EQ(calledFunctions(),
               (std::vector<void*>{addressOf(handlerThatRaisesAnother), addressOf(userHandler)}));
-    EXPECT_EQ(lastCall().managers, 3U);
+    // ThreadSanitizer holds a signal that arrives in a handler back until the handler has returned.
+    EXPECT_EQ(lastCall().managers, builtWithThreadSanitizer ? 2U : 3U);
     EXPECT_EQ(Manager::numberOfManagers, 1U);
 }
 
