@@ -22,8 +22,7 @@
 
 namespace {
 
-// --- The processor
-// --------------------------------------------------------------------------------
+// --- The processor --------------------------------------------------------------------------
 
 #if defined(__x86_64__)
 constexpr bool processorStepsQ = true;
@@ -66,8 +65,7 @@ const char* reasonForNotStepping() {
     return underValgrindQ() ? "valgrind has no trap flag" : nullptr;
 }
 
-// --- What the processes of a test share
-// -----------------------------------------------------------
+// --- What the processes of a test share -----------------------------------------------------
 
 constexpr std::size_t pictureCapacity = 1 << 16;
 constexpr std::size_t reasonCapacity = 240;
@@ -100,8 +98,7 @@ void noteReason(const char* reason) {
     }
 }
 
-// --- One run
-// --------------------------------------------------------------------------------------
+// --- One run --------------------------------------------------------------------------------
 
 enum class Form { counting, onePerRun, everyInstruction };
 
@@ -331,8 +328,7 @@ void keepPicture() {
     endJudged();
 }
 
-// --- A test
-// ---------------------------------------------------------------------------------------
+// --- A test ---------------------------------------------------------------------------------
 
 // False when the process did not come to its end by itself, or its end was wrong.
 bool runInChild(const Scenario& scenario, Form form, unsigned long stride,
