@@ -93,7 +93,10 @@ TEST_F(Registration, OfDefaultAndIgnoreIsStoredUnderZeroAndOne) {
 
 TEST_F(Registration, ClearingWhatWasNeverRegisteredChangesNothing) {
     m_manager.clearHandlerWithFunction(SIGUSR2, userHandler);
+    Record nobodys = hostRecord(SIGUSR2, hostHandler);
+    m_manager.clearHandler(nobodys);
     EXPECT_EQ(tableOf(SIGUSR2), nullptr) << "clearing makes no table";
+    EXPECT_TRUE(defaultInSystemQ(SIGUSR2));
     m_manager.setHandlerFromFunction(SIGUSR1, userHandler);
     m_manager.clearHandlerWithFunction(SIGUSR1, otherUserHandler);
     Record never = hostRecord(SIGUSR1, hostHandler);

@@ -9,6 +9,7 @@
 #include <limits>
 #include <string>
 #include <type_traits>
+#include <utility>
 #include <vector>
 
 #include "support/table_kinds.h"
@@ -342,6 +343,17 @@ TYPED_TEST(BothTables, ResizeGivesTheSmallestSizeAboveItsArgumentFrom16On) {
         this->expectCounts(2, 2, slots);
         EXPECT_TRUE(this->has(2) && this->has(10)) << slots;
     }
+}
+
+// Twice the largest power of two wraps to 0, which ends the doubling; nothing but the end slot is
+// left then.
+TYPED_TEST(BothTables, ResizeToMoreSlotsThanCanBeCountedGivesNone) {
+    EXPECT_EQ(this->table.resize(1U << 31), 2U);
+    EXPECT_EQ(this->table.mask, std::numeric_limits<unsigned>::max());
+    EXPECT_TRUE(this->table.begin() == this->table.end());
+    auto* const endSlot = std::exchange(this->table.table, this->table.smalltable);
+    this->table.mask = 7;
+    delete[] endSlot;
 }
 
 TYPED_TEST(BothTables, ResizeBelow8BringsAHeapTableBackInline) {

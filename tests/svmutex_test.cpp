@@ -126,8 +126,10 @@ TEST(SVMutexHandle, LockWaitsUntilTheHolderUnlocks) {
     EXPECT_EQ(placeOfOther, 2);
 }
 
+// A number that names no kind counts as the default one.
 TEST(SVMutexHandle, OfAnotherKindRefusesItsHolder) {
-    for (const auto kind : {Sorvane::svmutexNormal, Sorvane::svmutexErrorCheck}) {
+    for (const auto kind : {Sorvane::svmutexDefault, Sorvane::svmutexNormal,
+                            Sorvane::svmutexErrorCheck, static_cast<_svmutex>(4)}) {
         SVMutexHandle handle(kind, true);
         handle.lock();
         EXPECT_FALSE(handle.tryLock());

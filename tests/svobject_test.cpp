@@ -168,6 +168,13 @@ TEST_F(SVObjectOperators, NewGivesNullForAnImpossibleSize) {
     EXPECT_EQ(SVObject::operator new[](impossibleSize), nullptr);
 }
 
+// With what the library needs for itself, such a size is more than can be expressed.
+TEST_F(SVObjectOperators, NewGivesNullForASizeThatWraps) {
+    const volatile std::size_t size = std::numeric_limits<std::size_t>::max() - 1;
+    EXPECT_EQ(SVObject::operator new(size), nullptr);
+    EXPECT_EQ(SVObject::operator new[](size), nullptr);
+}
+
 TEST_F(SVObjectOperators, NewGivesNullWithoutMemory) {
     SKIP_WITHOUT_MEMORY_LIMIT();
     bool gaveAny = false;

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <link.h>
 #include <sorvane/svsignalhandlermanager.h>
+#include <sys/auxv.h>
 
 #include <algorithm>
 #include <csignal>
@@ -531,6 +532,27 @@ TEST(SVSignalHandlerText, TellsTheHandlersFunctionAndModule) {
         textOf(SVSignalHandler(1, handlerWithoutInformation, false, false, true));
     EXPECT_EQ(contentOf(text, "function"), "handlerWithoutInformation(int)");
     EXPECT_EQ(contentOf(text, "module").find(executablesName() + "+0x"), 0U) << text;
+}
+
+TEST(SVSignalHandlerText, TellsAPlaceInsideAFunctionByItsDistanceFromTheBeginning) {
+    const auto inside = reinterpret_cast<std::uintptr_t>(handlerWithoutInformation) + 1;
+    const auto handler = reinterpret_cast<void (*)(int)>(inside);
+    const std::string text = textOf(SVSignalHandler(1, handler, false, false, true));
+    EXPECT_EQ(contentOf(text, "function"), "handlerWithoutInformation(int)+0x1");
+}
+
+// The kernel's own module, which has a name, but no file and so no folder.
+TEST(SVSignalHandlerText, TellsAModuleWithoutAFolder) {
+    const unsigned long kernelsModule = getauxval(AT_SYSINFO_EHDR);
+    if (kernelsModule == 0) {
+        GTEST_SKIP() << "this kernel has no module in the process";
+    }
+    const auto handler = reinterpret_cast<void (*)(int)>(kernelsModule);
+    const std::string text = textOf(SVSignalHandler(1, handler, false, false, true));
+    const std::string module = contentOf(text, "module");
+    EXPECT_TRUE(module == "linux-vdso.so.1+0x0" || module == "linux-gate.so.1+0x0" ||
+                module == "linux-gate.so.2+0x0")
+        << text;
 }
 
 TEST(SVSignalHandlerText, TellsSigDflAndSigIgnByName) {

@@ -13,7 +13,7 @@ void assignWhatFits(SVExceptionMessage::String& target, const char* text) noexce
     const std::size_t length = (text == nullptr) ? 0 : std::strlen(text);
     try {
         target.assign(text == nullptr ? "" : text, length);
-    } catch (const std::bad_alloc&) {
+    } catch (const std::bad_alloc&) {  // GCOVR_EXCL_BR_LINE: assign() throws no other
         target.assign(text, std::min(length, target.capacity()));
     }
 }

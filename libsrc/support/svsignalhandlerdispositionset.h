@@ -59,8 +59,8 @@ private:
         return std::uint32_t{1} << (static_cast<unsigned int>(signalNumber) % bitsInWord);
     }
     static constexpr bool handledAtFirstQ(int signalNumber) noexcept {
-        return coveredQ(signalNumber) && signalNumber != SIGKILL && signalNumber != SIGSTOP &&
-               signalNumber != 32 && signalNumber != 33;
+        return signalNumber != SIGKILL && signalNumber != SIGSTOP && signalNumber != 32 &&
+               signalNumber != 33;
     }
     static constexpr std::uint32_t initialWord(unsigned int word) noexcept {
         std::uint32_t answers = 0;

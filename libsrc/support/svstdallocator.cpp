@@ -1,7 +1,7 @@
 #include "svstdallocator.h"
 
 #include <atomic>
-#include <functional>
+#include <cstdint>
 
 namespace Sorvane {
 
@@ -30,11 +30,11 @@ char* takeFromReserve(std::size_t size) noexcept {
     return nullptr;
 }
 
-// std::less orders any two pointers; the built-in comparison only those into one array.
+// As numbers, because pointers may be compared only within one array. What lies before the reserve
+// wraps to a distance far beyond its end.
 bool isFromReserve(const char* storage) noexcept {
-    const std::less<const char*> before;
-    const char* const first = reserve[0];
-    return !before(storage, first) && before(storage, first + sizeof(reserve));
+    const auto first = reinterpret_cast<std::uintptr_t>(reserve);
+    return reinterpret_cast<std::uintptr_t>(storage) - first < sizeof(reserve);
 }
 
 void giveBackToReserve(const char* storage) noexcept {

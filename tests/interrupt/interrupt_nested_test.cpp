@@ -69,6 +69,11 @@ void handBackSameSignal(int) {
     inner.stopHandlingSignal(SIGUSR1);
 }
 
+void handBackOtherSignal(int) {
+    Manager inner(false);
+    inner.stopHandlingSignal(SIGUSR2);
+}
+
 void stopHandling(int) {
     Manager inner(false);
     inner.stopHandlingSignals();
@@ -223,6 +228,25 @@ TEST(InterruptedHandleSignalByAHandler, ThatTakesTheSameSignalOver) {
                  .everyTime = {0, 1, 2, 3},
                  .endsAs = EndsAs::deliveredAfterwards,
                  .detail = Detail::records});
+}
+
+// Once actualSignalHandler is installed, and before the host's handler is on record, nobody knows
+// what to hand back. Handed back before, while it has a table but no record, the signal is ignored,
+// and that is what is taken over.
+TEST(InterruptedHandleSignalByAHandler, ThatHandsTheSameSignalBack) {
+    stepThrough({.prepare =
+                     [] {
+                         std::signal(SIGUSR2, handlerOf[host]);
+                         handlingWith(handBackOtherSignal)();
+                     },
+                 .operate = [] { manager->handleSignal(SIGUSR2); },
+                 .everyTime = {0, 1, 2, 3},
+                 .endsAs = EndsAs::alsoSaysTheWholeTruth,
+                 .also =
+                     [] {
+                         std::raise(SIGUSR2);
+                         return calls[host] == (hasRecord(SIGUSR2, handlerOf[host]) ? 1U : 0U);
+                     }});
 }
 
 TEST(InterruptedStopHandlingSignalsByAHandler, ThatStopsToo) {

@@ -1,0 +1,14 @@
+# Counts which lines and branches run, for the report of `./dev coverage`.
+if(NOT SORVANE_SIGNALS_COVERAGE)
+  return()
+endif()
+
+# Threads and signal handlers count at once, hence the atomic counters. GoogleTest, the one system
+# library that is built here, is none of the report's business.
+set(coverage_flags --coverage -fprofile-update=atomic)
+add_compile_options("$<$<NOT:$<BOOL:$<TARGET_PROPERTY:SYSTEM>>>:${coverage_flags}>")
+add_link_options(--coverage)
+
+# Linked into each program.
+add_library(sorvane-signals-coverage-exit OBJECT cmake/coverage_exit.cpp)
+link_libraries($<$<STREQUAL:$<TARGET_PROPERTY:TYPE>,EXECUTABLE>:sorvane-signals-coverage-exit>)

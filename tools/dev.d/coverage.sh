@@ -1,0 +1,64 @@
+#!/usr/bin/env bash
+# summary: runs the tests and reports the lines and branches of libsrc/ that they leave out
+source tools/presets.sh
+
+readonly counting_preset=coverage-x86_64
+readonly trace=build/$counting_preset/coverage.json
+readonly html_dir=build/$counting_preset/coverage-html
+
+# What is excluded is excluded in the code, each with its reason behind the mark.
+check_exclusions() {
+    if grep -rnE '(GCOVR?|LCOV)_EXCL' libsrc |
+        grep -vE 'GCOVR_EXCL_(LINE|BR_LINE|START): [^ ]|GCOVR_EXCL_STOP' >&2; then
+        say "These exclusions have no reason, or a form that is not known here." >&2
+        return 1
+    fi
+}
+
+count_lines() {
+    gcovr --root libsrc --json "$trace" build/$counting_preset &&
+        python3 tools/coverage_branches.py build/$counting_preset libsrc "$trace"
+}
+
+make_html() {
+    rm -rf "$html_dir" && mkdir -p "$html_dir" &&
+        gcovr --root libsrc --add-tracefile "$trace" --html-details "$html_dir/index.html"
+}
+
+# report TITLE OPTION...: one table; the options are gcovr's.
+report() {
+    say ""
+    say "$1"
+    gcovr --root libsrc --add-tracefile "$trace" "${@:2}"
+}
+
+# stage COMMAND...: counts whether it holds.
+stage() {
+    if "$@"; then
+        stages_passed=$((stages_passed + 1))
+    else
+        stages_failed=$((stages_failed + 1))
+    fi
+}
+
+(($# == 0)) || wrong_usage "coverage: takes no arguments, not \"$*\""
+require_packages build coverage
+stages_passed=0
+stages_failed=0
+
+say "$counting_preset: building and testing"
+# Whatever was counted by an earlier run.
+[[ ! -d build/$counting_preset ]] || find build/$counting_preset -name '*.gcda' -delete
+stage run_preset $counting_preset
+say "$passed tests passed, $failed failed"
+((passed > 0)) || fail "nothing ran that could be reported"
+run_logged coverage count_lines || fail "what ran could not be told"
+run_logged coverage-html make_html || fail "the HTML report could not be written"
+stage check_exclusions
+stage report "Lines" --fail-under-line 100
+stage report "Branches" --branches --fail-under-branch 100
+
+say ""
+say "Line by line: $html_dir/index.html"
+say "$stages_passed passed, $stages_failed failed"
+((stages_failed == 0))
