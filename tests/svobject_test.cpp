@@ -1,9 +1,12 @@
 // The root class, its allocation operators, and the tree of classes that derive from it.
 
+#include <../support/svhandlercontext.h>
 #include <../support/svthreadsfactory.h>
 #include <gtest/gtest.h>
+#include <malloc.h>
 
 #include <algorithm>
+#include <csignal>
 #include <cstddef>
 #include <cstdint>
 #include <limits>
@@ -13,8 +16,11 @@
 #include <stdexcept>
 #include <type_traits>
 #include <utility>
+#include <vector>
 
 #include "support/memory_limit.h"
+#include "support/sanitizers.h"
+#include "support/single_steps.h"
 #include "support/table_kinds.h"
 #include "support/tracked_value.h"
 #include "support/virtual_table.h"
@@ -286,6 +292,48 @@ TEST_F(SVObjectOperators, ObjectsCanBeKeptInStandardContainers) {
     std::list<Probe> probes(3);
     EXPECT_EQ(probes.back().content, 4711);
 }
+
+#if defined(__x86_64__) || defined(__i386__)
+
+// Blocks of the heap that signal handlers release, one at each instruction of another release. They
+// are too large for the heap's lists of blocks that it goes on counting as used.
+constexpr std::size_t blockSize = 4000;
+std::vector<void*> blocksToRelease;
+
+void releaseABlock(int) {
+    if (!blocksToRelease.empty()) {
+        SVObject::operator delete(blocksToRelease.back());
+        blocksToRelease.pop_back();
+    }
+}
+
+void releaseInterruptedByReleases(void* storage) {
+    const SVHandlerContext::Scope scope;
+    const SingleSteps steps;
+    SVObject::operator delete(storage);
+}
+
+TEST_F(SVObjectOperators, NoBlockIsLostThatIsReleasedInAHandlerWhileOthersAre) {
+    if (builtWithAddressSanitizer || builtWithThreadSanitizer) {
+        GTEST_SKIP() << "a sanitizer steps badly, and has a heap of its own";
+    }
+    blocksToRelease.reserve(1000);
+    std::signal(SIGTRAP, releaseABlock);
+    const std::size_t usedBefore = mallinfo2().uordblks;
+    void* const storage = SVObject::operator new(blockSize);
+    while (blocksToRelease.size() < blocksToRelease.capacity()) {
+        blocksToRelease.push_back(SVObject::operator new(blockSize));
+    }
+    releaseInterruptedByReleases(storage);
+    while (!blocksToRelease.empty()) {
+        releaseABlock(0);
+    }
+    // Takes what was put aside to the heap.
+    SVObject::operator delete(SVObject::operator new(blockSize));
+    EXPECT_EQ(mallinfo2().uordblks, usedBefore);
+}
+
+#endif
 
 // ---- The order of the virtual functions ------------------------------------------------------
 
