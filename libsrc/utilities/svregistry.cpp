@@ -523,6 +523,7 @@ bool SVRegistry::create() noexcept {
     if (version == nullptr) {
         return false;
     }
+    version->beginRegistry();
     if (!version->publishInsteadOf(nullptr)) {
         version->discard();
         return false;

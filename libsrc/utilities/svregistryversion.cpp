@@ -17,6 +17,7 @@ static_assert(std::atomic<bool>::is_always_lock_free);
 
 constinit SVRecycler<Version> versions;
 constinit std::atomic<unsigned int> layouts{0};
+constinit std::atomic<unsigned int> registries{0};
 
 // Copies a table slot by slot, deleted ones included, into an empty one. False without memory.
 template <typename Table>
@@ -101,6 +102,10 @@ bool Version::replaceBy(Version* successor) noexcept {
     return place().compare_exchange_strong(current, successor, std::memory_order_seq_cst);
 }
 
+void Version::beginRegistry() noexcept {
+    m_registry = registries.fetch_add(1, std::memory_order_relaxed);
+}
+
 Version* Version::make() noexcept {
     return versions.take();
 }
@@ -113,6 +118,7 @@ bool Version::takeQ() noexcept {
 }
 
 bool Version::copyFrom(const Version& other) noexcept {
+    m_registry = other.m_registry;
     const bool complete = copyTable<SVSignalTable>(other, *this);
     forEachTable(*this, share);
     return complete;

@@ -79,6 +79,10 @@ public:
         return entry == nullptr ? nullptr : entry->value;
     }
 
+    /// Which registry it is a version of: those between two ends of the last manager are one.
+    unsigned int registry() const noexcept { return m_registry; }
+    void beginRegistry() noexcept;
+
     // --- Its life. Signal context: any context.
 
     /// An empty version for the caller alone, recycled or new; null without memory.
@@ -118,6 +122,7 @@ private:
     std::atomic<unsigned int> m_pins{0};
     std::atomic<State> m_state{inUse};
     std::atomic<bool> m_superseded{false};
+    unsigned int m_registry = 0;
     bool m_lastOne = false;  ///< of its registry, and so owner of every table
 };
 

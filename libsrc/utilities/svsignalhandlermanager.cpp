@@ -90,10 +90,24 @@ private:
     bool m_failing = true;
 };
 
+bool takenOverQ(int signalNumber) noexcept {
+    const SVRegistryPin pin;
+    const SVSignalHandlerTable* const table = pin.tableOf(signalNumber);
+    if (table == nullptr || table->used == 0) {
+        return false;
+    }
+    bool hostsOwn = false;
+    for (auto position = table->begin(); position != table->end(); position++) {
+        hostsOwn = hostsOwn || position.GetValue().preExistsQ();
+    }
+    return hostsOwn || SVLifecycle::handlingQ();
+}
+
 }  // namespace
 
 // At every step somebody else may have completed this teardown, in a handler or on another thread,
-// and gone on; then the rest is none of its business any more.
+// and gone on; then the rest is none of its business any more. If that was just before a handler
+// was put back here, the signal may have been taken over anew.
 void SVSignalHandlerManager::tearDown(unsigned int teardown) {
     const auto wanted = [teardown] { return SVLifecycle::currentTeardown() == teardown; };
     {
@@ -105,12 +119,12 @@ void SVSignalHandlerManager::tearDown(unsigned int teardown) {
             if (!wanted()) {
                 return false;
             }
-            SVSignalHandler displaced = installHandlerInSystem(record);
-            if (!wanted()) {
-                installHandlerInSystem(displaced);
-                return false;
+            installHandlerInSystem(record);
+            if (!wanted() && takenOverQ(record.getSignalNumber())) {
+                SVSignalHandler own = theSVHandler(record.getSignalNumber());
+                installHandlerInSystem(own);
             }
-            return true;
+            return wanted();
         });
         failing.goOn();
         if (!wanted()) {

@@ -129,6 +129,7 @@ private:
     bool clearedMeanwhileQ(const SVSignalHandler& record) const noexcept {
         const SVRegistryPin now;
         return now.version() != nullptr &&
+               now.version()->registry() == m_pin.version()->registry() &&
                !inTableQ(now.tableOf(m_signalNumber), record.getHandlerFunction());
     }
 

@@ -16,6 +16,7 @@ Manager* manager;
 Manager* kept;
 
 constexpr std::size_t host = 7;
+constexpr std::size_t otherHost = 8;
 
 bool hasRecord(int signalNumber, SimpleHandler handler) {
     const auto* const tables = Manager::handlerTables;
@@ -294,6 +295,27 @@ TEST(InterruptedLastManagerByAHandler, ThatMakesAManagerAndKeepsIt) {
                              return Manager::numberOfManagers == 0;
                          }
                          return Manager::numberOfManagers == 1 && hasRecord(SIGUSR2, handlerOf[6]);
+                     }});
+}
+
+// Whoever of the two puts the hosts' handlers back, they are there at the end.
+TEST(InterruptedLastManagerByAHandler, ThatMakesAManagerWhileHostsHandlersArePutBack) {
+    stepThrough({.prepare =
+                     [] {
+                         std::signal(SIGUSR1, handlerOf[host]);
+                         std::signal(SIGUSR2, handlerOf[otherHost]);
+                         handlingWith(keepManager)();
+                         manager->handleSignal(SIGUSR2);
+                     },
+                 .operate = [] { delete manager; },
+                 .everyTime = {host},
+                 .endsAs = EndsAs::alsoSaysTheWholeTruth,
+                 .also =
+                     [] {
+                         const bool changed = hasRecord(SIGUSR2, handlerOf[6]);
+                         std::raise(SIGUSR2);
+                         return changed == (kept != nullptr) && calls[otherHost] == 1 &&
+                                Manager::numberOfManagers == (kept == nullptr ? 0U : 1U);
                      }});
 }
 
