@@ -6,6 +6,8 @@
 #include <cstddef>
 #include <cstring>
 
+#include "fuzz/special_handlers.h"
+
 namespace {
 
 constexpr const char* managerFile = "libsrc/utilities/svsignalhandlermanager";
@@ -112,6 +114,7 @@ void ManagerModel::destroyManager(bool locking) {
             lockLeftHeld = locking && lockExists;
             throw;
         }
+        noteTables();
         handling = false;
         tablesExist = false;
         signals.clear();
@@ -120,6 +123,15 @@ void ManagerModel::destroyManager(bool locking) {
     }
     if (managers == 0 && locking) {
         lockExists = false;
+    }
+}
+
+void ManagerModel::noteTables() {
+    outerEvents.growths += outer.events.growths;
+    for (const auto& [key, signal] : signals) {
+        innerEvents.growths += signal.table.events.growths;
+        innerEvents.inlineCleans += signal.table.events.inlineCleans;
+        innerEvents.unreachableCopies += signal.table.events.unreachableCopies;
     }
 }
 
@@ -225,9 +237,14 @@ bool ManagerModel::hasHostsOwnQ(int signalNumber) const {
 }
 
 void ManagerModel::call(const ModelRecord& record) {
-    if (!specialQ(record.function())) {
-        calls.push_back({record.function(), record.signalNumber,
-                         (record.action.sa_flags & SA_SIGINFO) != 0, managers});
+    if (specialQ(record.function())) {
+        return;
+    }
+    calls.push_back({record.function(), record.signalNumber,
+                     (record.action.sa_flags & SA_SIGINFO) != 0, managers});
+    if (record.function() == reinterpret_cast<void*>(&resettingHandler) &&
+        installableQ(record.signalNumber)) {
+        system[static_cast<std::size_t>(record.signalNumber)] = {};
     }
 }
 
@@ -294,6 +311,7 @@ void ManagerModel::clearHandler(const ModelRecord& record) {
 
 ModelRecord ManagerModel::install(const ModelRecord& record) {
     if (!installableQ(record.signalNumber)) {
+        ++refusedInstallations;
         throw ModelFailure{"installHandlerInSystem caught an error from sigaction.", managerFile,
                            346, 4, EINVAL};
     }

@@ -77,6 +77,15 @@ public:
     std::array<struct sigaction, lastSystemSignal + 1> system = {};
     std::vector<ModelCall> calls;
 
+    // --- What happened, for those who want to know whether enough did ---------------------------
+
+    unsigned int refusedInstallations = 0;
+    TableEvents outerEvents;
+    TableEvents innerEvents;
+
+    /// Adds what happened in the tables that there are; done before they go.
+    void noteTables();
+
     /// Which of the next operation's needs for memory are not met: bit n for the need n + 1.
     unsigned int unmetNeeds = 0;
     unsigned int needs = 0;  ///< how many there were

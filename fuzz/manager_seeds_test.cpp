@@ -3,11 +3,24 @@
 #include <gtest/gtest.h>
 
 #include <cstddef>
+#include <string>
 
 #include "fuzz/byte_source.h"
 #include "fuzz/manager_body.h"
 
 namespace {
+
+void expectThatEverythingHappened(const ManagerEvents& events) {
+    EXPECT_GT(events.steps, 0U);
+    EXPECT_GT(events.calls, 0U);
+    EXPECT_GT(events.refusedInstallations, 0U);
+    EXPECT_GT(events.failedTeardowns, 0U);
+    EXPECT_GT(events.endedProcesses, 0U);
+    EXPECT_GT(events.outerGrowths, 0U);
+    EXPECT_GT(events.innerGrowths, 0U);
+    EXPECT_GT(events.innerCleans, 0U);
+    EXPECT_GT(events.unreachableCopies, 0U);
+}
 
 class ManagerModelHistories : public testing::TestWithParam<unsigned> {};
 
@@ -15,10 +28,13 @@ class ManagerModelHistories : public testing::TestWithParam<unsigned> {};
 TEST_P(ManagerModelHistories, AgreeAfterEveryStep) {
     constexpr unsigned histories = 50;
     constexpr std::size_t bytesInHistory = 2000;
+    ManagerEvents events;
     for (unsigned i = 0; i < histories; ++i) {
         const Bytes bytes = bytesFromSeed(GetParam() + i, bytesInHistory);
-        ASSERT_EQ(playManagers(bytes.data(), bytes.size()), "") << "with seed " << GetParam() + i;
+        ASSERT_EQ(playManagers(bytes.data(), bytes.size(), events), "")
+            << "with seed " << GetParam() + i;
     }
+    expectThatEverythingHappened(events);
 }
 
 INSTANTIATE_TEST_SUITE_P(Histories, ManagerModelHistories,

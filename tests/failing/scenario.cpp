@@ -1,7 +1,9 @@
 #include "failing/scenario.h"
 
 #include <csignal>
+#include <cstdint>
 
+#include "fuzz/special_handlers.h"
 #include "support/observed_handlers.h"
 
 namespace {
@@ -14,6 +16,12 @@ constexpr int extraSignal = SIGURG;
 ModelRecord userOf(int signalNumber, std::size_t handler) {
     struct sigaction action = {};
     action.sa_handler = numberedHandlers.at(handler);
+    return {signalNumber, actionOfFunction(action), false, false, true};
+}
+
+ModelRecord resettingOf(int signalNumber) {
+    struct sigaction action = {};
+    action.sa_handler = resettingHandler;
     return {signalNumber, actionOfFunction(action), false, false, true};
 }
 
@@ -105,22 +113,27 @@ private:
         add([=](ManagerPair& pair) { return pair.setHandlers(locking, list); });
     }
 
-    // Deleted slots are never so many but that a rebuild at the same size does.
+    // Five slots deleted and a sixth used: the table is rebuilt at the same size.
     void registerSoThatATableIsCleaned() {
         clear(locking, userOf(m_signals[5], 0));
-        for (std::size_t handler = 8; handler < 24; ++handler) {
-            set(locking, userOf(m_signals[5], handler));
-            clear(locking, userOf(m_signals[5], handler));
+        for (std::uintptr_t address = 0x1001; address < 0x1006; ++address) {
+            set(locking, neverCalledRecord(m_signals[5], address, false));
+            clear(locking, neverCalledRecord(m_signals[5], address, false));
         }
         set(locking, userOf(m_signals[5], 0));
     }
 
+    // Signals that are taken over although nobody registered for them get their tables then.
     void startAndDeliver() {
+        for (const int signalNumber : {SIGWINCH, SIGALRM}) {
+            add([=](ManagerPair& pair) { return pair.handle(locking, signalNumber); });
+        }
         add([](ManagerPair& pair) { return pair.start(locking); });
         deliverToEach();
     }
 
     void registerWhileHandling() {
+        set(locking, resettingOf(m_signals[3]));
         for (const int signalNumber : m_signals) {
             set(otherLocking, userOf(signalNumber, 10));
         }
