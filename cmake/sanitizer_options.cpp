@@ -24,7 +24,7 @@ const char* __tsan_default_options() {
 // made lie in mappings of their own, where LeakSanitizer does not look for
 // pointers, so those that come behind one in the list seem to be lost.
 const char* __lsan_default_suppressions() {
-    return "leak:anyVersion\n";
+    return "leak:SVRecycler\n";
 }
 
 const char* __ubsan_default_options() {

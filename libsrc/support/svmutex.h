@@ -43,7 +43,7 @@ public:
     virtual void unlock();
 
 private:
-    friend class SVSharedLockLease;
+    friend class SVRetiredHandles;
 
     pthread_mutex_t m_mutex;
     SVMutexHandle* m_nextRetired = nullptr;  ///< of those that are out of use

@@ -21,10 +21,12 @@
 #include <new>
 
 #include "svhandlercontext.h"
+#include "svmemoryrefusal.h"
 
 namespace Sorvane {
 
 constinit thread_local unsigned int SVHandlerContext::depth = 0;
+constinit thread_local bool SVMemoryRefusal::inForce = false;
 
 namespace {
 
@@ -74,7 +76,7 @@ void freeWhatWasPutAside() noexcept {
 }  // namespace
 
 void* SVObject::operator new(std::size_t size) noexcept {
-    if (size > SIZE_MAX - sizeof(Header)) {
+    if (size > SIZE_MAX - sizeof(Header) || SVMemoryRefusal::inForceQ()) {
         return nullptr;
     }
     Header* block = nullptr;

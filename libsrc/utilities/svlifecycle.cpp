@@ -56,17 +56,23 @@ void SVLifecycle::managerMade() noexcept {
     }
 }
 
+// The word may change in between without a manager having been made: a handler may start or stop
+// handling. Only another generation says that this manager was not the last one after all.
 SVLifecycle::Teardown SVLifecycle::managerGone() noexcept {
     const unsigned int before = word.load();
-    if (managerCount().fetch_sub(1) != 1 || !handlingQ() || (before & teardownFlag) != 0) {
+    if (managerCount().fetch_sub(1) != 1) {
         return 0;
     }
-    const unsigned int after = ((before + generation) & ~handlingFlag) | teardownFlag;
-    if (!swap(before, after)) {
-        return 0;
+    unsigned int current = before;
+    while (handlingQ() && (current & teardownFlag) == 0 &&
+           current / generation == before / generation) {
+        const unsigned int after = ((current + generation) & ~handlingFlag) | teardownFlag;
+        if (word.compare_exchange_weak(current, after)) {
+            copyHandling();
+            return after;
+        }
     }
-    copyHandling();
-    return after;
+    return 0;
 }
 
 SVLifecycle::Teardown SVLifecycle::currentTeardown() noexcept {

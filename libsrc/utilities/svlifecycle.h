@@ -8,9 +8,9 @@
 // The mechanism. One word holds a generation, whether signals are being handled, and whether the
 // state is being torn down. The last manager reads the word, counts itself out, and then, if it
 // was the last, swaps the word for one of the next generation that says "not handled, being torn
-// down". The swap fails if the word has changed since it was read; a manager that is made when
-// none is alive changes it, and so does another one's teardown. So a state is torn down once, and
-// only if no manager was made in between.
+// down". It does not if the generation has changed since the word was read; a manager that is made
+// when none is alive changes it, and so does another one's teardown. So a state is torn down once,
+// and only if no manager was made in between.
 //
 // A teardown that somebody was interrupted in, or is slow with, is completed by the next one who
 // is to change the registry, so that the change goes to the state after it. Whoever resumes the

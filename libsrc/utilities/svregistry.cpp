@@ -3,166 +3,29 @@
 #include <pthread.h>
 
 #include <csignal>
+#include <ctime>
 #include <memory>
-#include <typeinfo>
 
+#include "../support/svmemoryrefusal.h"
 #include "svmanagerfailure.h"
 
 namespace Sorvane {
-
-SVRegistryVersion::~SVRegistryVersion() noexcept {
-    state.store(gone, std::memory_order_release);
-}
-
-void SVRegistryVersion::operator delete(void*) noexcept {}
 
 namespace {
 
 using Version = SVRegistryVersion;
 
-static_assert(std::atomic_ref<SVSignalTable*>::is_always_lock_free);
-static_assert(std::atomic<unsigned int>::is_always_lock_free);
-static_assert(std::atomic<bool>::is_always_lock_free);
-
-std::atomic<Version*> newestVersion{nullptr};
 std::atomic<bool> changingInPlace{false};
 
-// --- The published version ---------------------------------------------------------------
-
-Version* published() noexcept {
-    const std::atomic_ref<SVSignalTable*> tables(SVSignalHandlerManager::handlerTables);
-    return static_cast<Version*>(tables.load(std::memory_order_seq_cst));
-}
-
-bool publish(Version* expected, Version* wanted) noexcept {
-    const std::atomic_ref<SVSignalTable*> tables(SVSignalHandlerManager::handlerTables);
-    SVSignalTable* current = expected;
-    return tables.compare_exchange_strong(current, wanted, std::memory_order_seq_cst);
-}
-
-void markRetired(Version& version) noexcept {
-    version.state.store(Version::retired, std::memory_order_release);
-}
-
-// --- Versions as storage -----------------------------------------------------------------
-
-Version* recycledVersion() noexcept {
-    for (Version* version = newestVersion.load(std::memory_order_acquire); version != nullptr;
-         version = version->nextMade) {
-        Version::State state = Version::free;
-        // Acquire pairs with the release in emptied(): the table is empty again.
-        if (version->state.compare_exchange_strong(state, Version::inUse, std::memory_order_acquire,
-                                                   std::memory_order_relaxed)) {
-            return version;
-        }
-    }
-    return nullptr;
-}
-
-Version* anyVersion() noexcept {
-    if (Version* const version = recycledVersion()) {
-        return version;
-    }
-    Version* const version = new Version;
-    if (version != nullptr) {
-        version->nextMade = newestVersion.load(std::memory_order_relaxed);
-        while (!newestVersion.compare_exchange_weak(
-            version->nextMade, version, std::memory_order_release, std::memory_order_relaxed)) {
-        }
-    }
-    return version;
-}
-
-// Makes a version an empty table again, without the inner tables, and free to be used.
-void emptied(Version& version) noexcept {
-    if (version.table != version.smalltable) {
-        delete[] version.table;
-        version.table = version.smalltable;
-        version.mask = sizeof(version.smalltable) / sizeof(version.smalltable[0]) - 2;
-    }
-    for (auto& slot : version.smalltable) {
-        slot.state = svslotEmpty;
-    }
-    version.used = 0;
-    version.fill = 0;
-    version.lastOne = false;
-    version.state.store(Version::free, std::memory_order_release);
-}
-
-// Copies a table slot by slot, deleted ones included, into an empty one. False without memory.
-template <typename Table>
-bool copyTable(const Table& from, Table& to) {
-    if (from.mask != to.mask) {
-        auto* const slots = new typename Table::Entry[from.mask + 2];
-        if (slots == nullptr) {
-            return false;
-        }
-        to.table = slots;
-        to.mask = from.mask;
-    }
-    for (unsigned int i = 0; i <= from.mask; ++i) {
-        if (from.table[i].state != svslotEmpty) {
-            to.table[i] = from.table[i];
-        }
-    }
-    to.used = from.used;
-    to.fill = from.fill;
-    return true;
-}
-
-// --- Inner tables ------------------------------------------------------------------------
-
-// An inner table, and how many versions have it.
-class SharedTable final : public SVSignalHandlerTable {
-public:
-    SharedTable() noexcept = default;
-    ~SharedTable() noexcept override {}
-
-    std::atomic<unsigned int> versions{1};
-};
-
-// Whoever puts a table into the outer one by hand, past the manager, has put in a plain one.
-SharedTable* sharedTable(SVSignalHandlerTable* table) noexcept {
-    const bool shared = table != nullptr && typeid(*table) == typeid(SharedTable);
-    return shared ? static_cast<SharedTable*>(table) : nullptr;
-}
-
-void share(SVSignalHandlerTable* table) noexcept {
-    if (SharedTable* const shared = sharedTable(table)) {
-        // Whoever shares a table has it in a version that is pinned, so it can't go meanwhile.
-        shared->versions.fetch_add(1, std::memory_order_relaxed);
-    }
-}
-
-// Acquire and release: whoever deletes the table comes after all that was done with it.
-void letGo(SVSignalHandlerTable* table) noexcept {
-    SharedTable* const shared = sharedTable(table);
-    if (shared != nullptr && shared->versions.fetch_sub(1, std::memory_order_acq_rel) == 1) {
-        delete shared;
-    }
-}
-
-// The last version of a registry owns what was put into it by hand, too.
-void letGoOrDelete(SVSignalHandlerTable* table) noexcept {
-    if (sharedTable(table) != nullptr) {
-        letGo(table);
-    } else {
-        delete table;
-    }
-}
-
-template <typename Action>
-void forEachTable(const Version& version, Action action) {
-    for (unsigned int i = 0; i <= version.mask; ++i) {
-        if (version.table[i].state == svslotOccupied) {
-            action(version.table[i].value);
-        }
-    }
+// Sleeps rather than yields: whoever is waited for may have a lower priority.
+void waitALittle() noexcept {
+    const timespec aLittle = {0, 20000};
+    nanosleep(&aLittle, nullptr);
 }
 
 // --- Changes -----------------------------------------------------------------------------
 
-// One change to the table of one signal. It may be applied several times, to one version after
+// One change to the table of one signal. It may be applied several times, to one copy after
 // another, until one of them is published. While it is under way it stands on its thread's list,
 // where a handler that changes something finds it and does it first.
 class Change {
@@ -193,11 +56,37 @@ public:
 
     int signalNumber() const noexcept { return m_signalNumber; }
 
-    // Whether the version last tried has the change, and whether one that is published has.
-    void setApplied(bool applied) noexcept { m_applied = applied; }
-    void setDoneIfApplied() noexcept { m_done = m_done || m_applied; }
-    void setDone() noexcept { m_done = true; }
-    bool doneQ() const noexcept { return m_done; }
+    // Whether a published version has, or had, the change.
+    bool doneQ() const noexcept {
+        if (m_done.load()) {
+            return true;
+        }
+        for (const Change* later = innermost; later != this; later = later->m_interrupted) {
+            if (later->m_helps && later->candidatePublishedQ()) {
+                return true;
+            }
+        }
+        return candidatePublishedQ();
+    }
+    void setDone() noexcept { m_done.store(true); }
+
+    // Whether its copies are also to have the changes that it interrupted.
+    bool helpsQ() const noexcept { return m_helps; }
+    void dontHelp() noexcept { m_helps = false; }
+
+    // The version that has the change, and those that it helps, as soon as it is published. Once
+    // it is, they are done for good, and the candidate need not be asked any more.
+    void setCandidate(const Version& candidate) noexcept { m_candidate.store(&candidate); }
+    void settle(bool published) noexcept {
+        if (published) {
+            setDone();
+            for (Change* earlier = m_interrupted; m_helps && earlier != nullptr;
+                 earlier = earlier->m_interrupted) {
+                earlier->setDone();
+            }
+        }
+        m_candidate.store(nullptr);
+    }
 
     // Whether there is anything to change, and the change itself, with the strong guarantee.
     virtual bool neededQ(const Version& version) const = 0;
@@ -218,7 +107,7 @@ protected:
         if (present != nullptr) {
             return *present;
         }
-        std::unique_ptr<SharedTable> made(new SharedTable);
+        std::unique_ptr<SVSharedTable> made(new SVSharedTable);
         if (made == nullptr) {
             throw noMemory();
         }
@@ -227,15 +116,21 @@ protected:
     }
 
 private:
-    // Volatile, like the flags below, because handlers on the same thread read and set them.
+    bool candidatePublishedQ() const noexcept {
+        const Version* const candidate = m_candidate.load();
+        return candidate != nullptr && candidate->everPublishedQ();
+    }
+
+    // Volatile, because handlers on the same thread put their own changes there.
     static constinit thread_local Change* volatile innermost
         __attribute__((tls_model("initial-exec")));
 
     const int m_signalNumber;
     const unsigned int m_line;
     Change* m_interrupted = nullptr;
-    volatile bool m_applied = false;
-    volatile bool m_done = false;
+    bool m_helps = true;
+    std::atomic<const Version*> m_candidate{nullptr};
+    std::atomic<bool> m_done{false};
 };
 
 constinit thread_local Change* volatile Change::innermost = nullptr;
@@ -258,7 +153,15 @@ public:
         return m_replace || table == nullptr || !table->has_key(m_record.getHandlerFunction());
     }
     void applyTo(Version& version) const override {
-        tableIn(version).insert(m_record.getHandlerFunction(), m_record);
+        SVSignalHandlerTable& table = tableIn(version);
+        const unsigned int fill = table.fill;
+        const unsigned int mask = table.mask;
+        table.insert(m_record.getHandlerFunction(), m_record);
+        // A rebuild leaves deleted slots behind, or changes the size, or both.
+        SVSharedTable* const shared = SVSharedTable::from(&table);
+        if (shared != nullptr && (table.mask != mask || table.fill < fill)) {
+            shared->layout = SVSharedTable::newLayout();
+        }
     }
 
 private:
@@ -283,7 +186,8 @@ private:
     void* const m_function;
 };
 
-// Does something for every change of this thread that is not done, the outermost one first.
+// Does something for a change and for every one that it interrupted and that is not done, the
+// earliest first.
 template <typename Action>
 void forEachPending(Change* change, Action action) {
     if (change != nullptr) {
@@ -294,136 +198,119 @@ void forEachPending(Change* change, Action action) {
     }
 }
 
-// Lets a version's inner tables go and makes it free to be used again. Only for whoever has the
-// version to himself.
-void discard(Version& version) noexcept {
-    forEachTable(version, letGo);
-    emptied(version);
+bool interruptedOneQ(const Change& change) noexcept {
+    bool any = false;
+    forEachPending(change.interrupted(), [&any](const Change&) { any = true; });
+    return any;
 }
 
-// A copy of a version that nobody has seen yet. Of the signals to be changed it has inner tables
-// of its own.
+// Nothing but what it interrupted.
+class Completion final : public Change {
+public:
+    Completion() noexcept : Change(0, 0) {}
+    bool neededQ(const Version&) const override { return interruptedOneQ(*this); }
+    void applyTo(Version&) const override {}
+    void withoutRegistry() const override {}
+};
+
+// --- Copies ------------------------------------------------------------------------------
+
+// A copy of a version, with an inner table of its own for each change that it is to have. It is
+// held until the end of its scope, published or not.
 class Draft {
 public:
-    explicit Draft(const Version& base) : m_base(base), m_version(anyVersion()) {
-        if (m_version == nullptr) {
-            return;
+    Draft(Version& base, Change& change)
+        : m_base(base), m_change(change), m_version(Version::make()) {
+        if (m_version != nullptr) {
+            m_version->pin();
+            m_complete = m_version->copyFrom(base);
+            forEachChange([this](const Change& wanted) {
+                m_complete = m_complete && m_version->copyTableOf(wanted.signalNumber());
+            });
         }
-        m_complete = copyTable<SVSignalTable>(base, *m_version);
-        forEachTable(*m_version, share);
-        forEachPending(Change::current(), [this](const Change& change) {
-            m_complete = m_complete && copyInnerTable(change.signalNumber());
-        });
     }
     Draft(const Draft&) = delete;
     Draft& operator=(const Draft&) = delete;
     ~Draft() {
         if (m_version != nullptr) {
-            discard(*m_version);
+            m_version->unpin();
+            if (!m_published) {
+                m_version->discard();
+            }
         }
     }
 
     bool completeQ() const { return m_complete; }
     Version& version() const { return *m_version; }
 
-    // Swaps the draft in; false, and the draft stays one, when something else is published by now.
-    bool publishInsteadOf(Version& base) {
-        if (!publish(&base, m_version)) {
-            return false;
-        }
-        m_version = nullptr;
-        return true;
-    }
-
-private:
-    bool copyInnerTable(int signalNumber) {
-        SVSignalHandlerTable* const shared = m_base.tableOf(signalNumber);
-        if (shared == nullptr || m_version->tableOf(signalNumber) != shared) {
-            return true;
-        }
-        std::unique_ptr<SharedTable> copy(new SharedTable);
-        if (copy == nullptr || !copyTable<SVSignalHandlerTable>(*shared, *copy)) {
-            return false;
-        }
-        m_version->get(signalKey(signalNumber))->value = copy.release();
-        letGo(shared);
-        return true;
-    }
-
-    const Version& m_base;
-    Version* m_version;
-    bool m_complete = false;
-};
-
-// --- Reclaiming --------------------------------------------------------------------------
-
-// Any number of threads may be at it: each version is reclaimed by the one who takes it out of its
-// retired state. The pins are read again after that, because the version may have been reclaimed,
-// used and retired once more since they were read first.
-void reclaimIfUnread(Version& version) noexcept {
-    if (version.state.load(std::memory_order_relaxed) != Version::retired ||
-        version.pins.load(std::memory_order_relaxed) != 0) {
-        return;
-    }
-    Version::State state = Version::retired;
-    if (!version.state.compare_exchange_strong(state, Version::inUse, std::memory_order_acquire,
-                                               std::memory_order_relaxed)) {
-        return;
-    }
-    if (version.pins.load(std::memory_order_seq_cst) == 0) {
-        if (version.lastOne) {
-            forEachTable(version, letGoOrDelete);
-            emptied(version);
-        } else {
-            discard(version);
-        }
-    } else {
-        markRetired(version);
-    }
-}
-
-// --- The two ways of changing ------------------------------------------------------------
-
-// Holds back what can be held back from this thread: not the faults, which are the code's own.
-class SignalsHeldBack {
-public:
-    SignalsHeldBack() noexcept {
-        sigset_t signals;
-        sigfillset(&signals);
-        for (const int fault : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGTRAP, SIGSYS}) {
-            sigdelset(&signals, fault);
-        }
-        pthread_sigmask(SIG_BLOCK, &signals, &m_before);
-    }
-    SignalsHeldBack(const SignalsHeldBack&) = delete;
-    SignalsHeldBack& operator=(const SignalsHeldBack&) = delete;
-    ~SignalsHeldBack() { pthread_sigmask(SIG_SETMASK, &m_before, nullptr); }
-
-private:
-    sigset_t m_before;
-};
-
-// Does all changes of this thread that are not done. One that was interrupted and can't be done is
-// left to be tried again, and to fail, where it was begun.
-void applyPending(Version& version) {
-    Change* const own = Change::current();
-    forEachPending(own->interrupted(), [&version](Change& change) {
-        change.setApplied(false);
+    // Makes the changes. False when a change that was interrupted can't be made: it is left to be
+    // tried again, and to fail, where it was begun.
+    bool applyChanges() {
         try {
-            if (change.neededQ(version)) {
-                change.applyTo(version);
+            if (m_change.helpsQ()) {
+                forEachPending(m_change.interrupted(), [this](const Change& wanted) {
+                    if (wanted.neededQ(*m_version)) {
+                        wanted.applyTo(*m_version);
+                    }
+                });
             }
-            change.setApplied(true);
         } catch (const SVException&) {
+            return false;
         }
-    });
-    own->applyTo(version);
-    own->setApplied(true);
+        if (m_change.neededQ(*m_version)) {
+            m_change.applyTo(*m_version);
+        }
+        return true;
+    }
+
+    // Swaps the copy in, with its changes made. False: something else is published by now.
+    bool publish() {
+        m_change.setCandidate(*m_version);
+        const bool published = publishAsItIs();
+        m_change.settle(published);
+        if (published) {
+            m_base.retire();
+        }
+        return published;
+    }
+
+    // The same without its changes, as a stand-in; the base is not retired.
+    bool publishAsItIs() {
+        m_published = m_base.replaceBy(m_version);
+        return m_published;
+    }
+
+private:
+    template <typename Action>
+    void forEachChange(Action action) {
+        if (m_change.helpsQ()) {
+            forEachPending(&m_change, action);
+        } else {
+            action(m_change);
+        }
+    }
+
+    Version& m_base;
+    Change& m_change;
+    Version* const m_version;
+    bool m_complete = false;
+    bool m_published = false;
+};
+
+// Changes a copy of a version and publishes that. False: start over.
+bool changeCopy(Version& base, Change& change) {
+    Draft draft(base, change);
+    if (!draft.completeQ()) {
+        throw change.noMemory();
+    }
+    if (!draft.applyChanges()) {
+        change.dontHelp();
+        return false;
+    }
+    return draft.publish();
 }
 
-void setAppliedDone() noexcept {
-    forEachPending(Change::current(), [](Change& change) { change.setDoneIfApplied(); });
-}
+// --- In place ----------------------------------------------------------------------------
 
 // The right to change in place, which one change at a time has. Nobody waits for it.
 class InPlaceRight {
@@ -445,108 +332,139 @@ private:
 
 // A version that is out of sight while a copy stands in for it, and is published again at the end
 // of the scope at the latest, whether its change was made or failed and left it as it was. The
-// copy is pinned meanwhile, so that it can't be reclaimed and come back as another version.
+// copy is held meanwhile, so that it can't be reclaimed and come back as another version.
 class OutOfSight {
 public:
-    OutOfSight(Version& version, Version& standIn) : m_version(version), m_standIn(standIn) {}
+    OutOfSight(Version& version, Version& standIn, Change& change)
+        : m_version(version), m_standIn(standIn), m_change(change) {
+        m_version.setUnpublished();
+        m_change.setCandidate(m_version);
+    }
     OutOfSight(const OutOfSight&) = delete;
     OutOfSight& operator=(const OutOfSight&) = delete;
     ~OutOfSight() {
         if (!m_over) {
-            publishAgain();
+            m_change.settle(false);
+            end(m_standIn.replaceBy(&m_version));
         }
     }
 
-    // False: others have gone on from the copy, and this version is no longer wanted.
-    bool publishAgain() noexcept {
+    // With its change made. False: others have gone on from the copy.
+    bool publishChanged() noexcept {
         m_over = true;
-        if (publish(&m_standIn, &m_version)) {
-            markRetired(m_standIn);
-            return true;
-        }
-        discard(m_version);
-        return false;
+        const bool published = m_standIn.replaceBy(&m_version);
+        m_change.settle(published);
+        end(published);
+        return published;
     }
 
 private:
+    void end(bool published) noexcept {
+        if (published) {
+            m_standIn.retire();
+        } else {
+            m_version.discard();
+        }
+    }
+
     Version& m_version;
     Version& m_standIn;
+    Change& m_change;
     bool m_over = false;
 };
 
-// Keeps a version from being reclaimed for the length of a scope; see SVRegistryPin.
-class Hold {
+// Holds back everything from this thread.
+class SignalsHeldBack {
 public:
-    explicit Hold(Version& version) noexcept : m_version(version) {
-        m_version.pins.fetch_add(1, std::memory_order_seq_cst);
+    SignalsHeldBack() noexcept {
+        sigset_t signals;
+        sigfillset(&signals);
+        pthread_sigmask(SIG_BLOCK, &signals, &m_before);
     }
-    Hold(const Hold&) = delete;
-    Hold& operator=(const Hold&) = delete;
-    ~Hold() { m_version.pins.fetch_sub(1, std::memory_order_release); }
+    SignalsHeldBack(const SignalsHeldBack&) = delete;
+    SignalsHeldBack& operator=(const SignalsHeldBack&) = delete;
+    ~SignalsHeldBack() { pthread_sigmask(SIG_SETMASK, &m_before, nullptr); }
+
+private:
+    sigset_t m_before;
+};
+
+// Whether nobody else reads a version, and no other version has the table that is to be changed.
+bool soleOwnerQ(const Version& version, const Change& change) noexcept {
+    const SVSharedTable* const table = SVSharedTable::from(version.tableOf(change.signalNumber()));
+    return version.pins() == 1 &&
+           (table == nullptr || table->versions.load(std::memory_order_acquire) == 1);
+}
+
+// A version that is out of sight without a stand-in, for the length of a scope.
+class Closed {
+public:
+    explicit Closed(Version& version) noexcept
+        : m_version(version), m_closed(version.replaceBy(Version::closed())) {}
+    Closed(const Closed&) = delete;
+    Closed& operator=(const Closed&) = delete;
+    ~Closed() {
+        if (m_closed) {
+            m_version.publishInsteadOf(Version::closed());
+        }
+    }
+    bool closedQ() const noexcept { return m_closed; }
 
 private:
     Version& m_version;
+    const bool m_closed;
 };
 
-// Changes a version that nobody else reads, out of sight. False: start over.
-bool changeInPlace(Version& base) {
-    Draft draft(base);
-    if (!draft.completeQ()) {
-        // No memory for a copy: a change that needs none of its own must be possible even so.
-        const SignalsHeldBack signalsHeldBack;
-        applyPending(base);
-        return true;
-    }
-    Version& standIn = draft.version();
-    const Hold hold(standIn);
-    if (!draft.publishInsteadOf(base)) {
+// Changes a version for which there is no memory for a copy. False: start over.
+bool changeWithoutCopy(Version& base, Change& change) {
+    const SignalsHeldBack signalsHeldBack;
+    const SVMemoryRefusal refusal;
+    const Closed closed(base);
+    if (!closed.closedQ()) {
         return false;
     }
-    if (base.pins.load(std::memory_order_seq_cst) != 1) {
-        markRetired(base);
-        return false;
+    if (base.pins() != 1) {
+        throw change.noMemory();
     }
-    OutOfSight outOfSight(base, standIn);
-    applyPending(base);
-    return outOfSight.publishAgain();
-}
-
-// Changes a copy of a version and publishes that. False: start over.
-bool changeCopy(Version& base) {
-    Draft draft(base);
-    if (!draft.completeQ()) {
-        throw Change::current()->noMemory();
-    }
-    applyPending(draft.version());
-    if (!draft.publishInsteadOf(base)) {
-        return false;
-    }
-    markRetired(base);
+    change.applyTo(base);
+    change.setDone();
     return true;
 }
 
-// Whether nobody else reads a version, and no other version has a table that is to be changed.
-bool soleOwnerQ(const Version& version) noexcept {
-    bool sole = version.pins.load(std::memory_order_seq_cst) == 1;
-    forEachPending(Change::current(), [&](const Change& change) {
-        const SharedTable* const table = sharedTable(version.tableOf(change.signalNumber()));
-        sole = sole && (table == nullptr || table->versions.load(std::memory_order_acquire) == 1);
-    });
-    return sole;
+// Changes a version that nobody else reads, out of sight. False: start over.
+bool changeInPlace(Version& base, Change& change) {
+    Draft standIn(base, change);
+    if (!standIn.completeQ()) {
+        return changeWithoutCopy(base, change);
+    }
+    if (!standIn.publishAsItIs()) {
+        return false;
+    }
+    if (base.pins() != 1) {
+        base.retire();
+        return false;
+    }
+    OutOfSight outOfSight(base, standIn.version(), change);
+    change.applyTo(base);
+    return outOfSight.publishChanged();
 }
 
-bool changeOnce(Version& base) {
-    SVRegistry::tidy();
+// --- Carrying out ------------------------------------------------------------------------
+
+void changeOnce(Version& base, Change& change) {
+    Version::reclaimUnread();
     const InPlaceRight right;
-    return right.heldQ() && soleOwnerQ(base) ? changeInPlace(base) : changeCopy(base);
+    if (right.heldQ() && !interruptedOneQ(change) && soleOwnerQ(base, change)) {
+        changeInPlace(base, change);
+    } else {
+        changeCopy(base, change);
+    }
 }
 
 void attempt(Change& change) {
     const SVRegistryPin pin;
     Version* const base = pin.version();
-    // Asked under the pin: a handler that did the change before, did it in this version, where
-    // doing it again may store a record twice; one that does it from here on keeps this attempt
-    // from being published.
+    // Asked under the pin: see "Why nothing is done twice".
     if (change.doneQ()) {
         return;
     }
@@ -555,8 +473,8 @@ void attempt(Change& change) {
         change.setDone();
     } else if (!change.neededQ(*base)) {
         change.setDone();
-    } else if (changeOnce(*base)) {
-        setAppliedDone();
+    } else {
+        changeOnce(*base, change);
     }
 }
 
@@ -564,63 +482,86 @@ void carryOut(Change& change) {
     {
         const Change::UnderWay underWay(change);
         while (!change.doneQ()) {
-            attempt(change);
+            try {
+                attempt(change);
+            } catch (const SVException&) {
+                // A handler may have found the memory that there was none of before.
+                if (!change.doneQ()) {
+                    throw;
+                }
+            }
         }
     }
-    SVRegistry::tidy();
+    Version::reclaimUnread();
 }
 
 }  // namespace
 
-SVRegistryPin::SVRegistryPin() noexcept
-    : m_version([] {
-          for (;;) {
-              Version* const version = published();
-              if (version == nullptr) {
-                  return version;
-              }
-              version->pins.fetch_add(1, std::memory_order_seq_cst);
-              if (published() == version) {
-                  return version;
-              }
-              version->pins.fetch_sub(1, std::memory_order_release);
-          }
-      }()) {}
-
-SVRegistryPin::~SVRegistryPin() {
-    if (m_version != nullptr) {
-        m_version->pins.fetch_sub(1, std::memory_order_release);
+SVRegistryVersion* SVRegistryPin::pinned() noexcept {
+    for (;;) {
+        Version* const version = Version::published();
+        if (version == nullptr) {
+            return version;
+        }
+        if (version == Version::closed()) {
+            waitALittle();
+            continue;
+        }
+        version->pin();
+        if (version->publishedQ()) {
+            return version;
+        }
+        version->unpin();
     }
 }
 
 bool SVRegistry::create() noexcept {
-    if (published() != nullptr) {
+    if (Version::published() != nullptr) {
         return false;
     }
-    Version* const version = anyVersion();
+    Version* const version = Version::make();
     if (version == nullptr) {
         return false;
     }
-    if (!publish(nullptr, version)) {
-        emptied(*version);
+    if (!version->publishInsteadOf(nullptr)) {
+        version->discard();
         return false;
     }
     return true;
 }
 
 bool SVRegistry::retire(const SVRegistryPin& pin) noexcept {
-    if (pin.version() == nullptr || !publish(pin.version(), nullptr)) {
+    Version* const version = pin.version();
+    if (version == nullptr) {
         return false;
     }
-    pin.version()->lastOne = true;
-    markRetired(*pin.version());
+    while (!version->replaceBy(nullptr)) {
+        if (Version::published() != Version::closed()) {
+            return false;
+        }
+        waitALittle();
+    }
+    version->retireAsLastOne();
     return true;
 }
 
 void SVRegistry::tidy() noexcept {
-    for (Version* version = newestVersion.load(std::memory_order_acquire); version != nullptr;
-         version = version->nextMade) {
-        reclaimIfUnread(*version);
+    Version::reclaimUnread();
+}
+
+bool SVRegistry::sameSlotsQ(SVSignalHandlerTable* one, SVSignalHandlerTable* other) noexcept {
+    const SVSharedTable* const shared = SVSharedTable::from(one);
+    const SVSharedTable* const otherShared = SVSharedTable::from(other);
+    return one == other ||
+           (shared != nullptr && otherShared != nullptr && shared->layout == otherShared->layout);
+}
+
+void SVRegistry::completeInterrupted() noexcept {
+    try {
+        Completion completion;
+        carryOut(completion);
+    } catch (const SVException&) {
+        // Each is tried again, and fails, where it was begun.
     }
 }
 

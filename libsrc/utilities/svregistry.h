@@ -21,6 +21,11 @@
 // - Help. A change that a handler makes does the changes that its own thread was interrupted in
 //   first, in the same copy, so that they are done when the handler returns, however often one
 //   interrupts.
+// - Done once. A change is done when a copy that has it is published, which is one instruction, and
+//   a handler may come right after it. So whether a change is done is not written down afterwards
+//   but read off that copy, its candidate: the candidate is the published version, or it was, and
+//   whoever replaced it said so before. Whoever makes a candidate holds it until everybody on its
+//   thread who might ask has the answer.
 // - In place. Whoever watches the tables undisturbed sees the objects that it knows change, rather
 //   than others take their place. So when nobody else reads a version, and nobody else is changing
 //   anything in place, the copy is published unchanged, the original is changed while nobody can
@@ -34,6 +39,8 @@
 // - Publishing releases, pinning acquires: a reader sees all of what is published.
 // - Taking a pin away releases, reading no pins (or only one's own) acquires: whoever changes or
 //   reclaims comes after all that readers did. Later pins continue the release sequence.
+// - That a version is superseded is stored before it is swapped out, and read after another one was
+//   found published: whoever finds another one finds out about this one, too.
 // - A version becomes retired or free with release, and is taken out of that state with acquire.
 //
 // Why nothing is released too early. A version is retired only after it was swapped out, so whoever
@@ -46,73 +53,62 @@
 // in place are in no other version, or the change is not made in place; none can come to share
 // them, because the original is out of sight.
 //
+// Why nothing is done twice. Whether a change is done is asked under the pin of the version from
+// which it is to be tried. A handler that does it before, does it in that version or an earlier
+// one; one that does it later replaces that version, and the attempt is not published. A version
+// says that it is superseded only if somebody had it pinned, so a copy that was never published
+// does not, and neither does an original out of sight, which nobody else has pinned and whose word
+// is taken back while nobody can see it.
+//
+// Without memory for the copy. A change that needs none itself must be possible even so. It is made
+// in the original, while nothing is published but the mark that says so, and with all signals held
+// back from its thread. Only then does a reader on another thread wait, for the length of one
+// change that nothing can interrupt. If others are reading already, the change fails.
+//
 // What is assumed. Pointers, 32-bit counters and flags are lock-free. A handler that leaves by
 // siglongjmp leaves its pin behind: that version and its tables then stay for good, and nothing
-// else does.
+// else does. It must not leave so a change that it interrupted.
 #ifndef SORVANE_SVREGISTRY_H
 #define SORVANE_SVREGISTRY_H
 
-#include <atomic>
-
-#include "svsignalhandlermanager.h"
+#include "svregistryversion.h"
 
 namespace Sorvane {
-
-/// The key of a signal in the outer table. Defined for every int: the lowest one wraps.
-/// Signal context: any context.
-inline int signalKey(int signalNumber) noexcept {
-    return static_cast<int>(static_cast<unsigned int>(signalNumber) - 1U);
-}
-
-/// One version of the registry: an outer table and who reads it.
-class SVRegistryVersion final : public SVSignalTable {
-public:
-    /// In use: being built, or published. Retired: swapped out.
-    enum State : unsigned int { free, inUse, retired, gone };
-
-    SVRegistryVersion() noexcept = default;
-
-    /// The library never deletes a version. Whoever deletes the published tables by hand gets the
-    /// destructor run, and the storage stays, because readers may still ask it for its pins.
-    ~SVRegistryVersion() noexcept override;
-    static void operator delete(void* storage) noexcept;
-
-    /// The table of a signal in this version, or null. Signal context: any context.
-    SVSignalHandlerTable* tableOf(int signalNumber) const noexcept {
-        const Entry* const entry = get(signalKey(signalNumber));
-        return entry == nullptr ? nullptr : entry->value;
-    }
-
-    std::atomic<unsigned int> pins{0};
-    std::atomic<State> state{inUse};
-
-    bool lastOne = false;                   ///< of its registry, and so owner of every table
-    SVRegistryVersion* nextMade = nullptr;  ///< in the list of all versions ever made
-};
 
 /// Keeps the published version, if there is one, as it is for the length of a scope.
 /// Signal context: any context.
 class SVRegistryPin {
 public:
-    SVRegistryPin() noexcept;
+    SVRegistryPin() noexcept : m_version(pinned()) {}
     SVRegistryPin(const SVRegistryPin&) = delete;
     SVRegistryPin& operator=(const SVRegistryPin&) = delete;
-    ~SVRegistryPin();
+    ~SVRegistryPin() { letGo(); }
 
     SVRegistryVersion* version() const noexcept { return m_version; }
 
     /// Whether nothing else has been published since.
-    bool publishedQ() const noexcept {
-        return std::atomic_ref<SVSignalTable*>(SVSignalHandlerManager::handlerTables).load() ==
-               m_version;
-    }
+    bool publishedQ() const noexcept { return SVRegistryVersion::published() == m_version; }
 
     SVSignalHandlerTable* tableOf(int signalNumber) const noexcept {
         return m_version == nullptr ? nullptr : m_version->tableOf(signalNumber);
     }
 
+    /// Exchanges what two pins keep.
+    void swap(SVRegistryPin& other) noexcept {
+        SVRegistryVersion* const version = m_version;
+        m_version = other.m_version;
+        other.m_version = version;
+    }
+
 private:
-    SVRegistryVersion* const m_version;
+    static SVRegistryVersion* pinned() noexcept;
+    void letGo() noexcept {
+        if (m_version != nullptr) {
+            m_version->unpin();
+        }
+    }
+
+    SVRegistryVersion* m_version;
 };
 
 /// What is done to the registry. Everything here may be called in any context, by any thread.
@@ -130,6 +126,13 @@ bool retire(const SVRegistryPin& pin) noexcept;
 /// Releases what is retired and not read any more.
 void tidy() noexcept;
 
+/// Whether the records of two tables of one signal stand in the same slots, as far as both have
+/// them: whether one has become the other without a rebuild.
+bool sameSlotsQ(SVSignalHandlerTable* one, SVSignalHandlerTable* other) noexcept;
+
+/// Does what this thread was interrupted in, as far as there is memory for it.
+void completeInterrupted() noexcept;
+
 /// Makes sure that a signal has a table.
 /// Errors: SVException "Unable to allocate new table", of the given line, kind 5, code 0; those of
 ///   the outer table's insert(). Guarantee: strong.
@@ -142,8 +145,8 @@ void addTable(int signalNumber, unsigned int line);
 void storeRecord(const SVSignalHandler& record, bool replace, unsigned int line);
 
 /// Removes the record of a function from the table of a signal; does nothing if there is none.
-/// Errors: SVException "Unable to allocate new table", of the given line, kind 5, code 0, only
-///   when somebody reads the tables and there is no memory for a copy. Guarantee: strong.
+/// Errors: SVException "Unable to allocate new table", of the given line, kind 5, code 0, when
+///   there is no memory for a copy and others may be reading. Guarantee: strong.
 void removeRecord(int signalNumber, void* function, unsigned int line);
 
 }  // namespace SVRegistry

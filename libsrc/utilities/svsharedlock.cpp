@@ -10,7 +10,7 @@ namespace Sorvane {
 
 namespace {
 
-std::atomic<unsigned int> leases{0};
+std::atomic<unsigned int> users{0};
 std::atomic<SVMutexHandle*> retiredHandles{nullptr};
 
 std::atomic_ref<SVMutexHandle*> handleInUse() noexcept {
@@ -19,34 +19,48 @@ std::atomic_ref<SVMutexHandle*> handleInUse() noexcept {
 
 }  // namespace
 
-SVSharedLockLease::SVSharedLockLease() noexcept {
-    leases.fetch_add(1);
-}
-
-// What is on the list when the last lease ends was taken out of use before, and those who could
-// have read its address had a lease; whoever gets one later can't read it any more. The list is
-// taken first, because after the end of the last lease there may be new ones.
-SVSharedLockLease::~SVSharedLockLease() {
-    SVMutexHandle* retired = retiredHandles.exchange(nullptr);
-    const bool last = leases.fetch_sub(1) == 1;
-    while (retired != nullptr) {
-        SVMutexHandle* const next = retired->m_nextRetired;
-        if (last) {
-            delete retired;
-        } else {
-            putAside(retired);
+/// The handles that are out of use and not deleted yet.
+class SVRetiredHandles {
+public:
+    static void add(SVMutexHandle* handle) noexcept {
+        handle->m_nextRetired = retiredHandles.load();
+        while (!retiredHandles.compare_exchange_weak(handle->m_nextRetired, handle)) {
         }
-        retired = next;
+    }
+
+    static SVMutexHandle* takeAll() noexcept { return retiredHandles.exchange(nullptr); }
+
+    template <typename Action>
+    static void forEach(SVMutexHandle* first, Action action) {
+        while (first != nullptr) {
+            SVMutexHandle* const next = first->m_nextRetired;
+            action(first);
+            first = next;
+        }
+    }
+};
+
+void SVSharedLock::enter() noexcept {
+    users.fetch_add(1);
+}
+
+// What is on the list when the last user leaves was taken out of use before, and those who could
+// have read its address were users; whoever becomes one later can't read it any more. The list is
+// taken first, because after the last user there may be new ones.
+void SVSharedLock::leave() noexcept {
+    SVMutexHandle* const retired = SVRetiredHandles::takeAll();
+    if (users.fetch_sub(1) == 1) {
+        SVRetiredHandles::forEach(retired, [](SVMutexHandle* handle) { delete handle; });
+    } else {
+        SVRetiredHandles::forEach(retired, SVRetiredHandles::add);
     }
 }
 
-void SVSharedLockLease::putAside(SVMutexHandle* retired) noexcept {
-    retired->m_nextRetired = retiredHandles.load();
-    while (!retiredHandles.compare_exchange_weak(retired->m_nextRetired, retired)) {
-    }
+SVMutexHandle* SVSharedLock::handle() noexcept {
+    return handleInUse().load();
 }
 
-SVMutexHandle* SVSharedLockLease::handleMadeIfNone() noexcept {
+SVMutexHandle* SVSharedLock::handleMadeIfNone() noexcept {
     SVMutexHandle* current = handleInUse().load();
     if (current != nullptr) {
         return current;
@@ -59,12 +73,8 @@ SVMutexHandle* SVSharedLockLease::handleMadeIfNone() noexcept {
     return current;
 }
 
-SVMutexHandle* SVSharedLockLease::handle() const noexcept {
-    return handleInUse().load();
-}
-
-void SVSharedLockLease::retireHandleOfNobody() noexcept {
-    if (SVLifecycle::managerCount().load() != 0) {
+void SVSharedLock::retireHandleOfNobody() noexcept {
+    if (SVLifecycle::managerCount().load() != 0 || users.load() != 1) {
         return;
     }
     SVMutexHandle* const handle = handleInUse().exchange(nullptr);
@@ -73,11 +83,10 @@ void SVSharedLockLease::retireHandleOfNobody() noexcept {
     }
     // A manager that was made just now may count on this very handle.
     SVMutexHandle* none = nullptr;
-    if (SVLifecycle::managerCount().load() != 0 &&
-        handleInUse().compare_exchange_strong(none, handle)) {
+    if (users.load() != 1 && handleInUse().compare_exchange_strong(none, handle)) {
         return;
     }
-    putAside(handle);
+    SVRetiredHandles::add(handle);
 }
 
 }  // namespace Sorvane

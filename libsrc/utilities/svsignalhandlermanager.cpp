@@ -3,7 +3,6 @@
 #include "svsignalhandlermanager.h"
 
 #include <iostream>  // the stream library is initialised before this module's own statics
-#include <optional>
 
 #include "../support/svhandlercontext.h"
 #include "svlifecycle.h"
@@ -23,10 +22,10 @@ constinit SVSignalHandlerDispositionSet SVSignalHandlerManager::signalDispositio
 // destructor leaves the lock held, because the state it guards is then not one that others should
 // go on with. Nothing in the constructor throws.
 SVSignalHandlerManager::SVSignalHandlerManager(bool locking) : m_locking(locking) {
-    std::optional<SVSharedLockLease> lease;
     SVMutexHandle* handle = nullptr;
     if (m_locking) {
-        handle = lease.emplace().handleMadeIfNone();
+        SVSharedLock::enter();
+        handle = SVSharedLock::handleMadeIfNone();
     }
     if (handle != nullptr) {
         handle->lock();
@@ -41,11 +40,8 @@ SVSignalHandlerManager::SVSignalHandlerManager(bool locking) : m_locking(locking
 }
 
 SVSignalHandlerManager::~SVSignalHandlerManager() noexcept(false) {
-    std::optional<SVSharedLockLease> lease;
-    SVMutexHandle* handle = nullptr;
-    if (m_locking) {
-        handle = lease.emplace().handle();
-    }
+    const SVSharedLock::LastUse lastUse(m_locking);
+    SVMutexHandle* const handle = lockHandle();
     if (handle != nullptr) {
         handle->lock();
     }
@@ -56,8 +52,13 @@ SVSignalHandlerManager::~SVSignalHandlerManager() noexcept(false) {
         handle->unlock();
     }
     if (m_locking) {
-        lease->retireHandleOfNobody();
+        SVSharedLock::retireHandleOfNobody();
     }
+}
+
+// Null for a manager that does not lock, and when there was no memory for a lock.
+SVMutexHandle* SVSignalHandlerManager::lockHandle() const {
+    return m_locking ? SVSharedLock::handle() : nullptr;
 }
 
 // The dispositions are reset before the tables are published, so that nobody who finds the tables
@@ -99,9 +100,7 @@ void SVSignalHandlerManager::tearDown(unsigned int teardown) {
         const SVRegistryPin pin;
         FailingTeardown failing(teardown);
         SVMutex scope;
-        if (m_locking) {
-            scope.setHandle(handlerTableLock);
-        }
+        scope.setHandle(lockHandle());
         forEachPreexisting(pin, [&](SVSignalHandler& record) {
             if (!wanted()) {
                 return false;
@@ -130,19 +129,6 @@ void SVSignalHandlerManager::tearDown(unsigned int teardown) {
 void SVSignalHandlerManager::completeTeardown() {
     if (const SVLifecycle::Teardown teardown = SVLifecycle::currentTeardown()) {
         tearDown(teardown);
-    }
-}
-
-// There is no handle when there was no memory for one.
-void SVSignalHandlerManager::lock() const {
-    if (m_locking && handlerTableLock != nullptr) {
-        handlerTableLock->lock();
-    }
-}
-
-void SVSignalHandlerManager::unlock() const {
-    if (m_locking && handlerTableLock != nullptr) {
-        handlerTableLock->unlock();
     }
 }
 

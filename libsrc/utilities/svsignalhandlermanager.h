@@ -234,8 +234,7 @@ public:
     static SVSignalHandlerDispositionSet signalDispositionSet;  ///< whole before any code runs
 
 private:
-    void lock() const;
-    void unlock() const;
+    SVMutexHandle* lockHandle() const;
     void makeSharedTablesIfNone();
     void tearDown(unsigned int teardown);
     void completeTeardown();

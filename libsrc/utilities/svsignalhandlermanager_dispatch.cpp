@@ -43,7 +43,9 @@ bool inTableQ(const SVSignalHandlerTable* table, const void* function) noexcept 
     return false;
 }
 
-// One signal's records as they were when its dispatch began, and where they stand by now.
+// The walk over one signal's records. It begins with the table as it is when the signal arrives,
+// and sees what its handlers do to the table on the way, slot by slot. If the records have been
+// moved to other slots, or the registry has ended, it keeps to the slots that it has.
 class Dispatch {
 public:
     explicit Dispatch(int signalNumber) noexcept
@@ -62,51 +64,83 @@ public:
         return false;
     }
 
-    void callValid(void* information, void* context) const {
+    void callValid(void* information, void* context) {
         call(information, context, [](const SVSignalHandler& record) { return record.validQ(); });
     }
-    void callHostsOwn(void* information, void* context) const {
-        call(information, context, hostsOwnQ);
-    }
+    void callHostsOwn(void* information, void* context) { call(information, context, hostsOwnQ); }
 
 private:
+    using Slot = SVSignalHandlerTable::Entry;
+
     // Calls what a test lets through, in slot order. A copy is called, so that a handler that
     // changes its own registration does not pull the record away from under the call.
     template <typename Test>
-    void call(void* information, void* context, Test test) const {
+    [[gnu::noinline]] void call(void* information, void* context, Test test) {
         if (m_table == nullptr) {
             return;
         }
-        const auto end = m_table->end();
-        for (auto position = m_table->begin(); position != end; position++) {
-            SVSignalHandler record(position.GetValue());
+        const Slot* slot = m_table->table;
+        for (const Slot* end = slot + m_table->mask + 1; slot != end; ++slot) {
+            if (slot->state != svslotOccupied) {
+                continue;
+            }
+            SVSignalHandler record(slot->value);
+            if (test(record)) {
+                record(information, context);
+                if (!m_pin.publishedQ() && !follow(slot, end)) {
+                    callUncleared(slot + 1, end, information, context, test);
+                    return;
+                }
+            }
+        }
+    }
+
+    // The same when what is published has other slots by now, or there is nothing published.
+    template <typename Test>
+    void callUncleared(const Slot* slot, const Slot* end, void* information, void* context,
+                       Test test) {
+        for (; slot != end; ++slot) {
+            if (slot->state != svslotOccupied) {
+                continue;
+            }
+            SVSignalHandler record(slot->value);
             if (test(record) && !clearedMeanwhileQ(record)) {
                 record(information, context);
             }
         }
     }
 
+    // Goes on with what is published now, if the records there stand in the same slots.
+    bool follow(const Slot*& slot, const Slot*& end) noexcept {
+        SVRegistryPin now;
+        SVSignalHandlerTable* const table = now.tableOf(m_signalNumber);
+        if (!SVRegistry::sameSlotsQ(table, m_table)) {
+            return false;
+        }
+        slot = table->table + (slot - m_table->table);
+        end = table->table + table->mask + 1;
+        m_table = table;
+        m_pin.swap(now);
+        return true;
+    }
+
     // Whoever clears a handler whose turn has not come does not see it called any more: its module
     // may be about to go. The end of the whole registry is no clearing.
     bool clearedMeanwhileQ(const SVSignalHandler& record) const noexcept {
-        if (m_pin.publishedQ()) {
-            return false;
-        }
         const SVRegistryPin now;
-        const SVSignalHandlerTable* const table = now.tableOf(m_signalNumber);
-        return now.version() != nullptr && table != m_table &&
-               !inTableQ(table, record.getHandlerFunction());
+        return now.version() != nullptr &&
+               !inTableQ(now.tableOf(m_signalNumber), record.getHandlerFunction());
     }
 
-    const SVRegistryPin m_pin;
+    SVRegistryPin m_pin;
     const int m_signalNumber;
-    const SVSignalHandlerTable* const m_table;
+    SVSignalHandlerTable* m_table;
 };
 
-// Everything is decided and called from one version of the registry, whatever handlers and other
-// threads do to it meanwhile.
+// What is to be called is decided from one version of the registry, whatever other threads do to it
+// meanwhile.
 void dispatchSignal(int signalNumber, siginfo* information, void* context) {
-    const Dispatch dispatch(signalNumber);
+    Dispatch dispatch(signalNumber);
     if (fatalQ(signalNumber) && dispatch.hasHostsOwnQ()) {
         dispatch.callHostsOwn(information, context);
         return;
@@ -133,9 +167,7 @@ private:
 
 void SVSignalHandlerManager::callHandlers(int signalNumber, void* information, void* context) {
     SVMutex scope;
-    if (m_locking) {
-        scope.setHandle(handlerTableLock);
-    }
+    scope.setHandle(lockHandle());
     Dispatch(signalNumber).callValid(information, context);
 }
 
@@ -143,25 +175,19 @@ void SVSignalHandlerManager::callOnlyPreexistingOrExternalHandlers(int signalNum
                                                                    void* information,
                                                                    void* context) {
     SVMutex scope;
-    if (m_locking) {
-        scope.setHandle(handlerTableLock);
-    }
+    scope.setHandle(lockHandle());
     Dispatch(signalNumber).callHostsOwn(information, context);
 }
 
 bool SVSignalHandlerManager::hasPreexistingOrExternalHandlerQ(int signalNumber) {
     SVMutex scope;
-    if (m_locking) {
-        scope.setHandle(handlerTableLock);
-    }
+    scope.setHandle(lockHandle());
     return Dispatch(signalNumber).hasHostsOwnQ();
 }
 
 void SVSignalHandlerManager::handleSignal(int signalNumber) {
     SVMutex scope;
-    if (m_locking) {
-        scope.setHandle(handlerTableLock);
-    }
+    scope.setHandle(lockHandle());
     completeTeardown();
     SVRegistry::addTable(signalNumber, lineNoTableForSignal);
     if (!signalDispositionSet.getSignalDisposition(signalNumber)) {

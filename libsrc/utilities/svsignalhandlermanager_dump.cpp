@@ -12,9 +12,7 @@ namespace Sorvane {
 
 std::ostream& SVSignalHandlerManager::print(std::ostream& stream) const {
     SVMutex scope;
-    if (m_locking) {
-        scope.setHandle(handlerTableLock);
-    }
+    scope.setHandle(lockHandle());
     stream << "<SVSignalHandlerManager>";
     stream << "<numberOfManagers>" << static_cast<unsigned long>(SVLifecycle::managerCount().load())
            << "</numberOfManagers>";

@@ -22,9 +22,7 @@ bool onlyRecordQ(int signalNumber, void* function) noexcept {
 // kept: only taking a signal over with handleSignal() makes a pre-existing record of it.
 void SVSignalHandlerManager::setHandler(SVSignalHandler& handler) {
     SVMutex scope;
-    if (m_locking) {
-        scope.setHandle(handlerTableLock);
-    }
+    scope.setHandle(lockHandle());
     const int signalNumber = handler.getSignalNumber();
     if (!signalDispositionSet.getSignalDisposition(signalNumber)) {
         return;
@@ -63,9 +61,7 @@ void SVSignalHandlerManager::setHandlers(SVSignalHandlerList& handlers) {
 // the signal goes back to that handler.
 void SVSignalHandlerManager::clearHandler(SVSignalHandler& handler) {
     SVMutex scope;
-    if (m_locking) {
-        scope.setHandle(handlerTableLock);
-    }
+    scope.setHandle(lockHandle());
     const int signalNumber = handler.getSignalNumber();
     if (!signalDispositionSet.getSignalDisposition(signalNumber)) {
         return;

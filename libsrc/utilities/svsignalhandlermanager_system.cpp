@@ -33,9 +33,7 @@ SVSignalHandler SVSignalHandlerManager::installHandlerInSystem(SVSignalHandler& 
 // forbidden by now.
 void SVSignalHandlerManager::restorePreviouslyExistingHandlers() {
     SVMutex scope;
-    if (m_locking) {
-        scope.setHandle(handlerTableLock);
-    }
+    scope.setHandle(lockHandle());
     const SVRegistryPin pin;
     forEachPreexisting(pin, [this](SVSignalHandler& record) {
         installHandlerInSystem(record);

@@ -24,9 +24,20 @@ void SVSignalHandlerManager::startHandlingSignals() {
     if (SVLifecycle::handlingQ()) {
         return;
     }
-    lock();
     completeTeardown();
-    forEachSignal([this](int signalNumber) {
+    SVMutexHandle* const handle = lockHandle();
+    const auto lock = [handle] {
+        if (handle != nullptr) {
+            handle->lock();
+        }
+    };
+    const auto unlock = [handle] {
+        if (handle != nullptr) {
+            handle->unlock();
+        }
+    };
+    lock();
+    forEachSignal([&](int signalNumber) {
         if (hasRecordsQ(signalNumber)) {
             unlock();
             handleSignal(signalNumber);
@@ -41,9 +52,7 @@ void SVSignalHandlerManager::startHandlingSignals() {
 // deliberately, and an invalid record is still what the host had.
 void SVSignalHandlerManager::stopHandlingSignal(int signalNumber) {
     SVMutex scope;
-    if (m_locking) {
-        scope.setHandle(handlerTableLock);
-    }
+    scope.setHandle(lockHandle());
     if (!signalDispositionSet.getSignalDisposition(signalNumber)) {
         return;
     }
@@ -75,9 +84,7 @@ void SVSignalHandlerManager::stopHandlingSignals() {
     }
     forEachSignal([this](int signalNumber) { stopHandlingSignal(signalNumber); });
     SVMutex scope;
-    if (m_locking) {
-        scope.setHandle(handlerTableLock);
-    }
+    scope.setHandle(lockHandle());
     SVLifecycle::setHandling(false);
 }
 

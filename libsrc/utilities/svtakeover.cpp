@@ -5,12 +5,22 @@
 
 #include <atomic>
 #include <cerrno>
+#include <exception>
 
-#include "svsignalhandlermanager.h"
+#include "svregistry.h"
 
 namespace Sorvane {
 
+constinit std::atomic<unsigned int> SVTakeOver::attention{0};
+
 namespace {
+
+// The kernel's own highest number; the C library's SIGRTMAX is a call, and no constant.
+constexpr int highestSignal = 64;
+
+bool existsQ(int signalNumber) noexcept {
+    return signalNumber >= 1 && signalNumber <= highestSignal;
+}
 
 // An arrived signal that waits for its handler to be on record.
 class KeptSignal final : public SVObject {
@@ -28,6 +38,19 @@ public:
 
 static_assert(std::atomic<KeptSignal*>::is_always_lock_free);
 
+// By signal number, the latest first; and how many are taking each signal over. The list is only
+// ever pushed onto and taken as a whole.
+constinit std::atomic<KeptSignal*> keptSignals[highestSignal + 1];
+constinit std::atomic<unsigned int> marks[highestSignal + 1];
+
+// How many of the marks are this thread's.
+constinit thread_local volatile unsigned char ownMarks[highestSignal + 1]
+    __attribute__((tls_model("initial-exec")));
+
+long thisThread() noexcept {
+    return syscall(SYS_gettid);
+}
+
 // Such a fault is that of the instruction that was interrupted, which runs again.
 bool faultQ(int signalNumber, const siginfo& information) noexcept {
     const bool byTheCode = signalNumber == SIGSEGV || signalNumber == SIGBUS ||
@@ -35,22 +58,56 @@ bool faultQ(int signalNumber, const siginfo& information) noexcept {
     return byTheCode && information.si_code > 0;
 }
 
-// What can't be sent to its thread, because that has ended, goes to the process; what can't be
-// sent at all, because the queue is full, is dispatched here.
-void send(int signalNumber, KeptSignal& arrived) noexcept {
-    const long process = getpid();
-    if (syscall(SYS_rt_tgsigqueueinfo, process, arrived.thread, signalNumber,
-                &arrived.information) == 0) {
-        return;
-    }
-    if (errno == ESRCH &&
-        syscall(SYS_rt_sigqueueinfo, process, signalNumber, &arrived.information) == 0) {
-        return;
-    }
-    actualSignalHandler(signalNumber, &arrived.information, nullptr);
+// --- Codes that the kernel keeps for itself. They travel as negative ones that nobody uses, and
+// only those of which some are on their way are changed back.
+
+constexpr int travelling = -0x10000;
+constexpr int furthestCode = 0x1000;
+
+constinit std::atomic<unsigned int> codesOnTheirWay{0};
+
+bool kernelsOwnQ(int code) noexcept {
+    return code >= 0 || code == SI_TKILL;
 }
 
-// The list has the latest first; they go out in the order in which they came.
+bool changeBack(siginfo& information) noexcept {
+    const int code = information.si_code - travelling;
+    unsigned int onTheirWay = codesOnTheirWay.load();
+    if (!kernelsOwnQ(code) || code > furthestCode) {
+        return false;
+    }
+    while (onTheirWay != 0) {
+        if (codesOnTheirWay.compare_exchange_weak(onTheirWay, onTheirWay - 1)) {
+            information.si_code = code;
+            return true;
+        }
+    }
+    return false;
+}
+
+// --- Sending what was kept
+
+// The C library declares it as throwing nothing, but a handler that is called on this very thread
+// may throw. Through a pointer the compiler does not take the declaration at its word.
+long (*volatile const systemCall)(long number, ...) = &syscall;
+
+bool sendToThread(int signalNumber, long thread, siginfo& information) {
+    return systemCall(SYS_rt_tgsigqueueinfo, static_cast<long>(getpid()), thread,
+                      static_cast<long>(signalNumber), &information) == 0;
+}
+
+bool sendToProcess(int signalNumber, siginfo& information) {
+    return systemCall(SYS_rt_sigqueueinfo, static_cast<long>(getpid()),
+                      static_cast<long>(signalNumber), &information) == 0;
+}
+
+// What can't be sent to its thread, because that has ended, goes to the process.
+bool sendElsewhere(int signalNumber, long thread, siginfo& information) {
+    return sendToThread(signalNumber, thread, information) ||
+           (errno == ESRCH && sendToProcess(signalNumber, information));
+}
+
+// They go out in the order in which they came.
 KeptSignal* reversed(KeptSignal* list) noexcept {
     KeptSignal* result = nullptr;
     while (list != nullptr) {
@@ -62,52 +119,115 @@ KeptSignal* reversed(KeptSignal* list) noexcept {
     return result;
 }
 
-// By signal number; constant-initialised, like the marks.
-constinit std::atomic<KeptSignal*> keptSignals[65];
-
-}  // namespace
-
-constinit std::atomic<unsigned int> SVTakeOver::marks[highestSignal + 1];
-
-void SVTakeOver::sendWhatWasKept(int signalNumber) noexcept {
-    static_assert(sizeof(keptSignals) / sizeof(keptSignals[0]) == highestSignal + 1);
-    const int errnoBefore = errno;
-    KeptSignal* arrived = reversed(keptSignals[signalNumber].exchange(nullptr));
-    while (arrived != nullptr) {
-        KeptSignal* const next = arrived->next;
-        send(signalNumber, *arrived);
-        delete arrived;
-        arrived = next;
-    }
-    errno = errnoBefore;
-}
-
-SVTakeOver::SVTakeOver(int signalNumber) noexcept : m_signalNumber(signalNumber) {
-    if (existsQ(m_signalNumber)) {
-        marks[m_signalNumber].fetch_add(1);
-    }
-}
-
-SVTakeOver::~SVTakeOver() {
-    if (existsQ(m_signalNumber) && marks[m_signalNumber].fetch_sub(1) == 1) {
-        sendWhatWasKept(m_signalNumber);
-    }
-}
-
-bool SVTakeOver::kept(int signalNumber, const siginfo* information) noexcept {
-    if (information == nullptr) {
-        return false;
-    }
-    if (faultQ(signalNumber, *information)) {
-        return true;
-    }
-    KeptSignal* const arrived = new KeptSignal(*information, syscall(SYS_gettid));
+// False without memory.
+bool keep(int signalNumber, const siginfo& information) noexcept {
+    KeptSignal* const arrived = new KeptSignal(information, thisThread());
     if (arrived == nullptr) {
         return false;
     }
     std::atomic<KeptSignal*>& latest = keptSignals[signalNumber];
     arrived->next = latest.load();
     while (!latest.compare_exchange_weak(arrived->next, arrived)) {
+    }
+    return true;
+}
+
+}  // namespace
+
+// What can't be sent at all, because the system's queue is full, is dispatched here, without a
+// context.
+void SVTakeOver::send(int signalNumber, long thread, siginfo information) {
+    if (thread == thisThread()) {
+        if (sendToThread(signalNumber, thread, information)) {
+            return;
+        }
+    } else if (!kernelsOwnQ(information.si_code) || information.si_code > furthestCode) {
+        if (sendElsewhere(signalNumber, thread, information)) {
+            return;
+        }
+    } else {
+        attention.fetch_add(1);
+        codesOnTheirWay.fetch_add(1);
+        information.si_code += travelling;
+        if (sendElsewhere(signalNumber, thread, information)) {
+            return;
+        }
+    }
+    actualSignalHandler(signalNumber, &information, nullptr);
+}
+
+// All are sent, also if a handler that is called meanwhile throws; the first exception goes on.
+void SVTakeOver::sendWhatWasKept(int signalNumber) {
+    const int errnoBefore = errno;
+    std::exception_ptr thrown;
+    KeptSignal* arrived = reversed(keptSignals[signalNumber].exchange(nullptr));
+    while (arrived != nullptr) {
+        KeptSignal* const next = arrived->next;
+        const siginfo information = arrived->information;
+        const long thread = arrived->thread;
+        delete arrived;
+        try {
+            send(signalNumber, thread, information);
+        } catch (...) {
+            if (thrown == nullptr) {
+                thrown = std::current_exception();
+            }
+        }
+        arrived = next;
+    }
+    errno = errnoBefore;
+    if (thrown != nullptr) {
+        std::rethrow_exception(thrown);
+    }
+}
+
+SVTakeOver::SVTakeOver(int signalNumber) noexcept : m_signalNumber(signalNumber) {
+    if (existsQ(signalNumber)) {
+        attention.fetch_add(1);
+        ownMarks[signalNumber] = static_cast<unsigned char>(ownMarks[signalNumber] + 1);
+        marks[signalNumber].fetch_add(1);
+    }
+}
+
+SVTakeOver::~SVTakeOver() noexcept(false) {
+    if (existsQ(m_signalNumber)) {
+        const bool last = marks[m_signalNumber].fetch_sub(1) == 1;
+        ownMarks[m_signalNumber] = static_cast<unsigned char>(ownMarks[m_signalNumber] - 1);
+        attention.fetch_sub(1);
+        if (last) {
+            sendWhatWasKept(m_signalNumber);
+        }
+    }
+}
+
+bool SVTakeOver::underWayQ(int signalNumber) noexcept {
+    return existsQ(signalNumber) && marks[signalNumber].load() != 0;
+}
+
+// Whether the fault's own thread can go on to the end of the take-over when it returns.
+bool SVTakeOver::faultWaitsQ(int signalNumber) noexcept {
+    if (ownMarks[signalNumber] == 0) {
+        return true;
+    }
+    SVRegistry::completeInterrupted();
+    return false;
+}
+
+bool SVTakeOver::kept(int signalNumber, siginfo* information) {
+    if (information == nullptr) {
+        return false;
+    }
+    if (changeBack(*information)) {
+        attention.fetch_sub(1);
+    }
+    if (!underWayQ(signalNumber)) {
+        return false;
+    }
+    if (faultQ(signalNumber, *information)) {
+        return faultWaitsQ(signalNumber);
+    }
+    if (!keep(signalNumber, *information)) {
+        return false;
     }
     if (!underWayQ(signalNumber)) {
         sendWhatWasKept(signalNumber);

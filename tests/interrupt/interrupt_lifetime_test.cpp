@@ -136,6 +136,37 @@ TEST(InterruptedLastManager, BySegmentationFaultOfAHostWhileHandling) {
     destroyLastWhileHandling(SIGSEGV, true);
 }
 
+void startHandling(int) {
+    Manager inner(false);
+    inner.startHandlingSignals();
+}
+
+// A signal that comes later still makes an empty registry.
+bool noTable() {
+    return Manager::handlerTables == nullptr || Manager::handlerTables->used == 0;
+}
+
+// Whichever of the two goes last finds signals being handled and tears everything down.
+TEST(InterruptedLastManager, ByAHandlerThatStartsHandling) {
+    stepThrough({.prepare =
+                     [] {
+                         handle(false);
+                         manager->setHandlerFromFunction(SIGUSR1, startHandling);
+                         manager->stopHandlingSignals();
+                         manager->handleSignal(SIGUSR1);
+                     },
+                 .operate = [] { delete manager; },
+                 .atMostOnce = {0, 1, 2},
+                 .alike = {0, 1, 2},
+                 .endsAs = EndsAs::alsoSaysTheWholeTruth,
+                 .also =
+                     [] {
+                         return Manager::numberOfManagers == 0 &&
+                                (calls[0] == 0 ||
+                                 (!Manager::currentlyHandlingSignals && noTable()));
+                     }});
+}
+
 // A signal that arrives when the tables are gone already makes them anew, empty.
 TEST(InterruptedLastManager, WithoutAHostsHandlerWhileHandling) {
     stepThrough({.prepare = [] { handle(true); },

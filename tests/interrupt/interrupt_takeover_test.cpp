@@ -5,6 +5,9 @@
 
 #include <gtest/gtest.h>
 #include <sorvane/svsignalhandlermanager.h>
+#include <sys/mman.h>
+
+#include <atomic>
 
 #include "interrupt/counted_handlers.h"
 #include "interrupt/stepper.h"
@@ -16,6 +19,7 @@ using Manager = Sorvane::SVSignalHandlerManager;
 Manager* manager;
 
 constexpr std::size_t host = 7;
+constexpr std::size_t pageSize = 4096;
 
 void hostInstallsInformation(int signalNumber) {
     struct sigaction action = {};
@@ -122,6 +126,41 @@ TEST(InterruptedHandleSignal, BusErrorOfAHost) {
 
 TEST(InterruptedHandleSignal, HangupOfAHost) {
     takeOverFatal(SIGHUP);
+}
+
+// --- A fault in a handler that interrupted the take-over of that fault ----------------------
+
+char* faultyPage;
+std::atomic<unsigned int> faults;
+
+void repairPage(int) {
+    ++faults;
+    mprotect(faultyPage, pageSize, PROT_READ | PROT_WRITE);
+}
+
+void touchFaultyPage(int) {
+    mprotect(faultyPage, pageSize, PROT_NONE);
+    *static_cast<volatile char*>(faultyPage) = 1;
+}
+
+// The fault does not come again and again, for what it waits for is below it. It reaches the host's
+// handler, or, in the few instructions at which nobody knows of that, ends the process by the rule.
+TEST(InterruptedHandleSignal, ByAHandlerThatFaultsItself) {
+    stepThrough({.prepare =
+                     [] {
+                         void* const page = mmap(nullptr, pageSize, PROT_READ | PROT_WRITE,
+                                                 MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+                         faultyPage = static_cast<char*>(page);
+                         std::signal(SIGSEGV, repairPage);
+                         manager = new Manager(true);
+                         manager->setHandlerFromFunction(SIGUSR1, touchFaultyPage);
+                         manager->handleSignal(SIGUSR1);
+                         manager->setHandlerFromFunction(SIGSEGV, handlerOf[0]);
+                     },
+                 .operate = [] { manager->handleSignal(SIGSEGV); },
+                 .never = {0},
+                 .mayEndFatally = true,
+                 .also = [] { return faults == deliveries(); }});
 }
 
 void prepareStart() {

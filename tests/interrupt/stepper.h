@@ -35,6 +35,7 @@ struct Scenario {
 
     bool mayBeSentAgain = false;  ///< calls are complete only at the end of the operation
     bool throws = false;          ///< an exception leaves each delivery
+    bool mayEndFatally = false;   ///< a delivery may end the process by the rule for fatal signals
 
     EndsAs endsAs = EndsAs::undisturbed;
     Detail detail = Detail::layout;
