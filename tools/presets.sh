@@ -3,21 +3,19 @@
 source tools/devlib.sh
 
 # The programs of the sanitizers need an address space that older run-time
-# libraries cannot set up where the kernel randomises it strongly.
-without_randomised_addresses() {
-    if setarch --addr-no-randomize true 2>/dev/null; then
-        setarch --addr-no-randomize "$@"
-    else
-        "$@"
-    fi
-}
+# libraries cannot set up where the kernel randomises it strongly. Put before a
+# command, this has it run without that.
+fixed_addresses=()
+if setarch --addr-no-randomize true 2>/dev/null; then
+    fixed_addresses=(setarch --addr-no-randomize)
+fi
 
 run_ctest() {
     local preset="$1" report="$2"
     local command=(ctest --preset "$preset" --parallel "$(nproc)" --output-on-failure
         --output-junit "$report")
     case "$preset" in
-        asan-* | tsan-*) without_randomised_addresses "${command[@]}" ;;
+        asan-* | tsan-*) "${fixed_addresses[@]}" "${command[@]}" ;;
         *) "${command[@]}" ;;
     esac
 }

@@ -1,0 +1,25 @@
+#include "fuzz/fresh_signals.h"
+
+#include <pthread.h>
+
+#include "support/fresh_process.h"
+#include "support/observed_handlers.h"
+
+FreshSignals::FreshSignals() {
+    const sigset_t none = setOf({});
+    pthread_sigmask(SIG_SETMASK, &none, &m_mask);
+    for (int signalNumber = 1; signalNumber <= lastSystemSignal; ++signalNumber) {
+        sigaction(signalNumber, nullptr, &m_actions[signalNumber]);
+    }
+    resetSystemActions();
+    forgetCalls();
+}
+
+FreshSignals::~FreshSignals() {
+    forgetSharedState();
+    for (int signalNumber = 1; signalNumber <= lastSystemSignal; ++signalNumber) {
+        // Fails for the signals that nobody may change, which are then as they were.
+        sigaction(signalNumber, &m_actions[signalNumber], nullptr);
+    }
+    pthread_sigmask(SIG_SETMASK, &m_mask, nullptr);
+}
