@@ -80,8 +80,10 @@ SVLifecycle::Teardown SVLifecycle::currentTeardown() noexcept {
     return (current & teardownFlag) != 0 ? current : 0;
 }
 
+// Whoever began the teardown may have been interrupted before he copied that nothing is handled.
 void SVLifecycle::teardownComplete(Teardown teardown) noexcept {
     swap(teardown, (teardown + generation) & ~teardownFlag);
+    copyHandling();
 }
 
 void SVLifecycle::teardownFailed(Teardown teardown) noexcept {
