@@ -25,6 +25,7 @@
 #include "support/child_process.h"
 #include "support/faults.h"
 #include "support/gate.h"
+#include "support/joining_thread.h"
 #include "support/manager_fixture.h"
 #include "support/sanitizers.h"
 #include "support/single_steps.h"
@@ -508,7 +509,7 @@ TEST_F(Delivery, OnManyThreadsAtOnceIsDispatchedOnEachAndLeavesNoManagerBehind) 
     manager.setHandlerFromFunction(SIGUSR1, userHandler);
     manager.startHandlingSignals();
     {
-        std::vector<std::jthread> threads;
+        std::vector<JoiningThread> threads;
         for (int i = 0; i < threadCount; ++i) {
             threads.emplace_back([] {
                 for (int sent = 0; sent < signalsEach; ++sent) {
@@ -528,7 +529,7 @@ TEST_F(Delivery, NeverWaitsForTheLockThatAnotherThreadHolds) {
     manager.startHandlingSignals();
     Gate held;
     Gate done;
-    std::jthread holder([&] {
+    JoiningThread holder([&] {
         Manager::handlerTableLock->lock();
         held.open();
         done.pass();
