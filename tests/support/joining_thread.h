@@ -12,7 +12,10 @@ public:
     explicit JoiningThread(Body body) : m_thread(std::move(body)) {}
     JoiningThread(JoiningThread&&) noexcept = default;
     JoiningThread& operator=(JoiningThread&&) = delete;
-    ~JoiningThread() {
+    ~JoiningThread() { join(); }
+
+    std::thread::id get_id() const { return m_thread.get_id(); }
+    void join() {
         if (m_thread.joinable()) {
             m_thread.join();
         }
