@@ -524,6 +524,10 @@ TEST_F(WithoutASlot, ResizeThatGives1DoesNotReleaseTheFormerHeapArray) {
     EXPECT_EQ(table.resize(16), 1U);
     EXPECT_NE(table.table, former);
     EXPECT_EQ(former[0].key.number, 1U);
+    // The heap gives a block of the same size the place of the one that was released last.
+    HomelessTable::Entry* const another = new HomelessTable::Entry[17];
+    EXPECT_NE(another, former);
+    delete[] another;
     delete[] former;
 }
 
