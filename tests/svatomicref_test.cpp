@@ -1,6 +1,7 @@
 // Atomic access to plain objects by the compiler's own operations, which stand in for
 // std::atomic_ref where the standard library lacks it.
 
+#include <../support/svatomicref.h>
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -8,8 +9,6 @@
 #include <latch>
 #include <thread>
 #include <vector>
-
-#include "../libsrc/support/svatomicref.h"
 
 namespace {
 

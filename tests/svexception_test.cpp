@@ -89,6 +89,7 @@ TEST(SVException, CarriesNumbersOfAnySize) {
                                 std::numeric_limits<int>::min());
     EXPECT_EQ(exception.getLine(), std::numeric_limits<unsigned int>::max());
     EXPECT_EQ(exception.getCode(), std::numeric_limits<int>::min());
+    EXPECT_EQ(SVException("", "", 0, type, -1).getCode(), -1);
 }
 
 TEST(SVException, CarriesTextsOfAnyLength) {

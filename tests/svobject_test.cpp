@@ -168,6 +168,15 @@ TEST_F(SVObjectOperators, NewGivesNullForAnImpossibleSize) {
     EXPECT_EQ(SVObject::operator new[](impossibleSize), nullptr);
 }
 
+// What the library needs beside the object must not make a small size of it.
+TEST_F(SVObjectOperators, NewGivesNullForTheSizesThatComeNearestToNoneAtAll) {
+    for (std::size_t below = 1; below <= 64; ++below) {
+        volatile std::size_t size = 0;
+        size = size - below;
+        EXPECT_EQ(SVObject::operator new(size), nullptr) << below;
+    }
+}
+
 TEST_F(SVObjectOperators, NewGivesNullWithoutMemory) {
     SKIP_WITHOUT_MEMORY_LIMIT();
     bool gaveAny = false;

@@ -508,6 +508,17 @@ TEST(SVSignalHandlerText, TellsEverySignalByANameThatIsItsOwn) {
     }
 }
 
+TEST(SVSignalHandlerText, TellsTheRealTimeSignalsFromTheFirstToTheLast) {
+    const auto nameOf = [](int signalNumber) {
+        return contentOf(textOf(SVSignalHandler(signalNumber, SIG_IGN, false, false, true)),
+                         "signalName");
+    };
+    EXPECT_EQ(nameOf(SIGRTMIN - 1), "unknown");
+    EXPECT_EQ(nameOf(SIGRTMIN), "SIGRTMIN+0");
+    EXPECT_EQ(nameOf(SIGRTMAX), "SIGRTMIN+" + std::to_string(SIGRTMAX - SIGRTMIN));
+    EXPECT_EQ(nameOf(SIGRTMAX + 1), "unknown");
+}
+
 TEST(SVSignalHandlerText, TellsSignalsThatDoNotExist) {
     for (const int signalNumber :
          {-7, 0, 1000, std::numeric_limits<int>::min(), std::numeric_limits<int>::max()}) {
@@ -531,6 +542,26 @@ TEST(SVSignalHandlerText, TellsTheHandlersFunctionAndModule) {
         textOf(SVSignalHandler(1, handlerWithoutInformation, false, false, true));
     EXPECT_EQ(contentOf(text, "function"), "handlerWithoutInformation(int)");
     EXPECT_EQ(contentOf(text, "module").find(executablesName() + "+0x"), 0U) << text;
+}
+
+TEST(SVSignalHandlerText, TellsAPlaceBehindTheStartOfAFunctionByItsOffset) {
+    const auto start = reinterpret_cast<std::uintptr_t>(&actualSignalHandler);
+    const auto place = reinterpret_cast<void (*)(int)>(start + 26);
+    EXPECT_EQ(contentOf(textOf(SVSignalHandler(1, place, false, false, true)), "function"),
+              "actualSignalHandler+0x1a");
+}
+
+TEST(SVSignalHandlerText, TellsTheOffsetInTheModule) {
+    Dl_info place = {};
+    void* const function = reinterpret_cast<void*>(&handlerWithoutInformation);
+    ASSERT_NE(dladdr(function, &place), 0);
+    std::ostringstream expected;
+    expected << executablesName() << "+0x" << std::hex
+             << reinterpret_cast<std::uintptr_t>(function) -
+                    reinterpret_cast<std::uintptr_t>(place.dli_fbase);
+    EXPECT_EQ(contentOf(textOf(SVSignalHandler(1, handlerWithoutInformation, false, false, true)),
+                        "module"),
+              expected.str());
 }
 
 TEST(SVSignalHandlerText, TellsSigDflAndSigIgnByName) {
