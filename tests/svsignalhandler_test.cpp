@@ -240,6 +240,21 @@ TEST(SVSignalHandlerCopy, EqualsItsOriginalInEveryAccessor) {
     }
 }
 
+TEST(SVSignalHandlerCopy, HasTheFlagsOfItsOriginal) {
+    for (int bits = 0; bits < 8; ++bits) {
+        const SVSignalHandler original(1, SIG_IGN, (bits & 4) != 0, (bits & 2) != 0,
+                                       (bits & 1) != 0);
+        const SVSignalHandler copy(original);
+        SVSignalHandler assigned;
+        assigned = original;
+        for (const SVSignalHandler* const other : {&copy, &std::as_const(assigned)}) {
+            EXPECT_EQ(other->preExistsQ(), (bits & 4) != 0);
+            EXPECT_EQ(other->externalQ(), (bits & 2) != 0);
+            EXPECT_EQ(other->validQ(), (bits & 1) != 0);
+        }
+    }
+}
+
 TEST(SVSignalHandlerCopy, ByAssignmentEqualsItsOriginalWhateverWasThereBefore) {
     for (const SVSignalHandler& original : differentRecords()) {
         for (SVSignalHandler target : differentRecords()) {
