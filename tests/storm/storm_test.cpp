@@ -22,6 +22,7 @@
 #include <thread>
 #include <vector>
 
+#include "../libsrc/support/svatomicref.h"
 #include "support/sanitizers.h"
 
 namespace {
@@ -327,7 +328,8 @@ TEST_F(Storm, OverBirthAndDeathOfManagers) {
     m_manager.startHandlingSignals();
     storm({queueSignals, queueSignals, makeAndDestroy, makeAndDestroy, registerAndClear});
     expectEachReceivedOnce(received);
-    EXPECT_TRUE(eventually([] { return std::atomic_ref(Manager::numberOfManagers) == 1U; }));
+    EXPECT_TRUE(eventually(
+        [] { return Sorvane::SVAtomicRef<unsigned int>(Manager::numberOfManagers) == 1U; }));
 }
 
 TEST_F(Storm, WithHandlersThatRegister) {

@@ -10,6 +10,8 @@
 #include <new>
 #include <stdexcept>
 
+#include "../libsrc/support/svatomicref.h"
+
 namespace {
 
 struct CallLog {
@@ -55,7 +57,8 @@ void noteCall(void* function, int signalNumber, siginfo* information, void* cont
     call.context = context;
     call.thread = gettid();
     call.managers =
-        std::atomic_ref<unsigned int>(Sorvane::SVSignalHandlerManager::numberOfManagers).load();
+        Sorvane::SVAtomicRef<unsigned int>(Sorvane::SVSignalHandlerManager::numberOfManagers)
+            .load();
 }
 
 void forgetCalls() noexcept {
