@@ -3,6 +3,7 @@
 // By default each storm takes a second; SORVANE_STORM_SECONDS makes them longer, and then they tell
 // how far they are.
 
+#include <../support/svatomicref.h>
 #include <gtest/gtest.h>
 #include <sorvane/svsignalhandlermanager.h>
 #include <sys/wait.h>
@@ -22,7 +23,6 @@
 #include <thread>
 #include <vector>
 
-#include "../libsrc/support/svatomicref.h"
 #include "support/sanitizers.h"
 
 namespace {

@@ -1,5 +1,6 @@
 #include "support/observed_handlers.h"
 
+#include <../support/svatomicref.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
@@ -9,8 +10,6 @@
 #include <cstdlib>
 #include <new>
 #include <stdexcept>
-
-#include "../libsrc/support/svatomicref.h"
 
 namespace {
 
