@@ -20,7 +20,7 @@ namespace {
 
 using Version = SVRegistryVersion;
 
-static_assert(std::atomic_ref<SVSignalTable*>::is_always_lock_free);
+static_assert(SVAtomicRef<SVSignalTable*>::is_always_lock_free);
 static_assert(std::atomic<unsigned int>::is_always_lock_free);
 static_assert(std::atomic<bool>::is_always_lock_free);
 
@@ -30,12 +30,12 @@ std::atomic<bool> changingInPlace{false};
 // --- The published version ---------------------------------------------------------------
 
 Version* published() noexcept {
-    const std::atomic_ref<SVSignalTable*> tables(SVSignalHandlerManager::handlerTables);
+    const SVAtomicRef<SVSignalTable*> tables(SVSignalHandlerManager::handlerTables);
     return static_cast<Version*>(tables.load(std::memory_order_seq_cst));
 }
 
 bool publish(Version* expected, Version* wanted) noexcept {
-    const std::atomic_ref<SVSignalTable*> tables(SVSignalHandlerManager::handlerTables);
+    const SVAtomicRef<SVSignalTable*> tables(SVSignalHandlerManager::handlerTables);
     SVSignalTable* current = expected;
     return tables.compare_exchange_strong(current, wanted, std::memory_order_seq_cst);
 }

@@ -54,6 +54,7 @@
 
 #include <atomic>
 
+#include "../support/svatomicref.h"
 #include "svsignalhandlermanager.h"
 
 namespace Sorvane {
@@ -103,7 +104,7 @@ public:
 
     /// Whether nothing else has been published since.
     bool publishedQ() const noexcept {
-        return std::atomic_ref<SVSignalTable*>(SVSignalHandlerManager::handlerTables).load() ==
+        return SVAtomicRef<SVSignalTable*>(SVSignalHandlerManager::handlerTables).load() ==
                m_version;
     }
 
