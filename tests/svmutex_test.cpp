@@ -138,6 +138,14 @@ TEST(SVMutexHandle, OfAnotherKindRefusesItsHolder) {
     }
 }
 
+TEST(SVThreadsFactory, MakesTheKindThatIsAskedFor) {
+    SVThreadsFactory factory;
+    const HandlePointer handle(factory.CreateUnnamedHandle(Sorvane::svmutexErrorCheck, true));
+    handle->lock();
+    EXPECT_FALSE(handle->tryLock());
+    handle->unlock();
+}
+
 TEST(SVMutexHandle, NotPrivateToAProcessIsHeldAgainstAnother) {
     void* const shared = mmap(nullptr, sizeof(SVMutexHandle), PROT_READ | PROT_WRITE,
                               MAP_SHARED | MAP_ANONYMOUS, -1, 0);
