@@ -7,10 +7,10 @@
 #include <csignal>
 #include <cstdlib>
 #include <memory>
-#include <thread>
 #include <vector>
 
 #include "support/child_process.h"
+#include "support/joining_thread.h"
 #include "support/manager_fixture.h"
 #include "support/sanitizers.h"
 #include "support/watched_lock.h"
@@ -309,7 +309,7 @@ TEST_F(ManagerLifetime, ManagersOfManyThreadsAreAllCounted) {
     constexpr int rounds = 500;
     const Manager first(true);
     {
-        std::vector<std::jthread> threads;
+        std::vector<JoiningThread> threads;
         for (int i = 0; i < threadCount; ++i) {
             threads.emplace_back([] {
                 for (int round = 0; round < rounds; ++round) {

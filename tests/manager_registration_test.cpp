@@ -126,6 +126,28 @@ TEST_F(Registration, ClearingAsPreExistingAmongOthersInstallsNothing) {
     EXPECT_EQ(functionsInSlotOrder(SIGUSR1), std::vector<void*>{addressOf(userHandler)});
 }
 
+TEST_F(Registration, ClearingTheLastRecordAsExternalInstallsNothing) {
+    m_manager.setHandlerFromFunction(SIGUSR1, userHandler);
+    m_manager.startHandlingSignals();
+    Record external(SIGUSR1, userHandler, false, true, true);
+    m_manager.clearHandler(external);
+    EXPECT_TRUE(takenOverQ(SIGUSR1));
+    EXPECT_EQ(recordCount(SIGUSR1), 0U);
+}
+
+TEST_F(Registration, ClearingTheLastRecordAsPreExistingGivesTheSignalBackBesideDeletedSlots) {
+    hostInstalls(SIGUSR1, hostHandler);
+    m_manager.setHandlerFromFunction(SIGUSR1, userHandler);
+    m_manager.startHandlingSignals();
+    Record host = *recordOf(SIGUSR1, hostHandler);
+    Record user(SIGUSR1, userHandler, true, false, true);
+    m_manager.clearHandler(user);
+    ASSERT_EQ(tableOf(SIGUSR1)->fill, 2U);
+    m_manager.clearHandler(host);
+    EXPECT_EQ(recordCount(SIGUSR1), 0U);
+    EXPECT_EQ(systemHandler(SIGUSR1), addressOf(hostHandler));
+}
+
 // A function says nothing of what was there before, so nothing can be handed back.
 TEST_F(Registration, ClearingTheLastRecordByFunctionInstallsNothing) {
     m_manager.setHandlerFromFunction(SIGUSR1, userHandler);

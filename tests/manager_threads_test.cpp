@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "support/gate.h"
+#include "support/joining_thread.h"
 #include "support/manager_fixture.h"
 #include "support/watched_lock.h"
 
@@ -379,7 +380,7 @@ protected:
             }
         };
         Gate known;
-        std::jthread thread([&] {
+        JoiningThread thread([&] {
             known.pass();
             m_meeting.handlerRuns.pass();
             act();
@@ -470,7 +471,7 @@ TEST_F(TwoThreads, RegistrationWaitsUntilADumpIsWritten) {
     Gate otherIsThere;
     std::atomic<bool> registered = false;
     bool registeredWhileWriting = true;
-    std::jthread other([&] {
+    JoiningThread other([&] {
         writing.pass();
         Manager(true).setHandlerFromFunction(SIGUSR1, userHandler);
         registered = true;
@@ -539,7 +540,7 @@ TEST_F(ManyThreads, RegisteringAndClearingForOneSignalLosesNothing) {
     static_assert(threadCount * handlersEach == numberedHandlers.size());
     Manager manager(true);
     {
-        std::vector<std::jthread> threads;
+        std::vector<JoiningThread> threads;
         for (std::size_t thread = 0; thread < threadCount; ++thread) {
             threads.emplace_back([thread] {
                 Manager own(true);
@@ -569,7 +570,7 @@ TEST_F(ManyThreads, EveryOperationAtOnceLeavesTheStateAsItsLastOperationsSay) {
     Manager manager(true);
     manager.setHandlerFromFunction(SIGALRM, userHandler);
     {
-        std::vector<std::jthread> threads;
+        std::vector<JoiningThread> threads;
         for (const int signalNumber : signals) {
             threads.emplace_back([signalNumber] {
                 Manager own(true);
@@ -600,7 +601,7 @@ TEST_F(ManyThreads, DispositionsSetAtOnceAreAllKept) {
     constexpr int threadCount = 4;
     Manager manager(true);
     {
-        std::vector<std::jthread> threads;
+        std::vector<JoiningThread> threads;
         for (int thread = 0; thread < threadCount; ++thread) {
             threads.emplace_back([&manager, thread] {
                 for (int round = 0; round < 100; ++round) {

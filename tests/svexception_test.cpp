@@ -16,6 +16,7 @@
 #include <utility>
 
 #include "support/memory_limit.h"
+#include "support/standard_library.h"
 
 namespace {
 
@@ -89,6 +90,7 @@ TEST(SVException, CarriesNumbersOfAnySize) {
                                 std::numeric_limits<int>::min());
     EXPECT_EQ(exception.getLine(), std::numeric_limits<unsigned int>::max());
     EXPECT_EQ(exception.getCode(), std::numeric_limits<int>::min());
+    EXPECT_EQ(SVException("", "", 0, type, -1).getCode(), -1);
 }
 
 TEST(SVException, CarriesTextsOfAnyLength) {
@@ -237,6 +239,7 @@ TEST_F(SVExceptionWithoutMemory, ArrivesWholeAgainAfterItWasCopied) {
 // More than the reserve can serve at once: some texts are cut, but what arrives is never anything
 // else; and when the many are gone, the next one is whole.
 TEST_F(SVExceptionWithoutMemory, ArrivesAlsoWhenTheReserveIsUsedUp) {
+    SKIP_WITHOUT_RESERVE_FOR_EXCEPTIONS();
     constexpr std::size_t count = 40;
     std::array<std::exception_ptr, count> alive;
     std::size_t arrived = 0;
@@ -283,6 +286,7 @@ TEST_F(SVExceptionWithoutMemory, OutlivesTheShortageOfMemory) {
 }
 
 TEST_F(SVExceptionWithoutMemory, CutsATextThatNothingHasRoomFor) {
+    SKIP_WITHOUT_RESERVE_FOR_EXCEPTIONS();
     const std::string longText(5000, 'x');
     bool arrived = false;
     std::size_t length = 0;
@@ -302,6 +306,7 @@ TEST_F(SVExceptionWithoutMemory, CutsATextThatNothingHasRoomFor) {
 }
 
 TEST_F(SVExceptionWithoutMemory, ArrivesWholeOnSeveralThreadsAtOnce) {
+    SKIP_WITHOUT_RESERVE_FOR_EXCEPTIONS();
     constexpr int times = 5000;
     struct Worker {
         std::binary_semaphore start{0};

@@ -385,6 +385,14 @@ struct UnmovableKey {
 };
 using UnmovableTable = SVHashTable<UnmovableKey, int, NumberHash>;
 
+/// A key whose table finds nothing to rebuild.
+struct SettledKey {
+    unsigned number;
+
+    bool operator==(const SettledKey& other) const { return number == other.number; }
+};
+using SettledTable = SVHashTable<SettledKey, int, NumberHash>;
+
 /// A key that, once stored, is not found again.
 struct UnequalKey {
     unsigned number;
@@ -416,6 +424,11 @@ unsigned UnstorableTable::insert_helper(const UnstorableKey&, const int&) {
 template <>
 unsigned UnmovableTable::resize(unsigned) {
     return 1;
+}
+
+template <>
+unsigned SettledTable::resize(unsigned) {
+    return 0;
 }
 
 namespace {
@@ -511,6 +524,10 @@ TEST_F(WithoutASlot, ResizeThatGives1DoesNotReleaseTheFormerHeapArray) {
     EXPECT_EQ(table.resize(16), 1U);
     EXPECT_NE(table.table, former);
     EXPECT_EQ(former[0].key.number, 1U);
+    // The heap gives a block of the same size the place of the one that was released last.
+    HomelessTable::Entry* const another = new HomelessTable::Entry[17];
+    EXPECT_NE(another, former);
+    delete[] another;
     delete[] former;
 }
 
@@ -522,6 +539,15 @@ TEST(WithoutAReason, AnInsertionThrowsWhenStoringGives0) {
 
 TEST(WithoutARebuild, AnInsertionThrowsWhenTheGrowthThatFollowsItFails) {
     UnmovableTable table;
+    for (unsigned number = 0; number < 5; ++number) {
+        table.insert({number}, 1);
+    }
+    const Failure failure = failureOf([&] { table.insert({5}, 1); });
+    expectInternalError(failure, "Error occured while resizing table.", 755);
+}
+
+TEST(WithoutARebuild, AnInsertionThrowsWhenTheGrowthThatFollowsItFindsNothingToDo) {
+    SettledTable table;
     for (unsigned number = 0; number < 5; ++number) {
         table.insert({number}, 1);
     }

@@ -367,6 +367,15 @@ TYPED_TEST(BothTables, ResizeBelow8BringsAHeapTableBackInline) {
     }
 }
 
+TYPED_TEST(BothTables, ResizeBelow8BringsAHeapTableWithNothingToCleanBackInline) {
+    this->insert({2, 10});
+    this->table.resize(8);
+    this->expectCounts(2, 2, 16);
+    EXPECT_EQ(this->table.resize(0), 2U);
+    this->expectCounts(2, 2, 8);
+    EXPECT_TRUE(this->has(2) && this->has(10));
+}
+
 TYPED_TEST(BothTables, ResizeOfAHeapTableRebuildsAlsoWithNothingToClean) {
     this->insert({2});
     this->table.resize(8);

@@ -9,10 +9,12 @@
 
 #include <cstdint>
 #include <cstring>
+#include <fstream>
 #include <memory>
 #include <new>
 #include <semaphore>
 #include <stdexcept>
+#include <string>
 #include <thread>
 #include <type_traits>
 #include <vector>
@@ -138,6 +140,14 @@ TEST(SVMutexHandle, OfAnotherKindRefusesItsHolder) {
     }
 }
 
+TEST(SVThreadsFactory, MakesTheKindThatIsAskedFor) {
+    SVThreadsFactory factory;
+    const HandlePointer handle(factory.CreateUnnamedHandle(Sorvane::svmutexErrorCheck, true));
+    handle->lock();
+    EXPECT_FALSE(handle->tryLock());
+    handle->unlock();
+}
+
 TEST(SVMutexHandle, NotPrivateToAProcessIsHeldAgainstAnother) {
     void* const shared = mmap(nullptr, sizeof(SVMutexHandle), PROT_READ | PROT_WRITE,
                               MAP_SHARED | MAP_ANONYMOUS, -1, 0);
@@ -155,6 +165,40 @@ TEST(SVMutexHandle, NotPrivateToAProcessIsHeldAgainstAnother) {
     EXPECT_EQ(WEXITSTATUS(status), 0);
     handle->unlock();
     EXPECT_TRUE(freeForAnotherThreadQ(*handle));
+    std::destroy_at(handle);
+    EXPECT_EQ(munmap(shared, sizeof(SVMutexHandle)), 0);
+}
+
+// Whether a process, not its other threads, is waiting for something.
+bool waitingQ(pid_t process) {
+    std::ifstream file("/proc/" + std::to_string(process) + "/stat");
+    std::string text;
+    std::getline(file, text);
+    const std::size_t behindName = text.rfind(')');
+    return behindName != std::string::npos && text.substr(behindName, 3) == ") S";
+}
+
+TEST(SVMutexHandle, NotPrivateToAProcessWakesAnotherThatWaitsForIt) {
+    void* const shared = mmap(nullptr, sizeof(SVMutexHandle), PROT_READ | PROT_WRITE,
+                              MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+    ASSERT_NE(shared, MAP_FAILED);
+    auto* const handle = new (shared) SVMutexHandle(Sorvane::svmutexRecursive, false);
+    handle->lock();
+    const pid_t child = fork();
+    ASSERT_NE(child, -1);
+    if (child == 0) {
+        alarm(20);
+        handle->lock();
+        handle->unlock();
+        _exit(0);
+    }
+    while (!waitingQ(child)) {
+        std::this_thread::yield();
+    }
+    handle->unlock();
+    int status = -1;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_TRUE(WIFEXITED(status)) << "the child waited until its alarm";
     std::destroy_at(handle);
     EXPECT_EQ(munmap(shared, sizeof(SVMutexHandle)), 0);
 }

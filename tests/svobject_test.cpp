@@ -174,11 +174,13 @@ TEST_F(SVObjectOperators, NewGivesNullForAnImpossibleSize) {
     EXPECT_EQ(SVObject::operator new[](impossibleSize), nullptr);
 }
 
-// With what the library needs for itself, such a size is more than can be expressed.
-TEST_F(SVObjectOperators, NewGivesNullForASizeThatWraps) {
-    const volatile std::size_t size = std::numeric_limits<std::size_t>::max() - 1;
-    EXPECT_EQ(SVObject::operator new(size), nullptr);
-    EXPECT_EQ(SVObject::operator new[](size), nullptr);
+// What the library needs beside the object must not make a small size of it.
+TEST_F(SVObjectOperators, NewGivesNullForTheSizesThatComeNearestToNoneAtAll) {
+    for (std::size_t below = 1; below <= 64; ++below) {
+        volatile std::size_t size = 0;
+        size = size - below;
+        EXPECT_EQ(SVObject::operator new(size), nullptr) << below;
+    }
 }
 
 TEST_F(SVObjectOperators, NewGivesNullWithoutMemory) {

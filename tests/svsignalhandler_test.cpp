@@ -241,6 +241,21 @@ TEST(SVSignalHandlerCopy, EqualsItsOriginalInEveryAccessor) {
     }
 }
 
+TEST(SVSignalHandlerCopy, HasTheFlagsOfItsOriginal) {
+    for (int bits = 0; bits < 8; ++bits) {
+        const SVSignalHandler original(1, SIG_IGN, (bits & 4) != 0, (bits & 2) != 0,
+                                       (bits & 1) != 0);
+        const SVSignalHandler copy(original);
+        SVSignalHandler assigned;
+        assigned = original;
+        for (const SVSignalHandler* const other : {&copy, &std::as_const(assigned)}) {
+            EXPECT_EQ(other->preExistsQ(), (bits & 4) != 0);
+            EXPECT_EQ(other->externalQ(), (bits & 2) != 0);
+            EXPECT_EQ(other->validQ(), (bits & 1) != 0);
+        }
+    }
+}
+
 TEST(SVSignalHandlerCopy, ByAssignmentEqualsItsOriginalWhateverWasThereBefore) {
     for (const SVSignalHandler& original : differentRecords()) {
         for (SVSignalHandler target : differentRecords()) {
@@ -509,6 +524,17 @@ TEST(SVSignalHandlerText, TellsEverySignalByANameThatIsItsOwn) {
     }
 }
 
+TEST(SVSignalHandlerText, TellsTheRealTimeSignalsFromTheFirstToTheLast) {
+    const auto nameOf = [](int signalNumber) {
+        return contentOf(textOf(SVSignalHandler(signalNumber, SIG_IGN, false, false, true)),
+                         "signalName");
+    };
+    EXPECT_EQ(nameOf(SIGRTMIN - 1), "unknown");
+    EXPECT_EQ(nameOf(SIGRTMIN), "SIGRTMIN+0");
+    EXPECT_EQ(nameOf(SIGRTMAX), "SIGRTMIN+" + std::to_string(SIGRTMAX - SIGRTMIN));
+    EXPECT_EQ(nameOf(SIGRTMAX + 1), "unknown");
+}
+
 TEST(SVSignalHandlerText, TellsSignalsThatDoNotExist) {
     for (const int signalNumber :
          {-7, 0, 1000, std::numeric_limits<int>::min(), std::numeric_limits<int>::max()}) {
@@ -553,6 +579,26 @@ TEST(SVSignalHandlerText, TellsAModuleWithoutAFolder) {
     EXPECT_TRUE(module == "linux-vdso.so.1+0x0" || module == "linux-gate.so.1+0x0" ||
                 module == "linux-gate.so.2+0x0")
         << text;
+}
+
+TEST(SVSignalHandlerText, TellsAPlaceBehindTheStartOfAFunctionByItsOffset) {
+    const auto start = reinterpret_cast<std::uintptr_t>(&actualSignalHandler);
+    const auto place = reinterpret_cast<void (*)(int)>(start + 26);
+    EXPECT_EQ(contentOf(textOf(SVSignalHandler(1, place, false, false, true)), "function"),
+              "actualSignalHandler+0x1a");
+}
+
+TEST(SVSignalHandlerText, TellsTheOffsetInTheModule) {
+    Dl_info place = {};
+    void* const function = reinterpret_cast<void*>(&handlerWithoutInformation);
+    ASSERT_NE(dladdr(function, &place), 0);
+    std::ostringstream expected;
+    expected << executablesName() << "+0x" << std::hex
+             << reinterpret_cast<std::uintptr_t>(function) -
+                    reinterpret_cast<std::uintptr_t>(place.dli_fbase);
+    EXPECT_EQ(contentOf(textOf(SVSignalHandler(1, handlerWithoutInformation, false, false, true)),
+                        "module"),
+              expected.str());
 }
 
 TEST(SVSignalHandlerText, TellsSigDflAndSigIgnByName) {

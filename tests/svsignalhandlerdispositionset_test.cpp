@@ -185,7 +185,7 @@ TEST(DispositionSet, AssignmentToItselfChangesNothing) {
 
 // Each thread changes one signal only; the answers of the others must survive that.
 TEST(DispositionSet, ThreadsThatSetDifferentSignalsDoNotDisturbEachOther) {
-    constexpr int rounds = 50000;
+    constexpr int rounds = 250000;
     SVSignalHandlerDispositionSet dispositions;
     std::vector<std::thread> threads;
     std::vector<int> lost(4);

@@ -5,6 +5,7 @@
 
 #include <array>
 #include <cstdint>
+#include <cstdlib>
 #include <cstring>
 #include <limits>
 #include <list>
@@ -269,6 +270,26 @@ TEST_F(SVStdAllocatorWithoutMemory, ATextThatNeedsMoreThanABlockIsRefused) {
         refused = allocateOrNull(5000) == nullptr;
     }
     EXPECT_TRUE(refused);
+}
+
+TEST_F(SVStdAllocatorWithoutMemory, NoTextGetsARoomThatIsTooSmallForIt) {
+    bool overlapped = false;
+    {
+        const MemoryLimit limit;
+        for (std::size_t size = 1; size < 600; ++size) {
+            char* const first = allocateOrNull(size);
+            char* const second = first == nullptr ? nullptr : allocateOrNull(size);
+            if (second != nullptr) {
+                const auto distance = static_cast<std::size_t>(std::abs(second - first));
+                overlapped = overlapped || distance < size;
+                SVStdAllocator<char>().deallocate(second, size);
+            }
+            if (first != nullptr) {
+                SVStdAllocator<char>().deallocate(first, size);
+            }
+        }
+    }
+    EXPECT_FALSE(overlapped);
 }
 
 TEST_F(SVStdAllocatorWithoutMemory, AStringHoldsItsTextInTheReserve) {

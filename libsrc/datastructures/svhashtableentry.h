@@ -3,6 +3,7 @@
 #define SORVANE_SVHASHTABLEENTRY_H
 
 #include <ostream>
+#include <type_traits>
 
 #include "../support/svexport.h"
 #include "../support/svobject.h"
@@ -50,7 +51,9 @@ public:
     std::ostream& WriteEntry(std::ostream& stream) {
         stream << "\n";
         stream << "\t<SVHashTableEntry>\n";
-        stream << "\t\t<K>" << key << "</K>\n";
+        stream << "\t\t<K>";
+        writeKey(stream);
+        stream << "</K>\n";
         stream << "\t\t<V>" << value << "</V>\n";
         stream << "\t</SVHashTableEntry>\n";
         return stream;
@@ -60,6 +63,18 @@ public:
     V value;
     unsigned int hash;
     unsigned int state;
+
+private:
+    // By the stream's insertion, but for null, which standard libraries write differently.
+    void writeKey(std::ostream& stream) const {
+        if constexpr (std::is_pointer_v<K>) {
+            if (key == nullptr) {
+                stream << '0';
+                return;
+            }
+        }
+        stream << key;
+    }
 };
 
 }  // namespace Sorvane

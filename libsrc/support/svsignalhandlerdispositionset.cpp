@@ -1,6 +1,6 @@
 #include "svsignalhandlerdispositionset.h"
 
-#include <atomic>
+#include "svatomicref.h"
 
 // Dispositions are set without the manager's lock and read inside signal handlers, hence the
 // atomics. Relaxed order is enough: an answer publishes nothing but itself.
@@ -9,7 +9,7 @@ namespace Sorvane {
 
 namespace {
 
-using Word = std::atomic_ref<std::uint32_t>;
+using Word = SVAtomicRef<std::uint32_t>;
 
 static_assert(Word::is_always_lock_free);
 

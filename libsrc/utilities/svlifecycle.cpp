@@ -1,5 +1,7 @@
 #include "svlifecycle.h"
 
+#include <atomic>
+
 namespace Sorvane {
 
 namespace {
@@ -12,12 +14,12 @@ constexpr unsigned int generation = 4;
 std::atomic<unsigned int> word{0};
 
 static_assert(std::atomic<unsigned int>::is_always_lock_free);
-static_assert(std::atomic_ref<unsigned int>::is_always_lock_free);
-static_assert(std::atomic_ref<bool>::is_always_lock_free);
+static_assert(SVAtomicRef<unsigned int>::is_always_lock_free);
+static_assert(SVAtomicRef<bool>::is_always_lock_free);
 
 // A copy that was overtaken by a change of the word is made again, by whoever finds that out.
 void copyHandling() noexcept {
-    const std::atomic_ref<bool> handling(SVSignalHandlerManager::currentlyHandlingSignals);
+    const SVAtomicRef<bool> handling(SVSignalHandlerManager::currentlyHandlingSignals);
     unsigned int current = word.load();
     for (;;) {
         handling.store((current & handlingFlag) != 0);

@@ -21,8 +21,7 @@
 #ifndef SORVANE_SVLIFECYCLE_H
 #define SORVANE_SVLIFECYCLE_H
 
-#include <atomic>
-
+#include "../support/svatomicref.h"
 #include "svsignalhandlermanager.h"
 
 namespace Sorvane {
@@ -34,13 +33,13 @@ namespace SVLifecycle {
 using Teardown = unsigned int;
 
 /// The number of live managers. Plain for those who read it, and changed on any thread.
-inline std::atomic_ref<unsigned int> managerCount() noexcept {
-    return std::atomic_ref<unsigned int>(SVSignalHandlerManager::numberOfManagers);
+inline SVAtomicRef<unsigned int> managerCount() noexcept {
+    return SVAtomicRef<unsigned int>(SVSignalHandlerManager::numberOfManagers);
 }
 
 /// Whether signals are being handled.
 inline bool handlingQ() noexcept {
-    return std::atomic_ref<bool>(SVSignalHandlerManager::currentlyHandlingSignals).load();
+    return SVAtomicRef<bool>(SVSignalHandlerManager::currentlyHandlingSignals).load();
 }
 void setHandling(bool handling) noexcept;
 

@@ -11,7 +11,7 @@ namespace {
 
 using Version = SVRegistryVersion;
 
-static_assert(std::atomic_ref<SVSignalTable*>::is_always_lock_free);
+static_assert(SVAtomicRef<SVSignalTable*>::is_always_lock_free);
 static_assert(std::atomic<unsigned int>::is_always_lock_free);
 static_assert(std::atomic<bool>::is_always_lock_free);
 

@@ -4,6 +4,7 @@
 
 #include <atomic>
 
+#include "../support/svatomicref.h"
 #include "svsignalhandlermanager.h"
 
 namespace Sorvane {
@@ -113,8 +114,8 @@ public:
     SVRegistryVersion* nextMade = nullptr;
 
 private:
-    static std::atomic_ref<SVSignalTable*> place() noexcept {
-        return std::atomic_ref<SVSignalTable*>(SVSignalHandlerManager::handlerTables);
+    static SVAtomicRef<SVSignalTable*> place() noexcept {
+        return SVAtomicRef<SVSignalTable*>(SVSignalHandlerManager::handlerTables);
     }
     void reclaimIfUnread() noexcept;
     void empty() noexcept;

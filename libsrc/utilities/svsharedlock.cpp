@@ -2,6 +2,7 @@
 
 #include <atomic>
 
+#include "../support/svatomicref.h"
 #include "../support/svthreadsfactory.h"
 #include "svlifecycle.h"
 #include "svsignalhandlermanager.h"
@@ -13,8 +14,8 @@ namespace {
 std::atomic<unsigned int> users{0};
 std::atomic<SVMutexHandle*> retiredHandles{nullptr};
 
-std::atomic_ref<SVMutexHandle*> handleInUse() noexcept {
-    return std::atomic_ref<SVMutexHandle*>(SVSignalHandlerManager::handlerTableLock);
+SVAtomicRef<SVMutexHandle*> handleInUse() noexcept {
+    return SVAtomicRef<SVMutexHandle*>(SVSignalHandlerManager::handlerTableLock);
 }
 
 }  // namespace

@@ -4,6 +4,7 @@
 
 #include <iostream>  // the stream library is initialised before this module's own statics
 
+#include "../support/svatomicref.h"
 #include "../support/svhandlercontext.h"
 #include "svlifecycle.h"
 #include "svregistry.h"
@@ -64,7 +65,7 @@ SVMutexHandle* SVSignalHandlerManager::lockHandle() const {
 // The dispositions are reset before the tables are published, so that nobody who finds the tables
 // has an answer of his own reset.
 void SVSignalHandlerManager::makeSharedTablesIfNone() {
-    if (std::atomic_ref<SVSignalTable*>(handlerTables).load() == nullptr) {
+    if (SVAtomicRef<SVSignalTable*>(handlerTables).load() == nullptr) {
         signalDispositionSet.reset();
         SVRegistry::create();
     }

@@ -42,6 +42,14 @@ void mustNotBeUsed(const char* what) {
     std::abort();
 }
 
+// Not by the initialisation of a static variable, for which some run-time libraries take a lock.
+template <typename Function>
+void findNext(Function*& next, const char* name) {
+    if (next == nullptr) {
+        next = reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
+    }
+}
+
 }  // namespace
 
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
@@ -92,23 +100,23 @@ void free(void* block) {
 
 int pthread_mutex_lock(pthread_mutex_t* mutex) {
     mustNotBeUsed("pthread_mutex_lock");
-    using Function = int (*)(pthread_mutex_t*);
-    static const auto next = reinterpret_cast<Function>(dlsym(RTLD_NEXT, "pthread_mutex_lock"));
+    static int (*next)(pthread_mutex_t*) = nullptr;
+    findNext(next, "pthread_mutex_lock");
     return next(mutex);
 }
 
 int pthread_mutex_trylock(pthread_mutex_t* mutex) {
     mustNotBeUsed("pthread_mutex_trylock");
-    using Function = int (*)(pthread_mutex_t*);
-    static const auto next = reinterpret_cast<Function>(dlsym(RTLD_NEXT, "pthread_mutex_trylock"));
+    static int (*next)(pthread_mutex_t*) = nullptr;
+    findNext(next, "pthread_mutex_trylock");
     return next(mutex);
 }
 
 // The standard streams end here; other streams keep their text on the heap.
 std::size_t fwrite(const void* text, std::size_t size, std::size_t count, FILE* file) {
     mustNotBeUsed("a stream");
-    using Function = std::size_t (*)(const void*, std::size_t, std::size_t, FILE*);
-    static const auto next = reinterpret_cast<Function>(dlsym(RTLD_NEXT, "fwrite"));
+    static std::size_t (*next)(const void*, std::size_t, std::size_t, FILE*) = nullptr;
+    findNext(next, "fwrite");
     return next(text, size, count, file);
 }
 }

@@ -9,6 +9,7 @@
 
 #include "interrupt/counted_handlers.h"
 #include "interrupt/stepper.h"
+#include "support/standard_library.h"
 
 // The C++ run-time library would take the exception's storage from the heap, which the signal may
 // have interrupted. Here there is never more than one exception at a time.
@@ -42,16 +43,23 @@ void prepare() {
     manager->startHandlingSignals();
 }
 
+void stepThroughThrowing(const Scenario& scenario) {
+    if (builtWithLibcxx) {
+        GTEST_SKIP() << "libc++abi takes no storage for exceptions but its own, which is the heap";
+    }
+    stepThrough(scenario);
+}
+
 void stepThroughThrowing(void (*operate)()) {
-    stepThrough({.prepare = prepare, .operate = operate, .everyTime = {0}, .throws = true});
+    stepThroughThrowing({.prepare = prepare, .operate = operate, .everyTime = {0}, .throws = true});
 }
 
 TEST(InterruptedByAThrowingHandler, SetHandlerForTheSameSignal) {
-    stepThrough({.prepare = prepare,
-                 .operate = [] { manager->setHandlerFromFunction(SIGUSR1, handlerOf[5]); },
-                 .everyTime = {0},
-                 .atMostOnce = {5},
-                 .throws = true});
+    stepThroughThrowing({.prepare = prepare,
+                         .operate = [] { manager->setHandlerFromFunction(SIGUSR1, handlerOf[5]); },
+                         .everyTime = {0},
+                         .atMostOnce = {5},
+                         .throws = true});
 }
 
 TEST(InterruptedByAThrowingHandler, SetHandlerThatGrowsAnotherTable) {

@@ -3,6 +3,7 @@
 // By default each storm takes a second; SORVANE_STORM_SECONDS makes them longer, and then they tell
 // how far they are.
 
+#include <../support/svatomicref.h>
 #include <gtest/gtest.h>
 #include <sorvane/svsignalhandlermanager.h>
 #include <sys/wait.h>
@@ -327,7 +328,8 @@ TEST_F(Storm, OverBirthAndDeathOfManagers) {
     m_manager.startHandlingSignals();
     storm({queueSignals, queueSignals, makeAndDestroy, makeAndDestroy, registerAndClear});
     expectEachReceivedOnce(received);
-    EXPECT_TRUE(eventually([] { return std::atomic_ref(Manager::numberOfManagers) == 1U; }));
+    EXPECT_TRUE(eventually(
+        [] { return Sorvane::SVAtomicRef<unsigned int>(Manager::numberOfManagers) == 1U; }));
 }
 
 TEST_F(Storm, WithHandlersThatRegister) {

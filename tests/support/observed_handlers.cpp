@@ -1,5 +1,6 @@
 #include "support/observed_handlers.h"
 
+#include <../support/svatomicref.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
@@ -55,7 +56,8 @@ void noteCall(void* function, int signalNumber, siginfo* information, void* cont
     call.context = context;
     call.thread = gettid();
     call.managers =
-        std::atomic_ref<unsigned int>(Sorvane::SVSignalHandlerManager::numberOfManagers).load();
+        Sorvane::SVAtomicRef<unsigned int>(Sorvane::SVSignalHandlerManager::numberOfManagers)
+            .load();
 }
 
 void forgetCalls() noexcept {
