@@ -13,7 +13,7 @@ fi
 run_ctest() {
     local preset="$1" report="$2"
     local command=(ctest --preset "$preset" --parallel "$(nproc)" --output-on-failure
-        --output-junit "$report")
+        --test-output-size-passed 4096 --output-junit "$report")
     case "$preset" in
         asan-* | tsan-*) "${fixed_addresses[@]}" "${command[@]}" ;;
         *) "${command[@]}" ;;
@@ -27,6 +27,13 @@ show_failures() {
 
 report_count() {
     grep -oE -m 1 "\\b$2=\"[0-9]+\"" "$1" | tr -cd '0-9'
+}
+
+# What the stepping tests say: at how many instructions a signal was delivered, and how many of
+# these deliveries went wrong.
+count_steps() {
+    grep -oE 'visited: +[0-9]+, [0-9]+ wrong' "$1" |
+        awk '{ visited += $2; wrong += $3 } END { print visited + 0, wrong + 0 }'
 }
 
 # run_preset PRESET: sets passed, failed and skipped. What prevents a count counts

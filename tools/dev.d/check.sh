@@ -2,6 +2,8 @@
 # summary: format, lint and sanitizers (warnings as errors under both compilers: `test`)
 source tools/presets.sh
 
+(($# == 0)) || wrong_usage "check: takes no arguments, not \"$*\""
+
 stages_passed=0
 stages_failed=0
 

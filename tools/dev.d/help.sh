@@ -2,6 +2,8 @@
 # summary: lists the commands
 source tools/devlib.sh
 
+(($# == 0)) || wrong_usage "help: takes no arguments, not \"$*\""
+
 say "usage: ./dev COMMAND"
 say "Each command installs what it needs first."
 say ""

@@ -21,6 +21,8 @@ done
 require_packages build test
 
 rows=()
+visited=0
+wrong=0
 total_passed=0
 total_failed=0
 for preset in "${presets[@]}"; do
@@ -29,11 +31,15 @@ for preset in "${presets[@]}"; do
     run_preset "$preset" || say "$preset: FAILED"
     rows+=("$(printf '%-14s %7d %7d %7d %7d s' \
         "$preset" "$passed" "$failed" "$skipped" $((SECONDS - started)))")
+    read -r preset_visited preset_wrong < <(count_steps "build/$preset/junit.xml")
+    visited=$((visited + preset_visited))
+    wrong=$((wrong + preset_wrong))
     total_passed=$((total_passed + passed))
     total_failed=$((total_failed + failed))
 done
 
 printf '\n%-14s %7s %7s %7s %9s\n' preset passed failed skipped time
 printf '%s\n' "${rows[@]}"
-printf '\n%d passed, %d failed\n' "$total_passed" "$total_failed"
+printf '\na signal delivered at %d instructions of the operations, %d went wrong\n' "$visited" "$wrong"
+printf '%d passed, %d failed\n' "$total_passed" "$total_failed"
 ((total_failed == 0))
