@@ -18,8 +18,8 @@ void expectThatEverythingHappened(const ManagerEvents& events) {
     EXPECT_GT(events.endedProcesses, 0U);
     EXPECT_GT(events.outerGrowths, 0U);
     EXPECT_GT(events.innerGrowths, 0U);
-    EXPECT_GT(events.innerCleans, 0U);
-    EXPECT_GT(events.unreachableCopies, 0U);
+    // Cleaned tables and unreachable copies depend on where the handlers were loaded. The histories
+    // of the tables, whose keys are made up, demand them.
 }
 
 class ManagerModelHistories : public testing::TestWithParam<unsigned> {};
