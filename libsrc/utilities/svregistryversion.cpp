@@ -16,7 +16,7 @@ static_assert(std::atomic<unsigned int>::is_always_lock_free);
 static_assert(std::atomic<bool>::is_always_lock_free);
 
 constinit SVRecycler<Version> versions;
-constinit std::atomic<unsigned int> layouts{0};
+constinit std::atomic<unsigned short> layouts{0};
 constinit std::atomic<unsigned int> registries{0};
 
 // Copies a table slot by slot, deleted ones included, into an empty one. False without memory.
@@ -80,7 +80,7 @@ SVSharedTable* SVSharedTable::from(SVSignalHandlerTable* table) noexcept {
     return shared ? static_cast<SVSharedTable*>(table) : nullptr;
 }
 
-unsigned int SVSharedTable::newLayout() noexcept {
+unsigned short SVSharedTable::newLayout() noexcept {
     return layouts.fetch_add(1, std::memory_order_relaxed);
 }
 

@@ -25,7 +25,14 @@ public:
     /// the manager, has put in a plain one.
     static SVSharedTable* from(SVSignalHandlerTable* table) noexcept;
 
-    std::atomic<unsigned int> versions{1};
+    /// Short, like the one below, so that the table is hardly larger than a plain one: whoever has
+    /// just the memory for that has it for this.
+    std::atomic<unsigned short> versions{1};
+
+    /// Stays the same from copy to copy until a rebuild moves the records to other slots.
+    unsigned short layout = newLayout();
+    static unsigned short newLayout() noexcept;
+};
 
     /// Stays the same from copy to copy until a rebuild moves the records to other slots.
     unsigned int layout = newLayout();

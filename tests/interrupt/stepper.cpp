@@ -372,11 +372,11 @@ bool everyInstructionQ() {
 // An operation of a few thousand instructions is visited at each of them. A longer one is not, and
 // neither is one of the unoptimised library, which has several times as many.
 #ifdef SORVANE_TESTS_UNOPTIMISED
-constexpr unsigned long mostWithoutStride = 120;
-constexpr unsigned long mostRuns = 120;
-constexpr unsigned long mostInOneRun = 1500;
+constexpr unsigned long mostWithoutStride = 60;
+constexpr unsigned long mostRuns = 60;
+constexpr unsigned long mostInOneRun = 600;
 #else
-constexpr unsigned long mostWithoutStride = 3000;
+constexpr unsigned long mostWithoutStride = 2500;
 constexpr unsigned long mostRuns = 800;
 constexpr unsigned long mostInOneRun = 20000;
 #endif
