@@ -3,13 +3,13 @@
 
 #include <gtest/gtest.h>
 #include <pthread.h>
-#include <sched.h>
 #include <sorvane/svsignalhandlermanager.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <csignal>
 
+#include "support/gate.h"
 #include "support/joining_thread.h"
 
 #if defined(__x86_64__) || defined(__i386__)
@@ -26,43 +26,46 @@ namespace {
 
 using Manager = Sorvane::SVSignalHandlerManager;
 
-// Queued, so that none is lost when several are sent again at once.
-int queuedSignal() {
-    return SIGRTMIN + 3;
-}
+// Of those that are queued, so that none is lost when several are sent again at once.
+int signalNumber;
 
-// --- The thread that takes over: waits, at some of its instructions once the action is swapped,
-// until a signal has arrived on the other thread.
+// --- The thread that takes over: waits, at some of its instructions after which a signal is kept,
+// until one has arrived on the other thread. A later one might overtake what is kept.
 
-constexpr unsigned int instructionsBetween = 37;
-constexpr unsigned int mostQuestions = 200;
+constexpr unsigned int instructionsBetween = 13;
+constexpr unsigned int mostQuestions = 60;
 
-std::atomic<unsigned int> asked;
-std::atomic<unsigned int> answered;
+std::atomic<unsigned int> questions;
 std::atomic<bool> takenOver;
+Gate question;
+Gate answer;
 
-bool actionSwappedQ() {
+void hostsHandler(int, siginfo_t*, void*);
+
+bool keptQ() {
     struct sigaction action = {};
-    sigaction(queuedSignal(), nullptr, &action);
-    return action.sa_sigaction == &actualSignalHandler;
+    sigaction(signalNumber, nullptr, &action);
+    const auto* const table = Manager::handlerTables->get(signalNumber - 1);
+    return action.sa_sigaction == &actualSignalHandler && table != nullptr &&
+           !table->value->has_key(reinterpret_cast<void*>(&hostsHandler));
 }
 
 void askForASignal(int) {
     static unsigned int instructions = 0;
-    if (asked == mostQuestions || ++instructions % instructionsBetween != 0 || !actionSwappedQ()) {
+    if (questions == mostQuestions || ++instructions % instructionsBetween != 0 || !keptQ()) {
         return;
     }
-    const unsigned int question = ++asked;
-    while (answered != question) {
-        sched_yield();
-    }
+    ++questions;
+    question.open();
+    answer.pass();
 }
 
 void takeOver(Manager& manager) {
     asm volatile(SORVANE_FLAGS_ON ::: "memory", "cc");
-    manager.handleSignal(queuedSignal());
+    manager.handleSignal(signalNumber);
     asm volatile(SORVANE_FLAGS_OFF ::: "memory", "cc");
     takenOver = true;
+    question.open();
 }
 
 // --- The thread that the signals are for
@@ -84,9 +87,9 @@ void hostsHandler(int, siginfo_t* information, void*) {
 }
 
 template <typename Send>
-void receiveWhileAnotherThreadTakesOver(int code, Send send) {
-    asked = 0;
-    answered = 0;
+void receiveWhileAnotherThreadTakesOver(int taken, int code, Send send) {
+    signalNumber = taken;
+    questions = 0;
     takenOver = false;
     arrived = 0;
     receiver = gettid();
@@ -94,36 +97,33 @@ void receiveWhileAnotherThreadTakesOver(int code, Send send) {
     struct sigaction host = {};
     host.sa_sigaction = hostsHandler;
     host.sa_flags = SA_SIGINFO;
-    sigaction(queuedSignal(), &host, nullptr);
+    sigaction(signalNumber, &host, nullptr);
     std::signal(SIGTRAP, askForASignal);
     Manager manager(false);
     JoiningThread other([&manager] { takeOver(manager); });
-    while (!takenOver) {
-        const unsigned int question = asked;
-        if (answered != question) {
-            send(static_cast<int>(question));
-            answered = question;
-        }
-        sched_yield();
+    for (question.pass(); !takenOver; question.pass()) {
+        send(static_cast<int>(questions));
+        answer.open();
     }
     other.join();
-    EXPECT_GT(asked, 10U);
-    EXPECT_EQ(arrived, asked);
+    EXPECT_GT(questions, 10U);
+    EXPECT_EQ(arrived, questions);
     EXPECT_EQ(onAnotherThread, 0U);
     EXPECT_EQ(withAnotherCode, 0U);
 }
 
 // A code that the kernel keeps for itself when one thread sends to another.
 TEST(TakeOverByAnotherThread, KeepsThreadAndCodeOfWhatWasSentToOne) {
-    receiveWhileAnotherThreadTakesOver(SI_TKILL, [](int) { std::raise(queuedSignal()); });
+    receiveWhileAnotherThreadTakesOver(SIGRTMIN + 3, SI_TKILL,
+                                       [](int) { std::raise(signalNumber); });
 }
 
 TEST(TakeOverByAnotherThread, KeepsOrderAndValuesOfWhatWasQueued) {
-    receiveWhileAnotherThreadTakesOver(SI_QUEUE, [](int value) {
-        pthread_sigqueue(pthread_self(), queuedSignal(), sigval{.sival_int = value});
+    receiveWhileAnotherThreadTakesOver(SIGRTMIN + 4, SI_QUEUE, [](int value) {
+        pthread_sigqueue(pthread_self(), signalNumber, sigval{.sival_int = value});
     });
     EXPECT_EQ(outOfOrder, 0U);
-    EXPECT_EQ(lastValue, static_cast<int>(asked.load()));
+    EXPECT_EQ(lastValue, static_cast<int>(questions.load()));
 }
 
 }  // namespace
