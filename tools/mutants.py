@@ -550,6 +550,11 @@ def drain(waiting):
             return
 
 
+def processor_time_of_children():
+    usage = resource.getrusage(resource.RUSAGE_CHILDREN)
+    return usage.ru_utime + usage.ru_stime
+
+
 def report(outcomes, dropped, wanted):
     outcomes.sort(key=lambda outcome: (outcome.mistake.promise, outcome.mistake.name))
     width = max(len(outcome.mistake.name) for outcome in outcomes)
@@ -618,7 +623,10 @@ def main():
     run.prepare()
     seconds = run.measure()
     print(f"Planting {len(mistakes)} mistakes, one at a time", flush=True)
+    processor_time_before = processor_time_of_children()
     run.catch_all(seconds, chosen.likely_only)
+    taken = processor_time_of_children() - processor_time_before
+    print(f"\n{taken / len(mistakes):.1f} s of processor time for each mistake")
     return 0 if report(run.outcomes, read_dropped(), chosen.names) else 1
 
 
