@@ -7,9 +7,11 @@
 #include <csignal>
 #include <cstdlib>
 #include <memory>
+#include <utility>
 #include <vector>
 
 #include "support/child_process.h"
+#include "support/gate.h"
 #include "support/joining_thread.h"
 #include "support/manager_fixture.h"
 #include "support/sanitizers.h"
@@ -255,6 +257,34 @@ TEST_F(ManagerLifetime, LastManagerThatLocksDestroysTheLockAsWhatItIs) {
     EXPECT_EQ(log->destructions, 1U);
     EXPECT_EQ(log->locks, log->unlocks);
     EXPECT_EQ(Manager::handlerTableLock, nullptr);
+}
+
+// A manager that is being made knows the lock's address before it is counted.
+TEST_F(ManagerLifetime, LastManagerLeavesTheLockToOneThatIsAboutToTakeIt) {
+    const std::shared_ptr<LockLog> log = WatchedLock::putInPlace();
+    const SVMutexHandle* const lock = Manager::handlerTableLock;
+    auto last = std::make_unique<Manager>(true);
+    Gate aboutToTakeIt;
+    Gate lastIsGone;
+    static thread_local bool waits = false;
+    log->onDemand = [&] {
+        if (std::exchange(waits, false)) {
+            aboutToTakeIt.open();
+            lastIsGone.pass();
+        }
+    };
+    JoiningThread maker([&] {
+        waits = true;
+        const Manager next(true);
+        EXPECT_EQ(Manager::handlerTableLock, lock);
+        EXPECT_EQ(log->destructions, 0U);
+    });
+    aboutToTakeIt.pass();
+    last.reset();
+    EXPECT_EQ(log->destructions, 0U);
+    lastIsGone.open();
+    maker.join();
+    EXPECT_EQ(log->destructions, 1U);
 }
 
 TEST_F(ManagerLifetime, LockIsReentrantForItsThreadAndShutForOthers) {

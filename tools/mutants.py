@@ -2,7 +2,8 @@
 """Plants the mistakes of tests/mutants one at a time, and looks whether a test catches each.
 
 Works in copies of the tree under build/mutants, one for each processor, so that the checkout stays
-as it is, also when the run is interrupted. See tests/mutants/README.md for the lists.
+as it is, also when the run is interrupted. Mistakes of the mechanism that only another order of two
+threads would show are planted in the model of it. See tests/mutants/README.md for the lists.
 """
 
 import argparse
@@ -25,6 +26,7 @@ import xml.etree.ElementTree
 
 LISTS = pathlib.Path("tests/mutants")
 DROPPED = LISTS / "dropped.toml"
+MODEL = pathlib.Path("model/registry.pml")
 WORK = pathlib.Path("build/mutants")
 PRESET = "mutants"
 LIBRARY = "sorvane-signals-static"
@@ -32,11 +34,14 @@ LIBRARY = "sorvane-signals-static"
 INLINE_HEADERS = ("libsrc/datastructures/", "libsrc/support/svsignalhandler.h",
                   "libsrc/support/svstdallocator.h")
 TESTS_OF_INLINE_HEADERS = "sv"
-COPIED = ["CMakeLists.txt", "CMakePresets.json", "README.md", "cmake", "examples", "libsrc", "tests"]
+COPIED = ["CMakeLists.txt", "CMakePresets.json", "README.md", "cmake", "examples", "fuzz", "libsrc",
+          "tests"]
 
 # A test that takes this much longer than with the right code hangs.
 SLOWDOWN_OF_A_HANG = 10
 SHORTEST_HANG = 20.0
+# Every planted mistake of the model is found in a few seconds.
+LIMIT_OF_THE_MODEL = 120.0
 # What a mistake that allocates without end may have.
 MOST_ADDRESS_SPACE = 8 << 30
 
@@ -55,6 +60,8 @@ class Mistake:
     new: str
     tests: list[str]
     source: str
+    variant: str = ""  # of the model, instead of a place in a file
+    configuration: tuple[str, ...] = ()
     needs_library: bool = True
 
     def planted_in(self, text):
@@ -108,6 +115,20 @@ def read_toml(path):
         raise Problem(f"{path}: {error}") from error
 
 
+def read_mistake(entry, path):
+    common = {"promise": path.stem, "source": str(path),
+              "name": field(entry, "name", str, path), "what": field(entry, "what", str, path)}
+    if "model" in entry:
+        return Mistake(**common, file=str(MODEL), old="", new="", tests=[],
+                       variant=field(entry, "model", str, path),
+                       configuration=tuple(field(entry, "configuration", list, path)))
+    if not isinstance(entry.get("to"), str):
+        raise Problem(f"{path}: an entry ({entry.get('name')}) lacks 'to'")
+    return Mistake(**common, file=field(entry, "file", str, path),
+                   old=field(entry, "from", str, path), new=entry["to"],
+                   tests=field(entry, "tests", list, path))
+
+
 def read_mistakes():
     mistakes = []
     for path in sorted(LISTS.glob("*.toml")):
@@ -115,17 +136,7 @@ def read_mistakes():
             continue
         content = read_toml(path)
         for entry in content.get("mistake", []):
-            if "to" not in entry:
-                raise Problem(f"{path}: an entry ({entry.get('name')}) lacks 'to'")
-            mistakes.append(Mistake(
-                promise=path.stem,
-                name=field(entry, "name", str, path),
-                what=field(entry, "what", str, path),
-                file=field(entry, "file", str, path),
-                old=field(entry, "from", str, path),
-                new=entry["to"],
-                tests=field(entry, "tests", list, path),
-                source=str(path)))
+            mistakes.append(read_mistake(entry, path))
     names = [mistake.name for mistake in mistakes]
     for name in names:
         if names.count(name) > 1:
@@ -276,7 +287,7 @@ class Tree:
                 properties = {p["name"]: p["value"] for p in entry.get("properties", [])}
                 folder = properties.get("WORKING_DIRECTORY", str(self.build_folder))
                 program = next(os.path.basename(part) for part in command
-                               if part.startswith(f"{self.build_folder}/tests/"))
+                               if part.startswith(f"{self.build_folder}/"))
                 tests[entry["name"]] = Test(entry["name"], program, command, folder)
         return tests
 
@@ -389,12 +400,49 @@ class Trial:
         return Outcome(self._mistake, "caught", name, "fails, and is not among the likely ones")
 
 
+class ModelTrial:
+    """One mistake in the model: spin must find an order of steps in which something does not hold.
+    That there is none in the right model is not looked at here."""
+
+    def __init__(self, mistake, log):
+        self._mistake = mistake
+        self._log = log
+
+    def outcome(self):
+        variant = self._mistake.variant
+        if not re.search(rf"\b{re.escape(variant)}\b", MODEL.read_text(encoding="utf-8")):
+            raise Problem(f"{self._mistake.source}: {self._mistake.name} no longer applies: "
+                          f"{MODEL} has no {variant}")
+        folder = WORK / "model" / self._mistake.name
+        folder.mkdir(parents=True, exist_ok=True)
+        for command in self._commands():
+            if processes.run(command, self._log, folder=folder, limit=LIMIT_OF_THE_MODEL) != 0:
+                return Outcome(self._mistake, "the model could not be checked to its end")
+        self._log.flush()
+        if "assertion violated" not in pathlib.Path(self._log.name).read_text(encoding="utf-8"):
+            return Outcome(self._mistake, "NOT CAUGHT by the model")
+        return Outcome(self._mistake, "caught", f"the model with {self._mistake.variant}")
+
+    def _commands(self):
+        definitions = [f"-D{name}" for name in (self._mistake.variant, *self._mistake.configuration)]
+        return [["spin", *definitions, "-a", str(MODEL.resolve())],
+                ["gcc", "-O1", "-w", "-DSAFETY", "-DCOLLAPSE", "-DNOREDUCE", "-DMEMLIM=2000", "-o",
+                 "pan", "pan.c"],
+                ["./pan", "-m2000000"]]
+
+
+def trial_of(mistake, tree, tests, likely_only, log):
+    if mistake.variant:
+        return ModelTrial(mistake, log)
+    return Trial(mistake, tree, tests, likely_only, log)
+
+
 def catch(mistake, tree, tests, likely_only):
     started = time.monotonic()
     log_path = WORK / "logs" / f"{mistake.name}.log"
     with open(log_path, "w", encoding="utf-8") as log:
         try:
-            outcome = Trial(mistake, tree, tests, likely_only, log).outcome()
+            outcome = trial_of(mistake, tree, tests, likely_only, log).outcome()
         except (Problem, OSError) as error:
             outcome = Outcome(mistake, str(error))
     outcome.seconds = time.monotonic() - started
@@ -427,6 +475,20 @@ class Run:
         except BaseException as error:  # pylint: disable=broad-except ; raised again by each_tree
             self._errors.append(error)
 
+    def _planted_in_files(self):
+        return [mistake for mistake in self._mistakes if not mistake.variant]
+
+    def _needs_builds(self):
+        return bool(self._planted_in_files())
+
+    def prepare(self):
+        if self._needs_builds():
+            count = len(self.trees)
+            print(f"Building the right code {count} times" if count > 1
+                  else "Building the right code", flush=True)
+            self.each_tree(Tree.prepare)
+            print("Running the likely tests with the right code", flush=True)
+
     def _note(self, outcome):
         with self._lock:
             self.outcomes.append(outcome)
@@ -438,9 +500,9 @@ class Run:
 
     def measure(self):
         """Runs every likely test with the right code: they must pass, and take their time."""
-        tests = self.trees[0].tests()
+        tests = self.trees[0].tests() if self._needs_builds() else {}
         wanted = {}
-        for mistake in self._mistakes:
+        for mistake in self._planted_in_files():
             try:
                 likely = likely_tests(mistake, tests)
             except Problem:
@@ -471,7 +533,7 @@ class Run:
             waiting.put(mistake)
 
         def work(tree):
-            tests = tree.tests()
+            tests = tree.tests() if self._needs_builds() else {}
             for name, taken in seconds.items():
                 tests[name].seconds = taken
             for mistake in drain(waiting):
@@ -486,6 +548,11 @@ def drain(waiting):
             yield waiting.get_nowait()
         except queue.Empty:
             return
+
+
+def processor_time_of_children():
+    usage = resource.getrusage(resource.RUSAGE_CHILDREN)
+    return usage.ru_utime + usage.ru_stime
 
 
 def report(outcomes, dropped, wanted):
@@ -553,13 +620,13 @@ def main():
     jobs = max(1, (os.cpu_count() or 1) // count)
     run = Run(mistakes, [Tree(number, jobs) for number in range(1, count + 1)])
 
-    print(f"Building the right code {count} times" if count > 1 else "Building the right code",
-          flush=True)
-    run.each_tree(Tree.prepare)
-    print("Running the likely tests with the right code", flush=True)
+    run.prepare()
     seconds = run.measure()
     print(f"Planting {len(mistakes)} mistakes, one at a time", flush=True)
+    processor_time_before = processor_time_of_children()
     run.catch_all(seconds, chosen.likely_only)
+    taken = processor_time_of_children() - processor_time_before
+    print(f"\n{taken / len(mistakes):.1f} s of processor time for each mistake")
     return 0 if report(run.outcomes, read_dropped(), chosen.names) else 1
 
 

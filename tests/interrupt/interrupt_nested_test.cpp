@@ -80,6 +80,17 @@ void stopHandling(int) {
     inner.stopHandlingSignals();
 }
 
+bool sawFifth = false;
+
+// A change completes what it interrupts, so that it can be told afterwards whether the record is
+// there.
+void clearFifthIfThere(int) {
+    Manager inner(false);
+    inner.setHandlerFromFunction(SIGUSR2, handlerOf[6]);
+    sawFifth = sawFifth || hasRecord(SIGUSR1, handlerOf[5]);
+    inner.clearHandlerWithFunction(SIGUSR1, handlerOf[5]);
+}
+
 void keepManager(int) {
     if (kept == nullptr) {
         kept = new Manager(false);
@@ -162,6 +173,16 @@ TEST(InterruptedSetHandlerByAHandler, ThatHandsTheSameSignalBack) {
                  .atMostOnce = {5},
                  .endsAs = EndsAs::deliveredAfterwards,
                  .detail = Detail::records});
+}
+
+// What is registered and cleared is not registered once more.
+TEST(InterruptedSetHandlerByAHandler, ThatClearsTheSameFunction) {
+    stepThrough({.prepare = handlingWith(clearFifthIfThere),
+                 .operate = registerFifth,
+                 .everyTime = {0, 1, 2, 3},
+                 .atMostOnce = {5},
+                 .endsAs = EndsAs::alsoSaysTheWholeTruth,
+                 .also = [] { return hasRecord(SIGUSR1, handlerOf[5]) != sawFifth; }});
 }
 
 // --- Interrupting the other operations ------------------------------------------------------
@@ -247,6 +268,25 @@ TEST(InterruptedHandleSignalByAHandler, ThatHandsTheSameSignalBack) {
                      [] {
                          std::raise(SIGUSR2);
                          return calls[host] == (hasRecord(SIGUSR2, handlerOf[host]) ? 1U : 0U);
+                     }});
+}
+
+TEST(InterruptedCallHandlersByAHandler, ThatChangesTheSameSignal) {
+    stepThrough({.prepare =
+                     [] {
+                         handlingWith(changeOtherSignal)();
+                         for (const std::size_t i : {host, otherHost, otherHost + 1}) {
+                             manager->setHandlerFromFunction(SIGUSR2, handlerOf[i]);
+                         }
+                     },
+                 .operate = [] { manager->callHandlers(SIGUSR2, nullptr, nullptr); },
+                 .everyTime = {0, 1, 2, 3},
+                 .never = {5},
+                 .endsAs = EndsAs::alsoSaysTheWholeTruth,
+                 .also =
+                     [] {
+                         return calls[host] == 1 && calls[otherHost] == 1 &&
+                                calls[otherHost + 1] == 1;
                      }});
 }
 

@@ -52,6 +52,18 @@ TEST(InterruptedSetHandler, InnerTableGrows) {
                  .atMostOnce = {5}});
 }
 
+// What is read is copied rather than changed.
+TEST(InterruptedSetHandler, InnerTableGrowsUnderADispatch) {
+    stepThrough({.prepare =
+                     [] {
+                         handling(5)();
+                         manager->setHandlerFromFunction(SIGUSR2, [](int) { registerFifth(); });
+                     },
+                 .operate = [] { manager->callHandlers(SIGUSR2, nullptr, nullptr); },
+                 .everyTime = {0, 1, 2, 3, 4},
+                 .atMostOnce = {5}});
+}
+
 // Cleared from the last to the first, so that none stands behind a deleted slot.
 TEST(InterruptedSetHandler, InnerTableIsCleanedOfDeletedSlots) {
     stepThrough({.prepare =

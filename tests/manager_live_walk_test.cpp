@@ -1,0 +1,216 @@
+// What a handler does to the records of its own signal while these are being called.
+
+#include <gtest/gtest.h>
+#include <sorvane/svsignalhandlermanager.h>
+
+#include <algorithm>
+#include <array>
+#include <csignal>
+#include <cstddef>
+#include <utility>
+#include <vector>
+
+#include "support/manager_fixture.h"
+
+namespace {
+
+class LiveWalk : public ManagerTest {};
+
+// Handlers of which the one that comes first does to the others what is tested, and the others do
+// nothing. Which one that is depends on their addresses.
+bool actedQ = false;
+
+template <void (*act)(int, SimpleHandler), std::size_t number>
+void acting(int signalNumber) {
+    const SimpleHandler self = &acting<act, number>;
+    noteCall(addressOf(self), signalNumber);
+    if (!std::exchange(actedQ, true)) {
+        act(signalNumber, self);
+    }
+}
+
+constexpr std::size_t actors = 5;  // as many as a table has room for without a rebuild
+std::array<SimpleHandler, actors> present;
+
+template <void (*act)(int, SimpleHandler), std::size_t... numbers>
+void makePresent(std::index_sequence<numbers...>) {
+    present = {&acting<act, numbers>...};
+}
+
+template <void (*act)(int, SimpleHandler)>
+void handleActors(Manager& manager) {
+    makePresent<act>(std::make_index_sequence<actors>());
+    actedQ = false;
+    for (const SimpleHandler handler : present) {
+        manager.setHandlerFromFunction(SIGUSR1, handler);
+    }
+    manager.startHandlingSignals();
+}
+
+void expectEachCalledOnce() {
+    for (const SimpleHandler handler : present) {
+        EXPECT_EQ(callsOf(handler), 1U);
+    }
+}
+
+template <typename Action>
+void forEachOther(SimpleHandler self, Action action) {
+    for (const SimpleHandler handler : present) {
+        if (handler != self) {
+            action(handler);
+        }
+    }
+}
+
+// --- In the slots that are there ---------------------------------------------------------------
+
+SimpleHandler added = nullptr;
+
+void addAnother(int signalNumber, SimpleHandler) {
+    Manager inHandler(false);
+    inHandler.setHandlerFromFunction(signalNumber, added);
+}
+
+// Whether another one comes later depends on both addresses, so several are tried, each pair with a
+// table of its own.
+TEST_F(LiveWalk, HandlerThatIsAddedIsCalledAtOnceExactlyIfItComesAfterTheOneThatAdds) {
+    Manager manager(true);
+    manager.startHandlingSignals();
+    makePresent<addAnother>(std::make_index_sequence<actors>());
+    unsigned int later = 0;
+    for (std::size_t i = 0; i < 4 * actors; ++i) {
+        const int signalNumber = SIGRTMIN + 1 + static_cast<int>(i);
+        added = numberedHandlers[i];
+        manager.setHandlerFromFunction(signalNumber, present[i % actors]);
+        actedQ = false;
+        raise(signalNumber);
+        const bool comesLater = functionsInSlotOrder(signalNumber).back() == addressOf(added);
+        EXPECT_EQ(callsOf(added), comesLater ? 1U : 0U) << i;
+        later += comesLater ? 1U : 0U;
+    }
+    EXPECT_GT(later, 0U) << "nothing was tested";
+}
+
+void makeOthersInvalid(int signalNumber, SimpleHandler self) {
+    Manager inHandler(false);
+    forEachOther(self, [&](SimpleHandler other) {
+        Record invalid(signalNumber, other, false, false, false);
+        inHandler.setHandler(invalid);
+    });
+}
+
+TEST_F(LiveWalk, HandlersThatBecomeInvalidBeforeTheirTurnAreNotCalled) {
+    Manager manager(true);
+    handleActors<makeOthersInvalid>(manager);
+    raise(SIGUSR1);
+    EXPECT_EQ(callCount(), 1U);
+    EXPECT_EQ(recordCount(SIGUSR1), actors);
+}
+
+void clearOthers(int signalNumber, SimpleHandler self) {
+    Manager inHandler(false);
+    forEachOther(self, [&](SimpleHandler other) {
+        inHandler.clearHandlerWithFunction(signalNumber, other);
+    });
+}
+
+// One that stands behind a deleted slot is not found, and so stays.
+void expectThoseThatStayedCalledOnceAndTheClearedOnesNot() {
+    const std::vector<void*> stayed = functionsInSlotOrder(SIGUSR1);
+    EXPECT_LT(stayed.size(), actors) << "nothing was tested";
+    forEachOther(reinterpret_cast<SimpleHandler>(callAt(0).function), [&](SimpleHandler handler) {
+        const bool stayedQ =
+            std::find(stayed.begin(), stayed.end(), addressOf(handler)) != stayed.end();
+        EXPECT_EQ(callsOf(handler), stayedQ ? 1U : 0U);
+    });
+}
+
+TEST_F(LiveWalk, HandlersThatAreClearedBeforeTheirTurnAreNotCalled) {
+    Manager manager(true);
+    handleActors<clearOthers>(manager);
+    raise(SIGUSR1);
+    expectThoseThatStayedCalledOnceAndTheClearedOnesNot();
+}
+
+// --- After a rebuild ---------------------------------------------------------------------------
+
+// A sixth record needs a rebuild, which moves the others to other slots.
+void addASixth(int signalNumber, SimpleHandler) {
+    Manager inHandler(false);
+    inHandler.setHandlerFromFunction(signalNumber, userHandler);
+}
+
+TEST_F(LiveWalk, WhoseTableIsRebuiltCallsEachThatWasThereOnceAndNotTheNewOne) {
+    Manager manager(true);
+    handleActors<addASixth>(manager);
+    raise(SIGUSR1);
+    expectEachCalledOnce();
+    EXPECT_EQ(callsOf(userHandler), 0U);
+    EXPECT_EQ(recordCount(SIGUSR1), actors + 1);
+}
+
+// The registration for another signal makes a version that shares this signal's table.
+void changeAnotherSignalAndAddASixth(int signalNumber, SimpleHandler self) {
+    Manager inHandler(false);
+    inHandler.setHandlerFromFunction(SIGUSR2, otherUserHandler);
+    addASixth(signalNumber, self);
+}
+
+TEST_F(LiveWalk, WhoseTableIsRebuiltAfterAnotherSignalsDoesTheSame) {
+    Manager manager(true);
+    handleActors<changeAnotherSignalAndAddASixth>(manager);
+    raise(SIGUSR1);
+    expectEachCalledOnce();
+    EXPECT_EQ(callsOf(userHandler), 0U);
+    EXPECT_EQ(recordCount(SIGUSR1), actors + 1);
+}
+
+void addASixthAndClearOthers(int signalNumber, SimpleHandler self) {
+    addASixth(signalNumber, self);
+    clearOthers(signalNumber, self);
+}
+
+TEST_F(LiveWalk, HandlersThatAreClearedAfterARebuildAreNotCalled) {
+    Manager manager(true);
+    handleActors<addASixthAndClearOthers>(manager);
+    raise(SIGUSR1);
+    expectThoseThatStayedCalledOnceAndTheClearedOnesNot();
+}
+
+// --- After the end of the registry -------------------------------------------------------------
+
+Manager* theOnlyManager = nullptr;
+Manager* nextManager = nullptr;
+
+template <void (*act)(int, SimpleHandler)>
+void callThroughTheOnlyManager() {
+    theOnlyManager = new Manager(false);
+    handleActors<act>(*theOnlyManager);
+    theOnlyManager->callHandlers(SIGUSR1, nullptr, nullptr);
+}
+
+void destroyTheOnlyManager(int, SimpleHandler) {
+    delete theOnlyManager;
+}
+
+TEST_F(LiveWalk, HandlersAreCalledAlthoughTheLastManagerGoes) {
+    callThroughTheOnlyManager<destroyTheOnlyManager>();
+    EXPECT_EQ(Manager::handlerTables, nullptr);
+    expectEachCalledOnce();
+}
+
+void replaceTheOnlyManager(int signalNumber, SimpleHandler) {
+    delete theOnlyManager;
+    nextManager = new Manager(false);
+    nextManager->setHandlerFromFunction(signalNumber, userHandler);
+}
+
+TEST_F(LiveWalk, HandlersAreCalledAlthoughTheNextManagerBeginsWithoutThem) {
+    callThroughTheOnlyManager<replaceTheOnlyManager>();
+    EXPECT_EQ(functionsInSlotOrder(SIGUSR1), std::vector<void*>{addressOf(userHandler)});
+    expectEachCalledOnce();
+    EXPECT_EQ(callsOf(userHandler), 0U);
+    delete nextManager;
+}
+
+}  // namespace
