@@ -104,7 +104,6 @@ enum class Form { counting, onePerRun, everyInstruction };
 
 constexpr int exitRight = 42;
 constexpr int exitWrong = 43;
-constexpr unsigned int secondsForTheRest = 30;
 constexpr unsigned int secondsForAll = 600;
 constexpr int sentinel = 4242;
 
@@ -223,6 +222,8 @@ bool rightEndQ(int status) {
 }
 
 #if defined(__x86_64__) || defined(__i386__)
+
+constexpr unsigned int secondsForTheRest = 30;
 
 void noteWrong(const ucontext_t& context) {
     if (report().wrong++ == 0) {
