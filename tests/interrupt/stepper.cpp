@@ -18,6 +18,7 @@
 #include <string>
 
 #include "interrupt/counted_handlers.h"
+#include "support/emulation.h"
 #include "support/sanitizers.h"
 
 namespace {
@@ -49,11 +50,6 @@ constexpr bool processorStepsQ = false;
 inline void stepOn() {}
 inline void stepOff() {}
 #endif
-
-bool underValgrindQ() {
-    const char* const preloaded = std::getenv("LD_PRELOAD");
-    return preloaded != nullptr && std::strstr(preloaded, "vgpreload") != nullptr;
-}
 
 const char* reasonForNotStepping() {
     if (!processorStepsQ) {
