@@ -2,6 +2,9 @@
 # Runs a GoogleTest program. GoogleTest removes the marker when the tests are over,
 # so a process that the library ended before, with status 0, is not taken for a
 # success.
+#
+# SORVANE_TEST_WRAPPER may name a command that runs each test, but does not list the
+# tests.
 marker="$(mktemp)" || exit 1
 
 run() {
@@ -28,6 +31,6 @@ case " $* " in
         exit "$status"
         ;;
     *)
-        run "$@"
+        run ${SORVANE_TEST_WRAPPER:+"$SORVANE_TEST_WRAPPER"} "$@"
         ;;
 esac

@@ -332,6 +332,9 @@ void handlerThatSkipsTheInstruction(int signalNumber, siginfo* information, void
 // An illegal instruction is no reason to end the process, and the context is the real one: what a
 // handler changes there is what the thread goes on with.
 TEST_F(Delivery, HandlerOfAnIllegalInstructionMayMoveTheThreadOn) {
+    if (underValgrindQ()) {
+        GTEST_SKIP() << "valgrind's own signal tells another reason";
+    }
     Manager manager(true);
     manager.setHandlerFromFunction(SIGILL, handlerThatSkipsTheInstruction);
     manager.startHandlingSignals();
@@ -572,6 +575,9 @@ protected:
         if (builtWithThreadSanitizer) {
             GTEST_SKIP()
                 << "ThreadSanitizer's own code, which is stepped through, is not re-entrant";
+        }
+        if (underValgrindQ()) {
+            GTEST_SKIP() << "valgrind has no trap flag";
         }
         m_manager.startHandlingSignals();
         for (auto& calls : countedCalls) {

@@ -214,12 +214,12 @@ constexpr std::size_t slotOfTryLock = 2;
 constexpr std::size_t slotOfLock = 3;
 constexpr std::size_t slotOfUnlock = 4;
 
-// A pointer to a virtual member function holds one more than the distance of its slot.
+// A pointer to a virtual member function holds the distance of its slot, and on x86 one more.
 template <typename Member>
 std::size_t slotOf(Member member) {
     std::uintptr_t bits = 0;
     std::memcpy(&bits, &member, sizeof(bits));
-    return (bits - 1) / sizeof(void*);
+    return bits / sizeof(void*);
 }
 
 TEST(SVMutexHandleVirtualFunctions, AreTheDestructorsTryLockLockAndUnlockInThisOrder) {

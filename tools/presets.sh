@@ -10,10 +10,13 @@ if setarch --addr-no-randomize true 2>/dev/null; then
     fixed_addresses=(setarch --addr-no-randomize)
 fi
 
+# What a command adds to the options of ctest.
+ctest_options=()
+
 run_ctest() {
     local preset="$1" report="$2"
     local command=(ctest --preset "$preset" --parallel "$(nproc)" --output-on-failure
-        --test-output-size-passed 4096 --output-junit "$report")
+        --test-output-size-passed 4096 --output-junit "$report" "${ctest_options[@]}")
     case "$preset" in
         asan-* | tsan-*) "${fixed_addresses[@]}" "${command[@]}" ;;
         *) "${command[@]}" ;;
@@ -57,4 +60,22 @@ run_preset() {
     ((failed == 0)) && return 0
     show_failures "$log"
     return 1
+}
+
+tests_over() {
+    grep -cE ' +[0-9.]+ sec$' "$log_dir/test-$1.log" 2>/dev/null || true
+}
+
+# run_preset_watched PRESET: as run_preset, and tells every 20 seconds how far it is.
+run_preset_watched() {
+    local watcher status=0
+    rm -f "$log_dir/test-$1.log"
+    while sleep 20; do
+        [[ ! -f "$log_dir/test-$1.log" ]] || say "$1: $(tests_over "$1") tests are over"
+    done &
+    watcher=$!
+    run_preset "$1" || status=$?
+    kill "$watcher" 2>/dev/null || true
+    wait "$watcher" 2>/dev/null || true
+    return "$status"
 }

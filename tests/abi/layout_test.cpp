@@ -39,6 +39,8 @@ REVEAL_MEMBER(RecordValid, SVSignalHandler, m_valid);
 REVEAL_MEMBER(SetAnswers, SVSignalHandlerDispositionSet, m_answers);
 REVEAL_MEMBER(ManagerLocking, SVSignalHandlerManager, m_locking);
 
+#if defined(__GLIBCXX__) && (defined(__x86_64__) || defined(__i386__))
+
 namespace {
 
 // One number for each architecture.
@@ -253,3 +255,11 @@ TYPED_TEST(VirtualFunctions, GoOnWithTheDestructorThatGivesTheStorageBack) {
 }
 
 }  // namespace
+
+#else
+
+TEST(Layout, IsWrittenDownForThisPlatform) {
+    GTEST_SKIP() << "the numbers are those of x86 with libstdc++: strings, lists and locks differ";
+}
+
+#endif

@@ -77,6 +77,7 @@ extern "C" {
 void* __libc_malloc(std::size_t size);
 void* __libc_calloc(std::size_t count, std::size_t size);
 void* __libc_realloc(void* block, std::size_t size);
+void* __libc_memalign(std::size_t alignment, std::size_t size);
 void __libc_free(void* block);
 
 void* malloc(std::size_t size) {
@@ -93,6 +94,16 @@ void* realloc(void* block, std::size_t size) {
     }
     givenBack(block);
     return taken(__libc_realloc(block, size));
+}
+
+// An exception's storage under libc++.
+int posix_memalign(void** block, std::size_t alignment, std::size_t size) {
+    void* const found = refused() ? nullptr : taken(__libc_memalign(alignment, size));
+    if (found == nullptr) {
+        return ENOMEM;
+    }
+    *block = found;
+    return 0;
 }
 
 void free(void* block) {

@@ -17,6 +17,7 @@
 
 #include "interrupt/counted_handlers.h"
 #include "support/child_process.h"
+#include "support/emulation.h"
 #include "support/sanitizers.h"
 
 // --- What is watched
@@ -143,8 +144,8 @@ void deliverWatched(int signalNumber) {
 
 template <typename Body>
 void expectNothingUsed(Body body) {
-    if (!interposedQ) {
-        GTEST_SKIP() << "the sanitizer has the heap to itself";
+    if (!interposedQ || underValgrindQ()) {
+        GTEST_SKIP() << "the sanitizer, or valgrind, has the heap to itself";
     }
     EXPECT_TRUE(inChild(body).wentOnQ());
 }
@@ -205,8 +206,8 @@ void useAStream(int) {
 // -----------------------------------------------------------------------------
 
 void expectNoticed(SimpleHandler handler) {
-    if (!interposedQ) {
-        GTEST_SKIP() << "the sanitizer has the heap to itself";
+    if (!interposedQ || underValgrindQ()) {
+        GTEST_SKIP() << "the sanitizer, or valgrind, has the heap to itself";
     }
     EXPECT_TRUE(inChild([handler] {
                     handleUser1(handler);

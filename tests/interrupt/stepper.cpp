@@ -18,6 +18,7 @@
 #include <string>
 
 #include "interrupt/counted_handlers.h"
+#include "support/emulation.h"
 #include "support/sanitizers.h"
 
 namespace {
@@ -49,11 +50,6 @@ constexpr bool processorStepsQ = false;
 inline void stepOn() {}
 inline void stepOff() {}
 #endif
-
-bool underValgrindQ() {
-    const char* const preloaded = std::getenv("LD_PRELOAD");
-    return preloaded != nullptr && std::strstr(preloaded, "vgpreload") != nullptr;
-}
 
 const char* reasonForNotStepping() {
     if (!processorStepsQ) {
@@ -104,7 +100,6 @@ enum class Form { counting, onePerRun, everyInstruction };
 
 constexpr int exitRight = 42;
 constexpr int exitWrong = 43;
-constexpr unsigned int secondsForTheRest = 30;
 constexpr unsigned int secondsForAll = 600;
 constexpr int sentinel = 4242;
 
@@ -223,6 +218,8 @@ bool rightEndQ(int status) {
 }
 
 #if defined(__x86_64__) || defined(__i386__)
+
+constexpr unsigned int secondsForTheRest = 30;
 
 void noteWrong(const ucontext_t& context) {
     if (report().wrong++ == 0) {

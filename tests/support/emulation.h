@@ -1,11 +1,20 @@
-// Whether a test is run by an emulator, for the few tests that one cannot go along with.
+// Whether a test is run by an emulator or by valgrind, for the few tests that these cannot go along
+// with.
 #ifndef SORVANE_TESTS_SUPPORT_EMULATION_H
 #define SORVANE_TESTS_SUPPORT_EMULATION_H
+
+#include <cstdlib>
+#include <cstring>
 
 #ifdef SORVANE_TESTS_EMULATED
 constexpr bool emulated = true;
 #else
 constexpr bool emulated = false;
 #endif
+
+inline bool underValgrindQ() {
+    const char* const preloaded = std::getenv("LD_PRELOAD");
+    return preloaded != nullptr && std::strstr(preloaded, "vgpreload") != nullptr;
+}
 
 #endif

@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include "support/emulation.h"
 #include "support/sanitizers.h"
 
 namespace {
@@ -110,7 +111,9 @@ const char* MemoryLimit::reasonForBeingAbsent() noexcept {
         return "AddressSanitizer's own memory can't be limited";
     } else if constexpr (builtWithThreadSanitizer) {
         return "ThreadSanitizer's own memory can't be limited";
+    } else if constexpr (emulated) {
+        return "the emulator's own memory can't be limited";
     } else {
-        return nullptr;
+        return underValgrindQ() ? "valgrind's own memory can't be limited" : nullptr;
     }
 }

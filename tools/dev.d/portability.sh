@@ -17,7 +17,7 @@ total_failed=0
 for preset in libcxx-x86_64 clang-aarch64; do
     say "$preset: building and testing"
     started=$SECONDS
-    run_preset "$preset" || say "$preset: FAILED"
+    run_preset_watched "$preset" || say "$preset: FAILED"
     rows+=("$(printf '%-28s %7d %7d %7d %7d s' \
         "${described[$preset]}" "$passed" "$failed" "$skipped" $((SECONDS - started)))")
     total_passed=$((total_passed + passed))
