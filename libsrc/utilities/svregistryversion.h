@@ -34,11 +34,6 @@ public:
     static unsigned short newLayout() noexcept;
 };
 
-    /// Stays the same from copy to copy until a rebuild moves the records to other slots.
-    unsigned int layout = newLayout();
-    static unsigned int newLayout() noexcept;
-};
-
 /// One version of the registry: an outer table and who reads it.
 class SVRegistryVersion final : public SVSignalTable {
 public:
