@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <climits>
 #include <csignal>
+#include <cstdint>
 #include <memory>
 #include <vector>
 
@@ -135,12 +136,16 @@ TEST_F(Registration, ClearingTheLastRecordAsExternalInstallsNothing) {
     EXPECT_EQ(recordCount(SIGUSR1), 0U);
 }
 
+// The deleted slot is another one than that in which the search for the host's handler begins, and
+// so not in its way.
 TEST_F(Registration, ClearingTheLastRecordAsPreExistingGivesTheSignalBackBesideDeletedSlots) {
     hostInstalls(SIGUSR1, hostHandler);
-    m_manager.setHandlerFromFunction(SIGUSR1, userHandler);
+    const std::uintptr_t slotOfHost = reinterpret_cast<std::uintptr_t>(hostHandler) & 7;
+    const auto elsewhere = reinterpret_cast<void (*)(int)>(0x1000 + (slotOfHost ^ 4));
+    m_manager.setHandlerFromFunction(SIGUSR1, elsewhere);
     m_manager.startHandlingSignals();
     Record host = *recordOf(SIGUSR1, hostHandler);
-    Record user(SIGUSR1, userHandler, true, false, true);
+    Record user(SIGUSR1, elsewhere, true, false, true);
     m_manager.clearHandler(user);
     ASSERT_EQ(tableOf(SIGUSR1)->fill, 2U);
     m_manager.clearHandler(host);

@@ -21,10 +21,11 @@ bool hasRecordsQ(int signalNumber) noexcept {
 // The lock is let go around each handleSignal(), which takes it by itself, so that an exception
 // out of it leaves nothing locked.
 void SVSignalHandlerManager::startHandlingSignals() {
+    // A teardown that was begun may not have said yet that nothing is handled any more.
+    completeTeardown();
     if (SVLifecycle::handlingQ()) {
         return;
     }
-    completeTeardown();
     SVMutexHandle* const handle = lockHandle();
     const auto lock = [handle] {
         if (handle != nullptr) {

@@ -55,7 +55,9 @@ long thisThread() noexcept {
 bool faultQ(int signalNumber, const siginfo& information) noexcept {
     const bool byTheCode = signalNumber == SIGSEGV || signalNumber == SIGBUS ||
                            signalNumber == SIGILL || signalNumber == SIGFPE;
-    return byTheCode && information.si_code > 0;
+    // A defect of memory that nobody has touched does not come again.
+    const bool onlyReported = signalNumber == SIGBUS && information.si_code == BUS_MCEERR_AO;
+    return byTheCode && information.si_code > 0 && !onlyReported;
 }
 
 // --- Codes that the kernel keeps for itself. They travel as negative ones that nobody uses, and
