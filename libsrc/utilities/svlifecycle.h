@@ -14,7 +14,9 @@
 //
 // A teardown that somebody was interrupted in, or is slow with, is completed by the next one who
 // is to change the registry, so that the change goes to the state after it. Whoever resumes the
-// teardown then finds the word changed, and leaves everything as it is.
+// teardown then finds the word changed, and goes no further. The step that it was interrupted in it
+// still takes: a handler that is put back then is displaced again if its signal has been taken over
+// anew; dispositions that are reset then are not set again.
 //
 // currentlyHandlingSignals follows the word: whoever changes the word copies it there, and again
 // if it has changed meanwhile.

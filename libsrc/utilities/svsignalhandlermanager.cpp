@@ -62,8 +62,8 @@ SVMutexHandle* SVSignalHandlerManager::lockHandle() const {
     return m_locking ? SVSharedLock::handle() : nullptr;
 }
 
-// The dispositions are reset before the tables are published, so that nobody who finds the tables
-// has an answer of his own reset.
+// The dispositions are reset before the tables are published, so that whoever finds the tables does
+// not have an answer of his own reset, unless two are making tables at once.
 void SVSignalHandlerManager::makeSharedTablesIfNone() {
     if (SVAtomicRef<SVSignalTable*>(handlerTables).load() == nullptr) {
         signalDispositionSet.reset();
