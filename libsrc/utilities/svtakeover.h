@@ -16,8 +16,8 @@
 // A fault of the code itself is not kept: it comes again by itself when the dispatch returns. A
 // handler's own fault would then come again for ever, if the handler has interrupted its thread's
 // own take-over of that signal; it is dispatched at once, by what is on record when the interrupted
-// change has been completed. If the change has not been begun, because the thread has only just come
-// back from the operating system, the handler that was there before is not known to anybody.
+// change has been completed. If that has not been begun, because the thread has only just come back
+// from the operating system, nobody knows the handler that was there before.
 #ifndef SORVANE_SVTAKEOVER_H
 #define SORVANE_SVTAKEOVER_H
 
