@@ -19,6 +19,7 @@
 #include "support/child_process.h"
 #include "support/emulation.h"
 #include "support/sanitizers.h"
+#include "support/single_steps.h"
 
 // --- What is watched
 // ------------------------------------------------------------------------------
@@ -306,13 +307,6 @@ TEST(HandlerResources, NoneAreUsedByAHandlerThatDestroysTheLastManager) {
 
 // The signal is sent at each instruction of the take-over, by the processor's trap flag.
 #if defined(__x86_64__) || defined(__i386__)
-#if defined(__x86_64__)
-#define SORVANE_FLAGS_ON "pushfq; orq $0x100,(%%rsp); popfq"
-#define SORVANE_FLAGS_OFF "pushfq; andq $~0x100,(%%rsp); popfq"
-#else
-#define SORVANE_FLAGS_ON "pushfl; orl $0x100,(%%esp); popfl"
-#define SORVANE_FLAGS_OFF "pushfl; andl $~0x100,(%%esp); popfl"
-#endif
 
 // What is kept is sent again signal by signal, which would be disturbed again and again.
 void deliverAtEachInstruction(int) {
@@ -328,9 +322,10 @@ TEST(HandlerResources, NoneAreUsedByADispatchThatKeepsASignalForATakeOver) {
         std::signal(SIGUSR1, handlerOf[7]);
         manager = new Manager(true);
         std::signal(SIGTRAP, deliverAtEachInstruction);
-        asm volatile(SORVANE_FLAGS_ON ::: "memory", "cc");
-        manager->handleSignal(SIGUSR1);
-        asm volatile(SORVANE_FLAGS_OFF ::: "memory", "cc");
+        {
+            const SingleSteps steps;
+            manager->handleSignal(SIGUSR1);
+        }
         EXPECT_GT(calls[7], 1000U);
     });
 }

@@ -11,16 +11,9 @@
 
 #include "support/gate.h"
 #include "support/joining_thread.h"
+#include "support/single_steps.h"
 
 #if defined(__x86_64__) || defined(__i386__)
-
-#if defined(__x86_64__)
-#define SORVANE_FLAGS_ON "pushfq; orq $0x100,(%%rsp); popfq"
-#define SORVANE_FLAGS_OFF "pushfq; andq $~0x100,(%%rsp); popfq"
-#else
-#define SORVANE_FLAGS_ON "pushfl; orl $0x100,(%%esp); popfl"
-#define SORVANE_FLAGS_OFF "pushfl; andl $~0x100,(%%esp); popfl"
-#endif
 
 namespace {
 
@@ -61,9 +54,10 @@ void askForASignal(int) {
 }
 
 void takeOver(Manager& manager) {
-    asm volatile(SORVANE_FLAGS_ON ::: "memory", "cc");
-    manager.handleSignal(signalNumber);
-    asm volatile(SORVANE_FLAGS_OFF ::: "memory", "cc");
+    {
+        const SingleSteps steps;
+        manager.handleSignal(signalNumber);
+    }
     takenOver = true;
     question.open();
 }
