@@ -21,8 +21,8 @@ static_assert(std::is_nothrow_copy_assignable_v<SVSignalHandlerDispositionSet>);
 static_assert(
     std::is_same_v<decltype(std::declval<SVSignalHandlerDispositionSet>().getSignalDisposition(1)),
                    bool>);
-static_assert(sizeof(SVSignalHandlerDispositionSet) <= sizeof(void*) + 8,
-              "one bit for each signal is enough");
+static_assert(sizeof(SVSignalHandlerDispositionSet) <= sizeof(void*) + 16,
+              "one bit for each signal, and how often they were replaced");
 
 // Made before any code runs, as the manager's shared set has to be.
 constinit SVSignalHandlerDispositionSet madeBeforeAnyCode;

@@ -43,10 +43,7 @@ public:
     virtual void unlock();
 
 private:
-    friend class SVRetiredHandles;
-
     pthread_mutex_t m_mutex;
-    SVMutexHandle* m_nextRetired = nullptr;  ///< of those that are out of use
 };
 
 /// A scoped lock: releases what it holds on every way out of a scope, exceptions included.

@@ -18,21 +18,51 @@ std::uint32_t readWord(const std::uint32_t& word) noexcept {
     return Word(const_cast<std::uint32_t&>(word)).load(std::memory_order_relaxed);
 }
 
+void exchangeWord(std::uint32_t& word, std::uint32_t seen, std::uint32_t wanted) noexcept {
+    Word(word).compare_exchange_strong(seen, wanted, std::memory_order_relaxed);
+}
+
 }  // namespace
 
 SVSignalHandlerDispositionSet::SVSignalHandlerDispositionSet(
     const SVSignalHandlerDispositionSet& other) noexcept
-    : SVObject(other), m_answers{readWord(other.m_answers[0]), readWord(other.m_answers[1])} {}
+    : SVObject(other),
+      m_answers{readWord(other.m_answers[0]), readWord(other.m_answers[1]),
+                readWord(other.m_answers[2])} {}
 
 SVSignalHandlerDispositionSet& SVSignalHandlerDispositionSet::operator=(
     const SVSignalHandlerDispositionSet& other) noexcept {
-    Word(m_answers[0]).store(readWord(other.m_answers[0]), std::memory_order_relaxed);
-    Word(m_answers[1]).store(readWord(other.m_answers[1]), std::memory_order_relaxed);
+    for (unsigned int i = 0; i < words; ++i) {
+        const Word word(m_answers[i]);
+        const std::uint32_t answers = readWord(other.m_answers[i]);
+        std::uint32_t current = word.load(std::memory_order_relaxed);
+        while (!word.compare_exchange_weak(current, replaced(current, answers),
+                                           std::memory_order_relaxed)) {
+        }
+    }
     return *this;
 }
 
 void SVSignalHandlerDispositionSet::reset() noexcept {
     *this = SVSignalHandlerDispositionSet();
+}
+
+void SVSignalHandlerDispositionSet::resetSince(const SVSignalHandlerDispositionSet& seen) noexcept {
+    for (unsigned int i = 0; i < words; ++i) {
+        exchangeWord(m_answers[i], seen.m_answers[i], replaced(seen.m_answers[i], initialWord(i)));
+    }
+}
+
+void SVSignalHandlerDispositionSet::resetOnce(const SVSignalHandlerDispositionSet& seen,
+                                              unsigned int occasion) noexcept {
+    const std::uint32_t mark = std::uint32_t{occasion} << occasionShift;
+    for (unsigned int i = 0; i < words; ++i) {
+        const std::uint32_t word = seen.m_answers[i];
+        if ((word & ~allButOccasion) != mark) {
+            exchangeWord(m_answers[i], word,
+                         (replaced(word, initialWord(i)) & allButOccasion) | mark);
+        }
+    }
 }
 
 void SVSignalHandlerDispositionSet::handleSignal(int signalNumber) noexcept {

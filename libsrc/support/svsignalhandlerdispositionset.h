@@ -31,6 +31,15 @@ public:
     /// Threads: any, each operation is atomic. Signal context: any context.
     void reset() noexcept;
 
+    /// The same for whoever may be overtaken by somebody who does it first and goes on: only for
+    /// answers that have not been reset or replaced since they were seen; and, with an occasion,
+    /// only if they have not been reset on that occasion before.
+    /// Parameters: seen, a copy of this set, made before; occasion, told apart from the last 63.
+    /// Ownership: none. Result: none. Errors: none. Guarantee: no exception.
+    /// Threads: any, each operation is atomic. Signal context: any context.
+    void resetSince(const SVSignalHandlerDispositionSet& seen) noexcept;
+    void resetOnce(const SVSignalHandlerDispositionSet& seen, unsigned int occasion) noexcept;
+
     /// Set the answer for one signal: yes, or no.
     /// Parameters: signal number; one outside 1 to 60 changes nothing.
     /// Ownership: none. Result: none. Errors: none. Guarantee: no exception.
@@ -51,12 +60,22 @@ private:
     static constexpr bool coveredQ(int signalNumber) noexcept {
         return signalNumber >= lowestSignal && signalNumber <= highestSignal;
     }
-    static constexpr unsigned int bitsInWord = 32;
+
+    /// A word has twenty answers, above them how often they were replaced, and above that the
+    /// occasion on which they were last reset. Words of 32 bits, because every architecture changes
+    /// these atomically without help.
+    static constexpr unsigned int words = 3;
+    static constexpr unsigned int answersInWord = 20;
+    static constexpr unsigned int occasionShift = 26;
+    static constexpr std::uint32_t onceReplaced = std::uint32_t{1} << answersInWord;
+    static constexpr std::uint32_t allAnswers = onceReplaced - 1;
+    static constexpr std::uint32_t allButOccasion = (std::uint32_t{1} << occasionShift) - 1;
     static constexpr unsigned int wordOf(int signalNumber) noexcept {
-        return static_cast<unsigned int>(signalNumber) / bitsInWord;
+        return static_cast<unsigned int>(signalNumber - lowestSignal) / answersInWord;
     }
     static constexpr std::uint32_t bitOf(int signalNumber) noexcept {
-        return std::uint32_t{1} << (static_cast<unsigned int>(signalNumber) % bitsInWord);
+        return std::uint32_t{1} << (static_cast<unsigned int>(signalNumber - lowestSignal) %
+                                    answersInWord);
     }
     static constexpr bool handledAtFirstQ(int signalNumber) noexcept {
         return signalNumber != SIGKILL && signalNumber != SIGSTOP && signalNumber != 32 &&
@@ -72,9 +91,12 @@ private:
         return answers;
     }
 
-    /// Bit s, counted over both words, is the answer for signal s. Words of 32 bits, because every
-    /// architecture changes these atomically without help.
-    std::uint32_t m_answers[2] = {initialWord(0), initialWord(1)};
+    static constexpr std::uint32_t replaced(std::uint32_t word, std::uint32_t answers) noexcept {
+        return (word & ~allButOccasion) | ((word + onceReplaced) & allButOccasion & ~allAnswers) |
+               (answers & allAnswers);
+    }
+
+    std::uint32_t m_answers[words] = {initialWord(0), initialWord(1), initialWord(2)};
 };
 
 }  // namespace Sorvane

@@ -1,29 +1,52 @@
 #include "svlifecycle.h"
 
 #include <atomic>
+#include <cstdint>
+
+#include "../support/svatomicref.h"
+#include "svsignalhandlermanager.h"
 
 namespace Sorvane {
 
 namespace {
 
-// The word: two flags, and the generation above them.
-constexpr unsigned int handlingFlag = 1;
-constexpr unsigned int teardownFlag = 2;
-constexpr unsigned int generation = 4;
+// The word: the number of managers in its lower half; two flags and the generation in its upper
+// half, which is what a teardown is called by. The generation is odd during a teardown.
+using Word = std::uint64_t;
+constexpr unsigned int upperHalf = 32;
+constexpr Word manager = 1;
+constexpr Word handlingFlag = Word{1} << upperHalf;
+constexpr Word teardownFlag = Word{2} << upperHalf;
+constexpr Word generation = Word{4} << upperHalf;
 
-std::atomic<unsigned int> word{0};
+constinit std::atomic<Word> word{0};
 
-static_assert(std::atomic<unsigned int>::is_always_lock_free);
+// By its address, because on i386 not every object of this size is aligned as this one.
+static_assert(__atomic_always_lock_free(sizeof(word), &word));
 static_assert(SVAtomicRef<unsigned int>::is_always_lock_free);
 static_assert(SVAtomicRef<bool>::is_always_lock_free);
 
+unsigned int managersIn(Word current) noexcept {
+    return static_cast<unsigned int>(current);
+}
+
+SVLifecycle::Teardown teardownIn(Word current) noexcept {
+    return static_cast<SVLifecycle::Teardown>(current >> upperHalf);
+}
+
+// Numbers the teardowns: 1, 2, 3 ...
+unsigned int ordinal(SVLifecycle::Teardown teardown) noexcept {
+    return teardown / 8 + 1;
+}
+
 // A copy that was overtaken by a change of the word is made again, by whoever finds that out.
-void copyHandling() noexcept {
+void copyOut(Word current) noexcept {
+    const SVAtomicRef<unsigned int> managers(SVSignalHandlerManager::numberOfManagers);
     const SVAtomicRef<bool> handling(SVSignalHandlerManager::currentlyHandlingSignals);
-    unsigned int current = word.load();
     for (;;) {
         handling.store((current & handlingFlag) != 0);
-        const unsigned int now = word.load();
+        managers.store(managersIn(current));
+        const Word now = word.load();
         if (now == current) {
             return;
         }
@@ -31,11 +54,25 @@ void copyHandling() noexcept {
     }
 }
 
-bool swap(unsigned int expected, unsigned int wanted) noexcept {
-    return word.compare_exchange_strong(expected, wanted);
+// Ends a teardown, unless it has been ended.
+void end(SVLifecycle::Teardown teardown, Word flags) noexcept {
+    Word current = word.load();
+    while (teardownIn(current) == teardown &&
+           !word.compare_exchange_weak(current, ((current + generation) & ~teardownFlag) | flags)) {
+    }
+    // Whoever began the teardown may have been interrupted before he copied what it begins with.
+    copyOut(word.load());
 }
 
 }  // namespace
+
+unsigned int SVLifecycle::managerCount() noexcept {
+    return managersIn(word.load());
+}
+
+bool SVLifecycle::handlingQ() noexcept {
+    return (word.load() & handlingFlag) != 0;
+}
 
 void SVLifecycle::setHandling(bool handling) noexcept {
     if (handling) {
@@ -43,54 +80,55 @@ void SVLifecycle::setHandling(bool handling) noexcept {
     } else {
         word.fetch_and(~handlingFlag);
     }
-    copyHandling();
+    copyOut(word.load());
 }
 
-// A teardown keeps its generation: a manager made meanwhile does not stop it, and finds the state
-// after it when it changes something.
+// Does not stop a teardown: the new manager finds the state after it when it changes something.
 void SVLifecycle::managerMade() noexcept {
-    if (managerCount().fetch_add(1) != 0) {
-        return;
-    }
-    unsigned int current = word.load();
-    while ((current & teardownFlag) == 0 &&
-           !word.compare_exchange_weak(current, current + generation)) {
-    }
+    copyOut(word.fetch_add(manager) + manager);
 }
 
-// The word may change in between without a manager having been made: a handler may start or stop
-// handling. Only another generation says that this manager was not the last one after all.
 SVLifecycle::Teardown SVLifecycle::managerGone() noexcept {
-    const unsigned int before = word.load();
-    if (managerCount().fetch_sub(1) != 1) {
-        return 0;
-    }
-    unsigned int current = before;
-    while (handlingQ() && (current & teardownFlag) == 0 &&
-           current / generation == before / generation) {
-        const unsigned int after = ((current + generation) & ~handlingFlag) | teardownFlag;
-        if (word.compare_exchange_weak(current, after)) {
-            copyHandling();
-            return after;
+    Word before = word.load();
+    Word after = 0;
+    bool last = false;
+    do {
+        last = managersIn(before) == 1 && (before & (handlingFlag | teardownFlag)) == handlingFlag;
+        after = before - manager;
+        if (last) {
+            after = ((after + generation) & ~handlingFlag) | teardownFlag;
         }
-    }
-    return 0;
+    } while (!word.compare_exchange_weak(before, after));
+    copyOut(after);
+    return last ? teardownIn(after) : 0;
 }
 
 SVLifecycle::Teardown SVLifecycle::currentTeardown() noexcept {
-    const unsigned int current = word.load();
-    return (current & teardownFlag) != 0 ? current : 0;
+    const Word current = word.load();
+    return (current & teardownFlag) != 0 ? teardownIn(current) : 0;
 }
 
-// Whoever began the teardown may have been interrupted before he copied that nothing is handled.
+// The answers are read before asking, so that whoever is overtaken after that changes nothing.
+void SVLifecycle::resetDispositions(Teardown teardown) noexcept {
+    SVSignalHandlerDispositionSet& dispositions = SVSignalHandlerManager::signalDispositionSet;
+    const SVSignalHandlerDispositionSet seen(dispositions);
+    if (currentTeardown() == teardown) {
+        dispositions.resetOnce(seen, ordinal(teardown));
+    }
+}
+
+void SVLifecycle::resetDispositionsIfTornDown() noexcept {
+    if (const Teardown teardown = currentTeardown()) {
+        resetDispositions(teardown);
+    }
+}
+
 void SVLifecycle::teardownComplete(Teardown teardown) noexcept {
-    swap(teardown, (teardown + generation) & ~teardownFlag);
-    copyHandling();
+    end(teardown, 0);
 }
 
 void SVLifecycle::teardownFailed(Teardown teardown) noexcept {
-    swap(teardown, ((teardown + generation) & ~teardownFlag) | handlingFlag);
-    copyHandling();
+    end(teardown, handlingFlag);
 }
 
 }  // namespace Sorvane

@@ -1,12 +1,10 @@
 #include "svregistry.h"
 
-#include <pthread.h>
-
-#include <csignal>
-#include <ctime>
 #include <memory>
 
 #include "../support/svmemoryrefusal.h"
+#include "../support/svsignalsheldback.h"
+#include "../support/svwait.h"
 #include "svmanagerfailure.h"
 
 namespace Sorvane {
@@ -16,12 +14,6 @@ namespace {
 using Version = SVRegistryVersion;
 
 std::atomic<bool> changingInPlace{false};
-
-// Sleeps rather than yields: whoever is waited for may have a lower priority.
-void waitALittle() noexcept {
-    const timespec aLittle = {0, 20000};
-    nanosleep(&aLittle, nullptr);
-}
 
 // --- Changes -----------------------------------------------------------------------------
 
@@ -373,22 +365,6 @@ private:
     bool m_over = false;
 };
 
-// Holds back everything from this thread.
-class SignalsHeldBack {
-public:
-    SignalsHeldBack() noexcept {
-        sigset_t signals;
-        sigfillset(&signals);
-        pthread_sigmask(SIG_BLOCK, &signals, &m_before);
-    }
-    SignalsHeldBack(const SignalsHeldBack&) = delete;
-    SignalsHeldBack& operator=(const SignalsHeldBack&) = delete;
-    ~SignalsHeldBack() { pthread_sigmask(SIG_SETMASK, &m_before, nullptr); }
-
-private:
-    sigset_t m_before;
-};
-
 // Whether nobody else reads a version, and no other version has the table that is to be changed.
 bool soleOwnerQ(const Version& version, const Change& change) noexcept {
     const SVSharedTable* const table = SVSharedTable::from(version.tableOf(change.signalNumber()));
@@ -417,7 +393,7 @@ private:
 
 // Changes a version for which there is no memory for a copy. False: start over.
 bool changeWithoutCopy(Version& base, Change& change) {
-    const SignalsHeldBack signalsHeldBack;
+    const SVSignalsHeldBack signalsHeldBack;
     const SVMemoryRefusal refusal;
     const Closed closed(base);
     if (!closed.closedQ()) {

@@ -1,9 +1,13 @@
 #include "svsharedlock.h"
 
+#include <sys/syscall.h>
+#include <unistd.h>
+
 #include <atomic>
 
 #include "../support/svatomicref.h"
 #include "../support/svthreadsfactory.h"
+#include "../support/svwait.h"
 #include "svlifecycle.h"
 #include "svsignalhandlermanager.h"
 
@@ -11,49 +15,82 @@ namespace Sorvane {
 
 namespace {
 
-std::atomic<unsigned int> users{0};
-std::atomic<SVMutexHandle*> retiredHandles{nullptr};
+// How many users there are, or that the lock is closed, and by which thread.
+constexpr unsigned int closed = 1U << 31U;
+constinit std::atomic<unsigned int> users{0};
+
+unsigned int closedByThisThread() noexcept {
+    return closed | static_cast<unsigned int>(syscall(SYS_gettid));
+}
 
 SVAtomicRef<SVMutexHandle*> handleInUse() noexcept {
     return SVAtomicRef<SVMutexHandle*>(SVSignalHandlerManager::handlerTableLock);
 }
 
-}  // namespace
-
-/// The handles that are out of use and not deleted yet.
-class SVRetiredHandles {
-public:
-    static void add(SVMutexHandle* handle) noexcept {
-        handle->m_nextRetired = retiredHandles.load();
-        while (!retiredHandles.compare_exchange_weak(handle->m_nextRetired, handle)) {
-        }
-    }
-
-    static SVMutexHandle* takeAll() noexcept { return retiredHandles.exchange(nullptr); }
-
-    template <typename Action>
-    static void forEach(SVMutexHandle* first, Action action) {
-        while (first != nullptr) {
-            SVMutexHandle* const next = first->m_nextRetired;
-            action(first);
-            first = next;
-        }
-    }
-};
-
-void SVSharedLock::enter() noexcept {
-    users.fetch_add(1);
+// A manager that does not lock may come and go meanwhile. It has nothing to do with the handle.
+bool lastUserQ(unsigned int current) noexcept {
+    return current == 1 && SVLifecycle::managerCount() == 0;
 }
 
-// What is on the list when the last user leaves was taken out of use before, and those who could
-// have read its address were users; whoever becomes one later can't read it any more. The list is
-// taken first, because after the last user there may be new ones.
-void SVSharedLock::leave() noexcept {
-    SVMutexHandle* const retired = SVRetiredHandles::takeAll();
-    if (users.fetch_sub(1) == 1) {
-        SVRetiredHandles::forEach(retired, [](SVMutexHandle* handle) { delete handle; });
-    } else {
-        SVRetiredHandles::forEach(retired, SVRetiredHandles::add);
+// A handle that the only user has read stays in use until it goes. After that a manager in a
+// handler may have taken it out of use, and opened the lock.
+bool leaveAndDelete() noexcept {
+    SVMutexHandle* const handle = SVSharedLock::handle();
+    const unsigned int closedHere = closedByThisThread();
+    unsigned int expectedUsers = 1;
+    if (handle == nullptr || !users.compare_exchange_strong(expectedUsers, closedHere)) {
+        return false;
+    }
+    SVMutexHandle* expectedHandle = handle;
+    handleInUse().compare_exchange_strong(expectedHandle, nullptr);
+    delete handle;
+    expectedUsers = closedHere;
+    users.compare_exchange_strong(expectedUsers, 0);
+    return true;
+}
+
+// Becomes the first user after a closing. A handler that has interrupted this thread's own can't
+// wait for it: it takes the handle out of use itself, unless another handler has done that.
+bool reopen(unsigned int current) noexcept {
+    if (current != closedByThisThread()) {
+        waitALittle();
+        return false;
+    }
+    SVMutexHandle* going = SVSharedLock::handle();
+    if (users.load() == current) {
+        handleInUse().compare_exchange_strong(going, nullptr);
+    }
+    return users.compare_exchange_strong(current, 1);
+}
+
+}  // namespace
+
+void SVSharedLock::enter() noexcept {
+    unsigned int current = users.load();
+    for (;;) {
+        if ((current & closed) != 0) {
+            if (reopen(current)) {
+                return;
+            }
+            current = users.load();
+        } else if (users.compare_exchange_weak(current, current + 1)) {
+            return;
+        }
+    }
+}
+
+SVSharedLock::LastUse::~LastUse() {
+    if (!m_used) {
+        return;
+    }
+    unsigned int current = users.load();
+    for (;;) {
+        if (m_handleGoes && lastUserQ(current) && leaveAndDelete()) {
+            return;
+        }
+        if (users.compare_exchange_weak(current, current - 1)) {
+            return;
+        }
     }
 }
 
@@ -72,22 +109,6 @@ SVMutexHandle* SVSharedLock::handleMadeIfNone() noexcept {
     }
     delete made;
     return current;
-}
-
-void SVSharedLock::retireHandleOfNobody() noexcept {
-    if (SVLifecycle::managerCount().load() != 0 || users.load() != 1) {
-        return;
-    }
-    SVMutexHandle* const handle = handleInUse().exchange(nullptr);
-    if (handle == nullptr) {
-        return;
-    }
-    // A manager that was made just now may count on this very handle.
-    SVMutexHandle* none = nullptr;
-    if (users.load() != 1 && handleInUse().compare_exchange_strong(none, handle)) {
-        return;
-    }
-    SVRetiredHandles::add(handle);
 }
 
 }  // namespace Sorvane

@@ -7,6 +7,7 @@
 #include "../support/svatomicref.h"
 #include "../support/svhandlercontext.h"
 #include "svlifecycle.h"
+#include "svownership.h"
 #include "svregistry.h"
 #include "svsharedlock.h"
 #include "svwalk.h"
@@ -41,7 +42,7 @@ SVSignalHandlerManager::SVSignalHandlerManager(bool locking) : m_locking(locking
 }
 
 SVSignalHandlerManager::~SVSignalHandlerManager() noexcept(false) {
-    const SVSharedLock::LastUse lastUse(m_locking);
+    SVSharedLock::LastUse lastUse(m_locking);
     SVMutexHandle* const handle = lockHandle();
     if (handle != nullptr) {
         handle->lock();
@@ -52,9 +53,7 @@ SVSignalHandlerManager::~SVSignalHandlerManager() noexcept(false) {
     if (handle != nullptr) {
         handle->unlock();
     }
-    if (m_locking) {
-        SVSharedLock::retireHandleOfNobody();
-    }
+    lastUse.letHandleGo();
 }
 
 // Null for a manager that does not lock, and when there was no memory for a lock.
@@ -63,10 +62,11 @@ SVMutexHandle* SVSignalHandlerManager::lockHandle() const {
 }
 
 // The dispositions are reset before the tables are published, so that whoever finds the tables does
-// not have an answer of his own reset, unless two are making tables at once.
+// not have an answer of his own reset.
 void SVSignalHandlerManager::makeSharedTablesIfNone() {
+    const SVSignalHandlerDispositionSet seen(signalDispositionSet);
     if (SVAtomicRef<SVSignalTable*>(handlerTables).load() == nullptr) {
-        signalDispositionSet.reset();
+        signalDispositionSet.resetSince(seen);
         SVRegistry::create();
     }
 }
@@ -91,24 +91,11 @@ private:
     bool m_failing = true;
 };
 
-bool takenOverQ(int signalNumber) noexcept {
-    const SVRegistryPin pin;
-    const SVSignalHandlerTable* const table = pin.tableOf(signalNumber);
-    if (table == nullptr || table->used == 0) {
-        return false;
-    }
-    bool hostsOwn = false;
-    for (auto position = table->begin(); position != table->end(); position++) {
-        hostsOwn = hostsOwn || position.GetValue().preExistsQ();
-    }
-    return hostsOwn || SVLifecycle::handlingQ();
-}
-
 }  // namespace
 
 // At every step somebody else may have completed this teardown, in a handler or on another thread,
-// and gone on; then the rest is none of its business any more. If that was just before a handler
-// was put back here, the signal may have been taken over anew.
+// and gone on; then the rest is none of its business any more. What each step is to change is read
+// before asking, so that a step that comes too late finds it changed.
 void SVSignalHandlerManager::tearDown(unsigned int teardown) {
     const auto wanted = [teardown] { return SVLifecycle::currentTeardown() == teardown; };
     {
@@ -117,23 +104,22 @@ void SVSignalHandlerManager::tearDown(unsigned int teardown) {
         SVMutex scope;
         scope.setHandle(lockHandle());
         forEachPreexisting(pin, [&](SVSignalHandler& record) {
-            if (!wanted()) {
-                return false;
-            }
-            installHandlerInSystem(record);
-            if (!wanted() && takenOverQ(record.getSignalNumber())) {
-                SVSignalHandler own = theSVHandler(record.getSignalNumber());
-                installHandlerInSystem(own);
+            const SVOwnership::Count seen = SVOwnership::count(record.getSignalNumber());
+            if (wanted() && SVOwnership::giveToHost(record.getSignalNumber(), seen)) {
+                const SVSignalHandler displaced = installHandlerInSystem(record);
+                if (!wanted()) {
+                    SVOwnership::settleLateHandBack(*this, displaced, seen);
+                }
             }
             return wanted();
         });
         failing.goOn();
+        SVLifecycle::resetDispositions(teardown);
         if (!wanted()) {
             return;
         }
-        signalDispositionSet.reset();
         SVRegistry::retire(pin);
-        if (SVLifecycle::managerCount().load() != 0) {
+        if (SVLifecycle::managerCount() != 0) {
             SVRegistry::create();
         }
         SVLifecycle::teardownComplete(teardown);

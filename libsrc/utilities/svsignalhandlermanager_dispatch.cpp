@@ -9,6 +9,7 @@
 #include <csignal>
 
 #include "../support/svhandlercontext.h"
+#include "svownership.h"
 #include "svregistry.h"
 #include "svsignalhandlermanager.h"
 #include "svtakeover.h"
@@ -50,6 +51,8 @@ class Dispatch {
 public:
     explicit Dispatch(int signalNumber) noexcept
         : m_signalNumber(signalNumber), m_table(m_pin.tableOf(signalNumber)) {}
+
+    bool recordsQ() const { return m_table != nullptr && m_table->used != 0; }
 
     bool hasHostsOwnQ() const {
         if (m_table == nullptr) {
@@ -139,17 +142,24 @@ private:
 };
 
 // What is to be called is decided from one version of the registry, whatever other threads do to it
-// meanwhile.
-void dispatchSignal(int signalNumber, siginfo* information, void* context) {
+// meanwhile. False: the signal belongs elsewhere, and arrives there.
+bool dispatchSignal(int signalNumber, siginfo* information, void* context,
+                    SVOwnership::Count seen) {
     Dispatch dispatch(signalNumber);
+    if (information != nullptr &&
+        SVOwnership::belongsElsewhereQ(signalNumber, seen, dispatch.recordsQ())) {
+        SVTakeOver::sendAgain(signalNumber, *information);
+        return false;
+    }
     if (fatalQ(signalNumber) && dispatch.hasHostsOwnQ()) {
         dispatch.callHostsOwn(information, context);
-        return;
+        return true;
     }
     dispatch.callValid(information, context);
     if (fatalQ(signalNumber)) {
         _exit(0);
     }
+    return true;
 }
 
 // The interrupted code must not find errno changed, whatever handlers and installations do to it.
@@ -195,13 +205,10 @@ void SVSignalHandlerManager::handleSignal(int signalNumber) {
         return;
     }
     const SVTakeOver takeOver(signalNumber);
+    SVOwnership::takeFromHost(signalNumber);
     SVSignalHandler own = theSVHandler(signalNumber);
     const SVSignalHandler previous = installHandlerInSystem(own);
-    void* const function = previous.getHandlerFunction();
-    const bool special = function == reinterpret_cast<void*>(SIG_DFL) ||
-                         function == reinterpret_cast<void*>(SIG_IGN) ||
-                         function == reinterpret_cast<void*>(&actualSignalHandler);
-    if (!special) {
+    if (!nobodysHandlerQ(previous)) {
         SVRegistry::storeRecord(previous, false, lineNoTableForSignal);
     }
 }
@@ -229,13 +236,19 @@ extern "C" void actualSignalHandler(int signalNumber, siginfo* information, void
     using namespace Sorvane;
     const ErrnoKeeper errnoKeeper;
     const SVHandlerContext::Scope handlerScope;
+    const SVOwnership::Count seen = SVOwnership::count(signalNumber);
     // No locking: the thread that was interrupted, or another one, may hold the lock.
     SVSignalHandlerManager manager(false);
     if (SVTakeOver::keptQ(signalNumber, information)) {
         return;
     }
     SVSignalHandler own(signalNumber, &actualSignalHandler, false, false, true);
-    dispatchSignal(signalNumber, information, context);
+    if (!dispatchSignal(signalNumber, information, context, seen)) {
+        return;
+    }
     // A handler may have changed the operating system's action; the signal stays taken over.
-    manager.installHandlerInSystem(own);
+    const SVSignalHandler displaced = manager.installHandlerInSystem(own);
+    if (!nobodysHandlerQ(displaced)) {
+        SVOwnership::settle(manager, displaced, seen);
+    }
 }

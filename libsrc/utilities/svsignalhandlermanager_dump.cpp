@@ -14,7 +14,7 @@ std::ostream& SVSignalHandlerManager::print(std::ostream& stream) const {
     SVMutex scope;
     scope.setHandle(lockHandle());
     stream << "<SVSignalHandlerManager>";
-    stream << "<numberOfManagers>" << static_cast<unsigned long>(SVLifecycle::managerCount().load())
+    stream << "<numberOfManagers>" << static_cast<unsigned long>(SVLifecycle::managerCount())
            << "</numberOfManagers>";
     stream << "<currentlyHandlingSignals>" << SVLifecycle::handlingQ()
            << "</currentlyHandlingSignals>";

@@ -1,6 +1,7 @@
 // How handler records come into the tables and out again.
 
 #include "svlifecycle.h"
+#include "svownership.h"
 #include "svregistry.h"
 #include "svsignalhandlermanager.h"
 
@@ -23,13 +24,14 @@ bool onlyRecordQ(int signalNumber, void* function) noexcept {
 void SVSignalHandlerManager::setHandler(SVSignalHandler& handler) {
     SVMutex scope;
     scope.setHandle(lockHandle());
+    completeTeardown();
     const int signalNumber = handler.getSignalNumber();
     if (!signalDispositionSet.getSignalDisposition(signalNumber)) {
         return;
     }
-    completeTeardown();
     SVRegistry::storeRecord(handler, true, lineNoTableForHandler);
     if (SVLifecycle::handlingQ()) {
+        SVOwnership::takeFromHost(signalNumber);
         SVSignalHandler own = theSVHandler(signalNumber);
         installHandlerInSystem(own);
     }
@@ -62,11 +64,11 @@ void SVSignalHandlerManager::setHandlers(SVSignalHandlerList& handlers) {
 void SVSignalHandlerManager::clearHandler(SVSignalHandler& handler) {
     SVMutex scope;
     scope.setHandle(lockHandle());
+    completeTeardown();
     const int signalNumber = handler.getSignalNumber();
     if (!signalDispositionSet.getSignalDisposition(signalNumber)) {
         return;
     }
-    completeTeardown();
     void* const function = handler.getHandlerFunction();
     if (handler.preExistsQ() && onlyRecordQ(signalNumber, function)) {
         installHandlerInSystem(handler);

@@ -1,6 +1,7 @@
 // Switching signal handling on and off, and the dispositions that say for which signals.
 
 #include "svlifecycle.h"
+#include "svownership.h"
 #include "svregistry.h"
 #include "svsignalhandlermanager.h"
 #include "svtakeover.h"
@@ -14,6 +15,23 @@ bool hasRecordsQ(int signalNumber) noexcept {
     const SVRegistryPin pin;
     const SVSignalHandlerTable* const table = pin.tableOf(signalNumber);
     return table != nullptr && table->used != 0;
+}
+
+// Finds the first pre-existing record of a signal, if there is one. Result: whether the signal has
+// a table at all.
+bool findPreexisting(int signalNumber, SVSignalHandler& found) noexcept {
+    const SVRegistryPin pin;
+    const SVSignalHandlerTable* const table = pin.tableOf(signalNumber);
+    if (table == nullptr) {
+        return false;
+    }
+    for (auto position = table->begin(); position != table->end(); position++) {
+        if (position.GetValue().preExistsQ()) {
+            found = position.GetValue();
+            return true;
+        }
+    }
+    return true;
 }
 
 }  // namespace
@@ -50,33 +68,36 @@ void SVSignalHandlerManager::startHandlingSignals() {
 }
 
 // The first pre-existing record goes back, valid or not: the user hands this one signal back
-// deliberately, and an invalid record is still what the host had.
+// deliberately, and an invalid record is still what the host had. Without one the signal is left
+// ignored and not at its default action, which would end the process for most signals that are
+// still on their way.
 void SVSignalHandlerManager::stopHandlingSignal(int signalNumber) {
     SVMutex scope;
     scope.setHandle(lockHandle());
+    completeTeardown();
     if (!signalDispositionSet.getSignalDisposition(signalNumber)) {
         return;
     }
-    const SVRegistryPin pin;
-    const SVSignalHandlerTable* const table = pin.tableOf(signalNumber);
-    if (table == nullptr) {
-        return;
-    }
-    // Without a pre-existing record the signal is left ignored and not at its default action,
-    // which would end the process for most signals that are still on their way.
     SVSignalHandler wanted = ignoreHandler(signalNumber);
-    for (auto position = table->begin(); position != table->end(); position++) {
-        if (position.GetValue().preExistsQ()) {
-            wanted = position.GetValue();
-            break;
-        }
+    if (!findPreexisting(signalNumber, wanted)) {
+        return;
     }
     // A handler that hands back a signal which the code it interrupted is just taking over comes
     // before that: what the host had is not on record yet, and must not be lost.
     if (!wanted.preExistsQ() && SVTakeOver::underWayQ(signalNumber)) {
         return;
     }
-    installHandlerInSystem(wanted);
+    SVSignalHandler displaced = installHandlerInSystem(wanted);
+    if (wanted.preExistsQ()) {
+        return;
+    }
+    // The same if it has been taken over since, or is just being; then this comes after it if the
+    // host's handler is on record, and before it if not.
+    if (SVTakeOver::underWayQ(signalNumber) && ownHandlerQ(displaced)) {
+        installHandlerInSystem(displaced);
+    } else if (findPreexisting(signalNumber, wanted) && wanted.preExistsQ()) {
+        installHandlerInSystem(wanted);
+    }
 }
 
 void SVSignalHandlerManager::stopHandlingSignals() {
@@ -90,6 +111,7 @@ void SVSignalHandlerManager::stopHandlingSignals() {
 }
 
 void SVSignalHandlerManager::setSignalDisposition(int signalNumber, bool handle) {
+    SVLifecycle::resetDispositionsIfTornDown();
     if (handle) {
         signalDispositionSet.handleSignal(signalNumber);
     } else {
@@ -98,15 +120,17 @@ void SVSignalHandlerManager::setSignalDisposition(int signalNumber, bool handle)
 }
 
 void SVSignalHandlerManager::setSignalDispositions(SVSignalHandlerDispositionSet dispositions) {
+    SVLifecycle::resetDispositionsIfTornDown();
     signalDispositionSet = dispositions;
 }
 
 bool SVSignalHandlerManager::getSignalDisposition(int signalNumber) {
+    SVLifecycle::resetDispositionsIfTornDown();
     return signalDispositionSet.getSignalDisposition(signalNumber);
 }
 
 bool SVSignalHandlerManager::canHandleSignalFromDisposition(int signalNumber) {
-    return signalDispositionSet.getSignalDisposition(signalNumber);
+    return getSignalDisposition(signalNumber);
 }
 
 }  // namespace Sorvane

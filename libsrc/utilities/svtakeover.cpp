@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <exception>
 
+#include "../support/svsignalnumber.h"
 #include "svregistry.h"
 
 namespace Sorvane {
@@ -14,13 +15,6 @@ namespace Sorvane {
 constinit std::atomic<unsigned int> SVTakeOver::attention{0};
 
 namespace {
-
-// The kernel's own highest number; the C library's SIGRTMAX is a call, and no constant.
-constexpr int highestSignal = 64;
-
-bool existsQ(int signalNumber) noexcept {
-    return signalNumber >= 1 && signalNumber <= highestSignal;
-}
 
 // An arrived signal that waits for its handler to be on record.
 class KeptSignal final : public SVObject {
@@ -183,27 +177,43 @@ void SVTakeOver::sendWhatWasKept(int signalNumber) {
     }
 }
 
-SVTakeOver::SVTakeOver(int signalNumber) noexcept : m_signalNumber(signalNumber) {
-    if (existsQ(signalNumber)) {
+void SVTakeOver::sendAgain(int signalNumber, const siginfo& information) {
+    if (!faultQ(signalNumber, information)) {
+        send(signalNumber, thisThread(), information);
+    }
+}
+
+SVTakeOver::SVTakeOver(int signalNumber) noexcept
+    : m_signalNumber(signalNumber), m_exceptionsBefore(std::uncaught_exceptions()) {
+    if (signalExistsQ(signalNumber)) {
         attention.fetch_add(1);
         ownMarks[signalNumber] = static_cast<unsigned char>(ownMarks[signalNumber] + 1);
         marks[signalNumber].fetch_add(1);
     }
 }
 
+// An exception that the take-over itself ends with goes on, and not that of a handler.
 SVTakeOver::~SVTakeOver() noexcept(false) {
-    if (existsQ(m_signalNumber)) {
-        const bool last = marks[m_signalNumber].fetch_sub(1) == 1;
-        ownMarks[m_signalNumber] = static_cast<unsigned char>(ownMarks[m_signalNumber] - 1);
-        attention.fetch_sub(1);
-        if (last) {
-            sendWhatWasKept(m_signalNumber);
+    if (!signalExistsQ(m_signalNumber)) {
+        return;
+    }
+    const bool last = marks[m_signalNumber].fetch_sub(1) == 1;
+    ownMarks[m_signalNumber] = static_cast<unsigned char>(ownMarks[m_signalNumber] - 1);
+    attention.fetch_sub(1);
+    if (!last) {
+        return;
+    }
+    try {
+        sendWhatWasKept(m_signalNumber);
+    } catch (...) {
+        if (std::uncaught_exceptions() == m_exceptionsBefore) {
+            throw;
         }
     }
 }
 
 bool SVTakeOver::underWayQ(int signalNumber) noexcept {
-    return existsQ(signalNumber) && marks[signalNumber].load() != 0;
+    return signalExistsQ(signalNumber) && marks[signalNumber].load() != 0;
 }
 
 // Whether the fault's own thread can go on to the end of the take-over when it returns.

@@ -47,6 +47,10 @@ public:
         return attention.load() != 0 && kept(signalNumber, information);
     }
 
+    /// Has a signal that has arrived arrive once more on this thread, as it came. A fault does so
+    /// by itself. Signal context: handler only.
+    static void sendAgain(int signalNumber, const siginfo& information);
+
 private:
     static bool kept(int signalNumber, siginfo* information);
     static bool faultWaitsQ(int signalNumber) noexcept;
@@ -57,6 +61,7 @@ private:
     static std::atomic<unsigned int> attention;
 
     const int m_signalNumber;
+    const int m_exceptionsBefore;
 };
 
 }  // namespace Sorvane
