@@ -40,7 +40,7 @@ unsigned int ordinal(SVLifecycle::Teardown teardown) noexcept {
 }
 
 // A copy that was overtaken by a change of the word is made again, by whoever finds that out.
-void copyOut(Word current) noexcept {
+[[gnu::noinline]] void copyOut(Word current) noexcept {
     const SVAtomicRef<unsigned int> managers(SVSignalHandlerManager::numberOfManagers);
     const SVAtomicRef<bool> handling(SVSignalHandlerManager::currentlyHandlingSignals);
     for (;;) {
@@ -51,6 +51,15 @@ void copyOut(Word current) noexcept {
             return;
         }
         current = now;
+    }
+}
+
+// The same when only the number of managers has changed.
+inline void copyManagersOut(Word current) noexcept {
+    SVAtomicRef<unsigned int>(SVSignalHandlerManager::numberOfManagers).store(managersIn(current));
+    const Word now = word.load();
+    if (now != current) {
+        copyOut(now);
     }
 }
 
@@ -85,22 +94,23 @@ void SVLifecycle::setHandling(bool handling) noexcept {
 
 // Does not stop a teardown: the new manager finds the state after it when it changes something.
 void SVLifecycle::managerMade() noexcept {
-    copyOut(word.fetch_add(manager) + manager);
+    copyManagersOut(word.fetch_add(manager) + manager);
 }
 
 SVLifecycle::Teardown SVLifecycle::managerGone() noexcept {
     Word before = word.load();
-    Word after = 0;
-    bool last = false;
-    do {
-        last = managersIn(before) == 1 && (before & (handlingFlag | teardownFlag)) == handlingFlag;
-        after = before - manager;
-        if (last) {
-            after = ((after + generation) & ~handlingFlag) | teardownFlag;
+    for (;;) {
+        if (managersIn(before) == 1 && (before & (handlingFlag | teardownFlag)) == handlingFlag) {
+            const Word after = ((before - manager + generation) & ~handlingFlag) | teardownFlag;
+            if (word.compare_exchange_weak(before, after)) {
+                copyOut(after);
+                return teardownIn(after);
+            }
+        } else if (word.compare_exchange_weak(before, before - manager)) {
+            copyManagersOut(before - manager);
+            return 0;
         }
-    } while (!word.compare_exchange_weak(before, after));
-    copyOut(after);
-    return last ? teardownIn(after) : 0;
+    }
 }
 
 SVLifecycle::Teardown SVLifecycle::currentTeardown() noexcept {

@@ -1,9 +1,7 @@
 #include "svownership.h"
 
-#include <atomic>
 #include <csignal>
 
-#include "../support/svsignalnumber.h"
 #include "svlifecycle.h"
 #include "svregistry.h"
 
@@ -14,8 +12,6 @@ namespace {
 using Count = SVOwnership::Count;
 
 constexpr unsigned int lineNoTableForDisplaced = 302;
-
-constinit std::atomic<Count> counts[highestSignal + 1];
 
 // The counts with which this thread has sent signals on.
 constinit thread_local volatile Count sentOn[highestSignal + 1]
@@ -32,19 +28,13 @@ SVSignalHandler installOwn(SVSignalHandlerManager& manager, int signalNumber) {
 
 }  // namespace
 
-bool ownHandlerQ(const SVSignalHandler& record) noexcept {
-    return record.getHandlerFunction() == reinterpret_cast<void*>(&actualSignalHandler);
-}
-
 bool nobodysHandlerQ(const SVSignalHandler& record) noexcept {
     void* const function = record.getHandlerFunction();
     return ownHandlerQ(record) || function == reinterpret_cast<void*>(SIG_DFL) ||
            function == reinterpret_cast<void*>(SIG_IGN);
 }
 
-Count SVOwnership::count(int signalNumber) noexcept {
-    return signalExistsQ(signalNumber) ? counts[signalNumber].load() : 0;
-}
+constinit std::atomic<Count> SVOwnership::counts[highestSignal + 1];
 
 bool SVOwnership::giveToHost(int signalNumber, Count seen) noexcept {
     return counts[signalNumber].compare_exchange_strong(seen, seen | 1U) || hostsQ(seen);
@@ -61,10 +51,8 @@ void SVOwnership::takeFromHost(int signalNumber) noexcept {
 
 // The records that are found while a teardown goes on are those that it is to end, the host's
 // handler among them.
-bool SVOwnership::belongsElsewhereQ(int signalNumber, Count seen, bool recordsQ) noexcept {
-    const Count now = count(signalNumber);
-    const bool changedHands = hostsQ(now) || now != seen;
-    if (!changedHands || sentOn[signalNumber] == now ||
+bool SVOwnership::changedHandsQ(int signalNumber, Count now, bool recordsQ) noexcept {
+    if (sentOn[signalNumber] == now ||
         (recordsQ && (!hostsQ(now) || SVLifecycle::currentTeardown() != 0))) {
         return false;
     }

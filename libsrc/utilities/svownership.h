@@ -23,6 +23,9 @@
 #ifndef SORVANE_SVOWNERSHIP_H
 #define SORVANE_SVOWNERSHIP_H
 
+#include <atomic>
+
+#include "../support/svsignalnumber.h"
 #include "svsignalhandlermanager.h"
 
 namespace Sorvane {
@@ -32,7 +35,10 @@ namespace SVOwnership {
 
 /// The count of a signal.
 using Count = unsigned int;
-Count count(int signalNumber) noexcept;
+extern std::atomic<Count> counts[highestSignal + 1];
+inline Count count(int signalNumber) noexcept {
+    return counts[signalExistsQ(signalNumber) ? signalNumber : 0].load();
+}
 
 /// Makes the signal the host's if the count is still the one that was seen, or the signal is the
 /// host's. Result: whether it is the host's.
@@ -44,7 +50,11 @@ void takeFromHost(int signalNumber) noexcept;
 /// Whether a signal that has arrived here, when its count was the one that was seen, belongs
 /// elsewhere by now, because it is the host's or was meanwhile.
 /// Parameters: recordsQ, whether records have been found for it.
-bool belongsElsewhereQ(int signalNumber, Count seen, bool recordsQ) noexcept;
+bool changedHandsQ(int signalNumber, Count now, bool recordsQ) noexcept;
+inline bool belongsElsewhereQ(int signalNumber, Count seen, bool recordsQ) noexcept {
+    const Count now = count(signalNumber);
+    return (now != seen || now % 2 == 1) && changedHandsQ(signalNumber, now, recordsQ);
+}
 
 /// Set right what the system has for a signal, after the library was installed for it, which
 /// displaced what is given; or after the host's handler was, for a teardown that somebody else has
@@ -56,9 +66,13 @@ void settleLateHandBack(SVSignalHandlerManager& manager, const SVSignalHandler& 
 
 }  // namespace SVOwnership
 
-/// Whether a record's handler is the library's own; whether it is none that the host has to get
-/// back: that, the default action, or the ignoring one.
-bool ownHandlerQ(const SVSignalHandler& record) noexcept;
+/// Whether a record's handler is the library's own.
+inline bool ownHandlerQ(const SVSignalHandler& record) noexcept {
+    return record.getHandlerFunction() == reinterpret_cast<void*>(&actualSignalHandler);
+}
+
+/// Whether it is none that the host has to get back: the library's own, the default action, or the
+/// ignoring one.
 bool nobodysHandlerQ(const SVSignalHandler& record) noexcept;
 
 }  // namespace Sorvane

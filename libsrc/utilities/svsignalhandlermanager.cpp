@@ -20,6 +20,25 @@ SVSignalTable* SVSignalHandlerManager::handlerTables = nullptr;
 SVMutexHandle* SVSignalHandlerManager::handlerTableLock = nullptr;
 constinit SVSignalHandlerDispositionSet SVSignalHandlerManager::signalDispositionSet;
 
+namespace {
+
+bool noTablesQ() noexcept {
+    return SVAtomicRef<SVSignalTable*>(SVSignalHandlerManager::handlerTables).load() == nullptr;
+}
+
+// The dispositions are reset before the tables are published, so that whoever finds the tables does
+// not have an answer of his own reset.
+void makeSharedTables() {
+    SVSignalHandlerDispositionSet& dispositions = SVSignalHandlerManager::signalDispositionSet;
+    const SVSignalHandlerDispositionSet seen(dispositions);
+    if (noTablesQ()) {
+        dispositions.resetSince(seen);
+        SVRegistry::create();
+    }
+}
+
+}  // namespace
+
 // Locks the handle directly rather than for a scope: an exception out of the last manager's
 // destructor leaves the lock held, because the state it guards is then not one that others should
 // go on with. Nothing in the constructor throws.
@@ -35,7 +54,9 @@ SVSignalHandlerManager::SVSignalHandlerManager(bool locking) : m_locking(locking
     // Counted in first: a teardown that finds no tables wanted has then not seen this manager, and
     // this manager sees that there are none.
     SVLifecycle::managerMade();
-    makeSharedTablesIfNone();
+    if (noTablesQ()) {
+        makeSharedTables();
+    }
     if (handle != nullptr) {
         handle->unlock();
     }
@@ -59,16 +80,6 @@ SVSignalHandlerManager::~SVSignalHandlerManager() noexcept(false) {
 // Null for a manager that does not lock, and when there was no memory for a lock.
 SVMutexHandle* SVSignalHandlerManager::lockHandle() const {
     return m_locking ? SVSharedLock::handle() : nullptr;
-}
-
-// The dispositions are reset before the tables are published, so that whoever finds the tables does
-// not have an answer of his own reset.
-void SVSignalHandlerManager::makeSharedTablesIfNone() {
-    const SVSignalHandlerDispositionSet seen(signalDispositionSet);
-    if (SVAtomicRef<SVSignalTable*>(handlerTables).load() == nullptr) {
-        signalDispositionSet.resetSince(seen);
-        SVRegistry::create();
-    }
 }
 
 namespace {

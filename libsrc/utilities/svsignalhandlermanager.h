@@ -235,7 +235,6 @@ public:
 
 private:
     SVMutexHandle* lockHandle() const;
-    void makeSharedTablesIfNone();
     void tearDown(unsigned int teardown);
     void completeTeardown();
 

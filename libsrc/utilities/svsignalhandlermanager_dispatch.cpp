@@ -248,7 +248,7 @@ extern "C" void actualSignalHandler(int signalNumber, siginfo* information, void
     }
     // A handler may have changed the operating system's action; the signal stays taken over.
     const SVSignalHandler displaced = manager.installHandlerInSystem(own);
-    if (!nobodysHandlerQ(displaced)) {
+    if (!ownHandlerQ(displaced)) {
         SVOwnership::settle(manager, displaced, seen);
     }
 }
