@@ -4,6 +4,7 @@
 
 #include "support/fresh_process.h"
 #include "support/observed_handlers.h"
+#include "support/stack_growth.h"
 
 FreshSignals::FreshSignals() {
     const sigset_t none = setOf({});
@@ -11,6 +12,8 @@ FreshSignals::FreshSignals() {
     for (int signalNumber = 1; signalNumber <= lastSystemSignal; ++signalNumber) {
         sigaction(signalNumber, nullptr, &m_actions[signalNumber]);
     }
+    // For a handler with SA_ONSTACK, valgrind does not let the stack grow.
+    growStack();
     resetSystemActions();
     forgetCalls();
 }

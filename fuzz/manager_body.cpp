@@ -8,6 +8,7 @@
 #include "fuzz/byte_source.h"
 #include "fuzz/manager_pair.h"
 #include "fuzz/special_handlers.h"
+#include "support/emulation.h"
 #include "support/observed_handlers.h"
 
 namespace {
@@ -124,7 +125,9 @@ private:
                                               SIGBUS, SIGKILL, SIGCHLD, 40};
     static constexpr int signalsOutside[] = {0, -1, 61, 64, 65, 1000, INT_MIN, INT_MAX};
 
-    int anySignal() {
+    int anySignal() { return orAnotherOne(anySignalOfTheKernel()); }
+
+    int anySignalOfTheKernel() {
         const std::size_t choice = m_bytes.below(256);
         if (choice < 128) {
             return m_favourites[choice % std::size(m_favourites)];
@@ -140,7 +143,16 @@ private:
     int anySignalToAllow() {
         static constexpr int refusedSignals[] = {SIGKILL, SIGSTOP, 32, 33};
         const std::size_t choice = m_bytes.below(2 * std::size(refusedSignals));
-        return choice < std::size(refusedSignals) ? refusedSignals[choice] : anySignal();
+        return choice < std::size(refusedSignals) ? orAnotherOne(refusedSignals[choice])
+                                                  : anySignal();
+    }
+
+    // Another one that nobody may handle, or that everybody may.
+    static int orAnotherOne(int signalNumber) {
+        if (!treatedUnlikeByTheKernelQ(signalNumber)) {
+            return signalNumber;
+        }
+        return ManagerModel::installableQ(signalNumber) ? SIGUSR1 : 32;
     }
 
     int anySystemSignal() {

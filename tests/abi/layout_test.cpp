@@ -208,7 +208,8 @@ public:
           m_address(reinterpret_cast<std::uintptr_t>(object) / m_size * m_size) {}
 
     bool mappedQ() const {
-        return msync(reinterpret_cast<void*>(m_address), m_size, MS_ASYNC) == 0;
+        unsigned char resident = 0;
+        return mincore(reinterpret_cast<void*>(m_address), m_size, &resident) == 0;
     }
 
 private:

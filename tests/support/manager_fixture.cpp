@@ -3,11 +3,14 @@
 #include <csignal>
 
 #include "support/fresh_process.h"
+#include "support/stack_growth.h"
 
 // Whoever starts the tests may have left signals ignored or blocked.
 ManagerTest::ManagerTest() {
     const sigset_t none = setOf({});
     pthread_sigmask(SIG_SETMASK, &none, &m_formerMask);
+    // For a handler with SA_ONSTACK, valgrind does not let the stack grow.
+    growStack();
     resetSystemActions();
     forgetCalls();
 }

@@ -7,6 +7,7 @@
 
 #include "support/emulation.h"
 #include "support/sanitizers.h"
+#include "support/stack_growth.h"
 
 namespace {
 
@@ -17,15 +18,6 @@ using Sorvane::SVObject;
 constexpr std::size_t largestListedSize = 2048;
 constexpr std::size_t listStep = 8;
 constexpr std::size_t largestSize = std::size_t{1} << 24;
-constexpr std::size_t pageSize = 4096;
-
-// The stack could not grow under the limit either, so it grows before.
-[[gnu::noinline]] void growStack() noexcept {
-    volatile char room[64 * pageSize];
-    for (std::size_t i = 0; i < sizeof(room); i += pageSize) {
-        room[i] = 0;
-    }
-}
 
 [[noreturn]] void fail(const char* call) noexcept {
     std::perror(call);
@@ -43,6 +35,7 @@ MemoryLimit::MemoryLimit(std::initializer_list<std::size_t> spare) {
         }
         kept = new (storage) Block{kept};
     }
+    // The stack could not grow under the limit either.
     growStack();
     if (getrlimit(RLIMIT_AS, &m_former) != 0) {
         fail("getrlimit");

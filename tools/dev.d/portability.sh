@@ -2,9 +2,7 @@
 # summary: builds and runs the tests with libc++, and for aarch64 under qemu-user
 source tools/presets.sh
 
-if (($# > 0)); then
-    wrong_usage "portability: takes no arguments, and got \"$*\""
-fi
+(($# == 0)) || wrong_usage "portability: takes no arguments, not \"$*\""
 require_packages build test portability
 
 declare -A described=(
