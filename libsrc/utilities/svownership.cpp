@@ -4,6 +4,7 @@
 
 #include "svlifecycle.h"
 #include "svregistry.h"
+#include "svtakeover.h"
 
 namespace Sorvane {
 
@@ -24,6 +25,19 @@ bool hostsQ(Count count) noexcept {
 SVSignalHandler installOwn(SVSignalHandlerManager& manager, int signalNumber) {
     SVSignalHandler own = manager.theSVHandler(signalNumber);
     return manager.installHandlerInSystem(own);
+}
+
+// False: the signal has changed hands again.
+bool putOnRecord(const SVSignalHandler& displaced, Count now) {
+    const int signalNumber = displaced.getSignalNumber();
+    try {
+        SVRegistry::storeRecord(displaced, false, lineNoTableForDisplaced);
+    } catch (const SVException&) {
+        if (SVOwnership::count(signalNumber) == now) {
+            throw;
+        }
+    }
+    return SVOwnership::count(signalNumber) == now;
 }
 
 }  // namespace
@@ -65,10 +79,10 @@ void SVOwnership::settle(SVSignalHandlerManager& manager, SVSignalHandler displa
     for (;;) {
         const Count now = count(signalNumber);
         if (!hostsQ(now)) {
-            if (now != seen && !nobodysHandlerQ(displaced)) {
-                SVRegistry::storeRecord(displaced, false, lineNoTableForDisplaced);
+            if (now == seen || nobodysHandlerQ(displaced) || putOnRecord(displaced, now)) {
+                return;
             }
-            return;
+            continue;
         }
         if (ownHandlerQ(displaced)) {
             return;
@@ -84,6 +98,7 @@ void SVOwnership::settle(SVSignalHandlerManager& manager, SVSignalHandler displa
 void SVOwnership::settleLateHandBack(SVSignalHandlerManager& manager,
                                      const SVSignalHandler& displaced, Count seen) {
     const int signalNumber = displaced.getSignalNumber();
+    const SVTakeOver takeOver(signalNumber);
     const bool takenOver = !hostsQ(count(signalNumber));
     settle(manager, takenOver ? installOwn(manager, signalNumber) : displaced, seen);
 }

@@ -471,6 +471,15 @@ void carryOut(Change& change) {
     Version::reclaimUnread();
 }
 
+// Null without memory.
+Version* emptyRegistry() noexcept {
+    Version* const version = Version::make();
+    if (version != nullptr) {
+        version->beginRegistry();
+    }
+    return version;
+}
+
 }  // namespace
 
 SVRegistryVersion* SVRegistryPin::pinned() noexcept {
@@ -495,11 +504,10 @@ bool SVRegistry::create() noexcept {
     if (Version::published() != nullptr) {
         return false;
     }
-    Version* const version = Version::make();
+    Version* const version = emptyRegistry();
     if (version == nullptr) {
         return false;
     }
-    version->beginRegistry();
     if (!version->publishInsteadOf(nullptr)) {
         version->discard();
         return false;
@@ -507,13 +515,17 @@ bool SVRegistry::create() noexcept {
     return true;
 }
 
-bool SVRegistry::retire(const SVRegistryPin& pin) noexcept {
+bool SVRegistry::retire(const SVRegistryPin& pin, bool othersQ) noexcept {
     Version* const version = pin.version();
     if (version == nullptr) {
         return false;
     }
-    while (!version->replaceBy(nullptr)) {
+    Version* const successor = othersQ ? emptyRegistry() : nullptr;
+    while (!version->replaceBy(successor)) {
         if (Version::published() != Version::closed()) {
+            if (successor != nullptr) {
+                successor->discard();
+            }
             return false;
         }
         waitALittle();

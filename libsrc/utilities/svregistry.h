@@ -119,9 +119,10 @@ namespace SVRegistry {
 bool create() noexcept;
 
 /// Takes the pinned version out of sight, unless another one is published by now, and releases it
-/// when nobody reads it any more.
+/// when nobody reads it any more. Where others go on, an empty registry takes its place, so that
+/// they are never without one; null only if there is no memory.
 /// Result: whether this call did it.
-bool retire(const SVRegistryPin& pin) noexcept;
+bool retire(const SVRegistryPin& pin, bool othersQ) noexcept;
 
 /// Releases what is retired and not read any more.
 void tidy() noexcept;

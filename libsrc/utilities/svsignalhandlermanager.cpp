@@ -129,7 +129,7 @@ void SVSignalHandlerManager::tearDown(unsigned int teardown) {
         if (!wanted()) {
             return;
         }
-        SVRegistry::retire(pin);
+        SVRegistry::retire(pin, SVLifecycle::managerCount() != 0);
         if (SVLifecycle::managerCount() != 0) {
             SVRegistry::create();
         }

@@ -17,6 +17,7 @@
 #include <optional>
 
 #include "support/child_process.h"
+#include "support/emulation.h"
 #include "support/gate.h"
 #include "support/joining_thread.h"
 #include "support/observed_handlers.h"
@@ -117,6 +118,9 @@ void meet(const Meeting& meeting, unsigned int instruction) {
 void meetAtEachInstruction(const Meeting& meeting) {
     if (builtWithAddressSanitizer || builtWithThreadSanitizer) {
         GTEST_SKIP() << "the sanitizer's run-time library can't be entered at each instruction";
+    }
+    if (underValgrindQ()) {
+        GTEST_SKIP() << "valgrind has no trap flag";
     }
     constexpr unsigned int mostSteps = 300000;
     void* const shared = mmap(nullptr, sizeof(*instructions), PROT_READ | PROT_WRITE,
