@@ -177,6 +177,35 @@ TEST_F(LiveWalk, HandlersThatAreClearedAfterARebuildAreNotCalled) {
     expectThoseThatStayedCalledOnceAndTheClearedOnesNot(actors + 1);
 }
 
+TEST_F(LiveWalk, WhoseTableIsRebuiltPassesOverWhatIsNotValid) {
+    Manager manager(true);
+    handleActors<addASixth>(manager);
+    auto* const last = reinterpret_cast<SimpleHandler>(functionsInSlotOrder(SIGUSR1).back());
+    Record invalid(SIGUSR1, last, false, false, false);
+    manager.setHandler(invalid);
+    raise(SIGUSR1);
+    EXPECT_EQ(callsOf(last), 0U);
+    EXPECT_EQ(callCount(), actors - 1);
+    EXPECT_EQ(recordCount(SIGUSR1), actors + 1);
+}
+
+HandlerTable* takenOut = nullptr;
+
+void addASixthAndTakeTheTableOut(int signalNumber, SimpleHandler self) {
+    addASixth(signalNumber, self);
+    takenOut = tableOf(signalNumber);
+    Manager::handlerTables->remove(signalNumber - 1);
+}
+
+// By hand, past the manager.
+TEST_F(LiveWalk, HandlersWhoseTableIsTakenOutAfterARebuildAreNotCalled) {
+    Manager manager(true);
+    handleActors<addASixthAndTakeTheTableOut>(manager);
+    raise(SIGUSR1);
+    EXPECT_EQ(callCount(), 1U);
+    Manager::handlerTables->insert(SIGUSR1 - 1, takenOut);
+}
+
 // --- After the end of the registry -------------------------------------------------------------
 
 Manager* theOnlyManager = nullptr;

@@ -26,9 +26,9 @@ static_assert(Word::is_always_lock_free);
 static_assert(Pointer::is_always_lock_free);
 static_assert(SVAtomicRef<unsigned int>::is_always_lock_free);
 
-constexpr std::memory_order orders[] = {std::memory_order_relaxed, std::memory_order_acquire,
-                                        std::memory_order_release, std::memory_order_acq_rel,
-                                        std::memory_order_seq_cst};
+constexpr std::memory_order orders[] = {std::memory_order_relaxed, std::memory_order_consume,
+                                        std::memory_order_acquire, std::memory_order_release,
+                                        std::memory_order_acq_rel, std::memory_order_seq_cst};
 
 TEST(AtomicRef, ReadsAndWritesTheObject) {
     unsigned int object = 7;

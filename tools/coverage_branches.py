@@ -11,9 +11,9 @@ itself, function by function:
   Those that have alike branches on a line are counted together.
 - Any variant holds every branch that the source writes there, so the line has
   the branches of the variant of which the most ran.
-- Branches into the handling of exceptions, and those of a lone brace, are the
-  compiler's and are left out. So are those of a line that is marked with
-  GCOVR_EXCL_BR_LINE, with its reason behind it.
+- Branches into the handling of exceptions, and those of a lone brace, catch or
+  delete, are the compiler's and are left out. So are those of a line that is
+  marked with GCOVR_EXCL_BR_LINE, with its reason behind it.
 """
 
 import collections
@@ -25,6 +25,7 @@ import sys
 
 EXCLUDED = re.compile(r"GCOVR_EXCL_BR_LINE: \S")
 COMMENT = re.compile(r"//.*")
+NOTHING_WRITTEN = re.compile(r"[{}]*|delete(\[\])? \w+;|} catch \(.*\) {")
 
 
 def counters(folder):
@@ -80,7 +81,7 @@ def correct(trace, root, found):
                 line.get("gcovr/noncode")
                 or line.get("gcovr/excluded")
                 or EXCLUDED.search(text)
-                or COMMENT.sub("", text).strip() in ("", "{", "}", "{}")
+                or NOTHING_WRITTEN.fullmatch(COMMENT.sub("", text).strip())
             ):
                 for variants in found.get((path, number), {}).values():
                     counts += most_covered(variants)

@@ -273,13 +273,14 @@ public:
     }
 
 private:
+    // The change itself also if a handler has done it meanwhile: it is then made in vain, but not
+    // in a table that others read.
     template <typename Action>
     void forEachChange(Action action) {
         if (m_change.helpsQ()) {
-            forEachPending(&m_change, action);
-        } else {
-            action(m_change);
+            forEachPending(m_change.interrupted(), action);
         }
+        action(m_change);
     }
 
     Version& m_base;

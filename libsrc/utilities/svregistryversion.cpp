@@ -76,8 +76,11 @@ void letGoOrDelete(SVSignalHandlerTable* table) noexcept {
 }  // namespace
 
 SVSharedTable* SVSharedTable::from(SVSignalHandlerTable* table) noexcept {
-    const bool shared = table != nullptr && typeid(*table) == typeid(SVSharedTable);
-    return shared ? static_cast<SVSharedTable*>(table) : nullptr;
+    if (table == nullptr) {
+        return nullptr;
+    }
+    const SVSignalHandlerTable& present = *table;
+    return typeid(present) == typeid(SVSharedTable) ? static_cast<SVSharedTable*>(table) : nullptr;
 }
 
 unsigned short SVSharedTable::newLayout() noexcept {

@@ -14,6 +14,7 @@ constinit bool watching = false;
 constinit std::size_t counted = 0;
 constinit std::size_t failingNumber = 0;
 constinit Allocations::Failing failingMode = Allocations::Failing::once;
+constinit bool failed = false;
 constinit std::ptrdiff_t held = 0;
 
 }  // namespace
@@ -24,6 +25,7 @@ Watch::Watch(std::size_t number, Failing failing) noexcept {
     counted = 0;
     failingNumber = number;
     failingMode = failing;
+    failed = false;
     watching = true;
 }
 
@@ -36,7 +38,7 @@ std::size_t Watch::count() const noexcept {
 }
 
 bool Watch::failedQ() const noexcept {
-    return failingNumber != 0 && counted >= failingNumber;
+    return failed;
 }
 
 std::ptrdiff_t blocksHeld() noexcept {
@@ -56,6 +58,8 @@ bool refused() noexcept {
                              ? counted == failingNumber
                              : counted >= failingNumber && failingNumber != 0;
     if (failing) {
+        // Said only now, so that whoever waits for it finds the failure decided.
+        failed = true;
         errno = ENOMEM;
     }
     return failing;

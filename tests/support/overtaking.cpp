@@ -1,0 +1,94 @@
+#include "support/overtaking.h"
+
+#include <ucontext.h>
+
+#include <cerrno>
+#include <csignal>
+#include <utility>
+
+#include "support/emulation.h"
+#include "support/sanitizers.h"
+#include "support/single_steps.h"
+
+#if defined(__x86_64__) || defined(__i386__)
+
+namespace {
+
+class Overtaking {
+public:
+    Overtaking(const std::function<bool()>& timeQ, const std::function<void()>& act)
+        : m_timeQ(timeQ), m_act(act), m_outer(std::exchange(innermost, this)) {}
+    Overtaking(const Overtaking&) = delete;
+    Overtaking& operator=(const Overtaking&) = delete;
+    ~Overtaking() { innermost = m_outer; }
+
+    bool timeQ() const { return m_timeQ(); }
+    void act() {
+        m_done = true;
+        m_act();
+    }
+    bool doneQ() const { return m_done; }
+
+    static inline Overtaking* innermost = nullptr;
+
+private:
+    const std::function<bool()>& m_timeQ;
+    const std::function<void()>& m_act;
+    Overtaking* const m_outer;
+    volatile bool m_done = false;  // the last step comes after the operation
+};
+
+void stopStepping(void* context) {
+    constexpr greg_t trapFlag = 0x100;
+    static_cast<ucontext_t*>(context)->uc_mcontext.gregs[REG_EFL] &= ~trapFlag;
+}
+
+void onTrap(int, siginfo_t*, void* context) {
+    const int errnoBefore = errno;
+    if (Overtaking::innermost->timeQ()) {
+        stopStepping(context);
+        Overtaking::innermost->act();
+    }
+    errno = errnoBefore;
+}
+
+// Not deferred, because what is done in the handler may be stepped, too.
+void catchTraps() {
+    struct sigaction action = {};
+    action.sa_sigaction = onTrap;
+    action.sa_flags = SA_SIGINFO | SA_NODEFER;
+    sigaction(SIGTRAP, &action, nullptr);
+}
+
+}  // namespace
+
+bool overtake(const std::function<void()>& operation, const std::function<bool()>& timeQ,
+              const std::function<void()>& act) {
+    Overtaking overtaking(timeQ, act);
+    catchTraps();
+    {
+        const SingleSteps steps;
+        operation();
+    }
+    return overtaking.doneQ();
+}
+
+const char* reasonForNotOvertaking() noexcept {
+    if (builtWithAddressSanitizer || builtWithThreadSanitizer) {
+        return "a sanitizer steps badly";
+    }
+    return underValgrindQ() ? "valgrind has no trap flag" : nullptr;
+}
+
+#else
+
+bool overtake(const std::function<void()>&, const std::function<bool()>&,
+              const std::function<void()>&) {
+    return false;
+}
+
+const char* reasonForNotOvertaking() noexcept {
+    return "this processor is not stepped here";
+}
+
+#endif
