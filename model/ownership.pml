@@ -3,7 +3,7 @@
  * One thread has just found itself the last manager's and tears the state down. On a second thread
  * the signal has arrived: the kernel has chosen the library's handler, which has not run yet. With
  * WITH_TAKER a third thread makes a manager, which first completes the teardown, and takes the
- * signal over anew. With WITH_END it then lets its manager go again, which tears down once more.
+ * signal over anew.
  *
  * The operating system has one action for the signal; the tables have the host's handler on record
  * or not. What must hold at the end: the signal is the host's again, or the library's with the
@@ -68,21 +68,15 @@ inline settle(displaced, seen, now, wanted) {
           if
 #ifndef BROKEN_NOT_PUT_ON_RECORD
           :: now != seen && displaced == host ->
-             change(true);
-#ifdef BROKEN_RECORD_NOT_LOOKED_AT_AGAIN
-             break
-#else
-             if
-             :: count == now -> break
-             :: else
-             fi
+             change(true)
 #endif
-#endif
-          :: else -> break
-          fi
+          :: else
+          fi;
+          break
        :: else ->
           if
           :: displaced == library -> break
+          :: displaced != library && now == seen -> count = count + count % 2; break
           :: else ->
 #ifdef BROKEN_NOT_PUT_BACK
              break
@@ -132,11 +126,15 @@ inline tearDown(which, seen, now, wanted, displaced, given, others, pinned) {
 #ifndef BROKEN_NOT_MARKED
              marks++;
 #endif
+             seen = seen - 1;
              if
-             :: !hosts(count) -> wanted = library; install(wanted, displaced)
+             :: hosts(count) -> settle(displaced, seen, now, wanted)
+             :: !hosts(count) && displaced == library ->
+                wanted = library;
+                install(wanted, displaced);
+                settle(displaced, seen, now, wanted)
              :: else
              fi;
-             settle(displaced, seen, now, wanted);
 #ifndef BROKEN_NOT_MARKED
              marks--
 #endif
@@ -214,6 +212,10 @@ arrival:
     fi;
     first = false;
     seen = count;
+    if
+    :: hosts(seen) && teardown != 0 -> seen = seen - 1
+    :: else
+    fi;
     managers++;
     makeTables();
     if
@@ -227,7 +229,7 @@ arrival:
 #ifndef BROKEN_NOT_SENT_ON
     now = count;
     if
-    :: (hosts(now) || now != seen) && sentOn != now && (!records || (hosts(now) && teardown == 0)) ->
+    :: (hosts(now) || now != seen) && sentOn != now && !records ->
        sentOn = now;
        managerGone(which, seen, now, wanted, displaced, given, others, pinned);
        goto arrival
@@ -238,11 +240,17 @@ arrival:
     :: records -> called++
     :: else
     fi;
-    wanted = library;
-    install(wanted, displaced);
     if
-    :: displaced != library -> settle(displaced, seen, now, wanted)
-    :: else
+#ifndef BROKEN_INSTALLED_WHATEVER_WAS_GIVEN
+    :: count != seen && hosts(count)
+#endif
+    :: else ->
+       wanted = library;
+       install(wanted, displaced);
+       if
+       :: displaced != library -> settle(displaced, seen, now, wanted)
+       :: else
+       fi
     fi;
     managerGone(which, seen, now, wanted, displaced, given, others, pinned);
 over:
@@ -274,9 +282,6 @@ active proctype taker() {
     fi;
     marks--;
     handling = true;
-#ifdef WITH_END
-    managerGone(which, seen, now, wanted, displaced, given, others, pinned);
-#endif
     ended++
 }
 #endif
@@ -290,7 +295,7 @@ active proctype taker() {
 active proctype judge() {
     (ended == PROCESSES);
     assert(called == 1);
-#if defined(WITH_TAKER) && !defined(WITH_END)
+#ifdef WITH_TAKER
     assert(action == library && recorded(tables))
 #else
     assert(action == host)

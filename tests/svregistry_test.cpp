@@ -22,7 +22,7 @@ class Registry : public ManagerTest {};
 
 bool endIt() {
     const Pin pin;
-    return SVRegistry::retire(pin);
+    return SVRegistry::retire(pin, false);
 }
 
 TEST_F(Registry, IsBegunOnlyWhenThereIsNone) {
@@ -77,7 +77,7 @@ TEST_F(Registry, ThatIsClosedIsWaitedForByWhoeverEndsIt) {
     const Manager manager(false);
     const Pin pin;
     bool retired = false;
-    EXPECT_TRUE(waitsQ(pin.version(), [&] { retired = SVRegistry::retire(pin); }));
+    EXPECT_TRUE(waitsQ(pin.version(), [&] { retired = SVRegistry::retire(pin, false); }));
     EXPECT_TRUE(retired);
     EXPECT_EQ(Manager::handlerTables, nullptr);
 }
@@ -86,7 +86,7 @@ TEST_F(Registry, ThatHasBeenReplacedIsNotEndedByItsFormerReader) {
     Manager manager(false);
     const Pin pin;
     manager.setHandlerFromFunction(SIGUSR1, userHandler);
-    EXPECT_FALSE(SVRegistry::retire(pin));
+    EXPECT_FALSE(SVRegistry::retire(pin, false));
     EXPECT_EQ(recordCount(SIGUSR1), 1U);
 }
 

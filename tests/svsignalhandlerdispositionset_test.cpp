@@ -11,6 +11,8 @@
 #include <utility>
 #include <vector>
 
+#include "support/overtaking.h"
+
 namespace {
 
 using Sorvane::SVSignalHandlerDispositionSet;
@@ -207,6 +209,30 @@ TEST(DispositionSet, ThreadsThatSetDifferentSignalsDoNotDisturbEachOther) {
     }
     EXPECT_EQ(lost, std::vector<int>(4));
     EXPECT_EQ(handledSignals(dispositions), handledAtFirst());
+}
+
+// Whichever of the two comes last, all answers are its own.
+TEST(DispositionSet, AssignmentThatAnotherOneInterruptsLeavesThatWhole) {
+    SKIP_WITHOUT_STEPS();
+    SVSignalHandlerDispositionSet none;
+    SVSignalHandlerDispositionSet odd;
+    for (int signalNumber = 1; signalNumber <= highestSignal; ++signalNumber) {
+        none.doNotHandleSignal(signalNumber);
+        signalNumber % 2 == 1 ? odd.handleSignal(signalNumber)
+                              : odd.doNotHandleSignal(signalNumber);
+    }
+    bool met = true;
+    for (unsigned int number = 1; met; ++number) {
+        SVSignalHandlerDispositionSet set;
+        unsigned int instructions = 0;
+        met = overtake([&] { set = none; }, [&] { return ++instructions == number; },
+                       [&] { set = odd; });
+        for (int signalNumber = 1; met && signalNumber <= highestSignal; ++signalNumber) {
+            ASSERT_EQ(set.getSignalDisposition(signalNumber),
+                      set.getSignalDisposition(1) && signalNumber % 2 == 1)
+                << "signal " << signalNumber << ", interrupted at instruction " << number;
+        }
+    }
 }
 
 }  // namespace

@@ -32,11 +32,19 @@ SVSignalHandlerDispositionSet::SVSignalHandlerDispositionSet(
 
 SVSignalHandlerDispositionSet& SVSignalHandlerDispositionSet::operator=(
     const SVSignalHandlerDispositionSet& other) noexcept {
+    // Whoever is interrupted by another assignment leaves that whole: it is the later one.
+    std::uint32_t seen[words];
+    do {
+        for (unsigned int i = 0; i < words; ++i) {
+            seen[i] = readWord(m_answers[i]);
+        }
+    } while (replacedSinceQ(seen[0], readWord(m_answers[0])));
     for (unsigned int i = 0; i < words; ++i) {
         const Word word(m_answers[i]);
         const std::uint32_t answers = readWord(other.m_answers[i]);
         std::uint32_t current = word.load(std::memory_order_relaxed);
-        while (!word.compare_exchange_weak(current, replaced(current, answers),
+        while (!replacedSinceQ(seen[i], current) &&
+               !word.compare_exchange_weak(current, replaced(current, answers),
                                            std::memory_order_relaxed)) {
         }
     }

@@ -91,6 +91,9 @@ private:
         return answers;
     }
 
+    static constexpr bool replacedSinceQ(std::uint32_t seen, std::uint32_t word) noexcept {
+        return ((seen ^ word) & ~allAnswers) != 0;
+    }
     static constexpr std::uint32_t replaced(std::uint32_t word, std::uint32_t answers) noexcept {
         return (word & ~allButOccasion) | ((word + onceReplaced) & allButOccasion & ~allAnswers) |
                (answers & allAnswers);

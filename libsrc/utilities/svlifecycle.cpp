@@ -21,6 +21,8 @@ constexpr Word generation = Word{4} << upperHalf;
 
 constinit std::atomic<Word> word{0};
 
+constinit std::atomic<unsigned int> stops{0};
+
 // By its address, because on i386 not every object of this size is aligned as this one.
 static_assert(__atomic_always_lock_free(sizeof(word), &word));
 static_assert(SVAtomicRef<unsigned int>::is_always_lock_free);
@@ -83,11 +85,16 @@ bool SVLifecycle::handlingQ() noexcept {
     return (word.load() & handlingFlag) != 0;
 }
 
+unsigned int SVLifecycle::timesStopped() noexcept {
+    return stops.load();
+}
+
 void SVLifecycle::setHandling(bool handling) noexcept {
     if (handling) {
         word.fetch_or(handlingFlag);
     } else {
         word.fetch_and(~handlingFlag);
+        stops.fetch_add(1);
     }
     copyOut(word.load());
 }

@@ -7,8 +7,8 @@
 //
 // The mechanism. One word holds the number of managers, whether signals are being handled, whether
 // the state is being torn down, and a generation. It changes in one instruction from "one manager,
-// handling" to "none, not handling, being torn down": so a state is torn down once, by the one who
-// made that change, and a manager is made either before it, and there was no last one, or after it.
+// handling" to "none, not handling, being torn down": so it is decided once that a state is torn
+// down, and a manager is made either before that, and there was no last one, or after it.
 //
 // A teardown that somebody was interrupted in, or is slow with, is completed by the next one who
 // is to change something, so that the change goes to the state after it. Each teardown has its own
@@ -34,6 +34,9 @@ unsigned int managerCount() noexcept;
 /// Whether signals are being handled.
 bool handlingQ() noexcept;
 void setHandling(bool handling) noexcept;
+
+/// How often that was ended by setHandling(false).
+unsigned int timesStopped() noexcept;
 
 /// Counts a manager in.
 void managerMade() noexcept;

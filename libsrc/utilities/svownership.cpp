@@ -2,7 +2,6 @@
 
 #include <csignal>
 
-#include "svlifecycle.h"
 #include "svregistry.h"
 #include "svtakeover.h"
 
@@ -14,30 +13,26 @@ using Count = SVOwnership::Count;
 
 constexpr unsigned int lineNoTableForDisplaced = 302;
 
+constinit std::atomic<unsigned int> registrations[highestSignal + 1];
+
 // The counts with which this thread has sent signals on.
 constinit thread_local volatile Count sentOn[highestSignal + 1]
     __attribute__((tls_model("initial-exec")));
-
-bool hostsQ(Count count) noexcept {
-    return count % 2 == 1;
-}
 
 SVSignalHandler installOwn(SVSignalHandlerManager& manager, int signalNumber) {
     SVSignalHandler own = manager.theSVHandler(signalNumber);
     return manager.installHandlerInSystem(own);
 }
 
-// False: the signal has changed hands again.
-bool putOnRecord(const SVSignalHandler& displaced, Count now) {
-    const int signalNumber = displaced.getSignalNumber();
+// If the signal has changed hands again, there may be no registry, and nothing to be put on record.
+void putOnRecord(const SVSignalHandler& displaced, Count now) {
     try {
         SVRegistry::storeRecord(displaced, false, lineNoTableForDisplaced);
     } catch (const SVException&) {
-        if (SVOwnership::count(signalNumber) == now) {
+        if (SVOwnership::count(displaced.getSignalNumber()) == now) {
             throw;
         }
     }
-    return SVOwnership::count(signalNumber) == now;
 }
 
 }  // namespace
@@ -50,7 +45,26 @@ bool nobodysHandlerQ(const SVSignalHandler& record) noexcept {
 
 constinit std::atomic<Count> SVOwnership::counts[highestSignal + 1];
 
+SVOwnership::Registrations::Registrations() noexcept {
+    for (int signalNumber = 0; signalNumber <= highestSignal; ++signalNumber) {
+        m_before[signalNumber] = registrations[signalNumber].load();
+    }
+}
+
+bool SVOwnership::Registrations::changedQ(int signalNumber) const noexcept {
+    return m_before[signalNumber] != registrations[signalNumber].load();
+}
+
+void SVOwnership::Registrations::add(int signalNumber) noexcept {
+    if (signalExistsQ(signalNumber)) {
+        registrations[signalNumber].fetch_add(1);
+    }
+}
+
 bool SVOwnership::giveToHost(int signalNumber, Count seen) noexcept {
+    if (!signalExistsQ(signalNumber)) {
+        return true;
+    }
     return counts[signalNumber].compare_exchange_strong(seen, seen | 1U) || hostsQ(seen);
 }
 
@@ -63,15 +77,10 @@ void SVOwnership::takeFromHost(int signalNumber) noexcept {
     }
 }
 
-// The records that are found while a teardown goes on are those that it is to end, the host's
-// handler among them.
-bool SVOwnership::changedHandsQ(int signalNumber, Count now, bool recordsQ) noexcept {
-    if (sentOn[signalNumber] == now ||
-        (recordsQ && (!hostsQ(now) || SVLifecycle::currentTeardown() != 0))) {
-        return false;
-    }
+bool SVOwnership::sendsOnQ(int signalNumber, Count now) noexcept {
+    const bool again = sentOn[signalNumber] == now;
     sentOn[signalNumber] = now;
-    return true;
+    return !again;
 }
 
 void SVOwnership::settle(SVSignalHandlerManager& manager, SVSignalHandler displaced, Count seen) {
@@ -79,12 +88,16 @@ void SVOwnership::settle(SVSignalHandlerManager& manager, SVSignalHandler displa
     for (;;) {
         const Count now = count(signalNumber);
         if (!hostsQ(now)) {
-            if (now == seen || nobodysHandlerQ(displaced) || putOnRecord(displaced, now)) {
-                return;
+            if (now != seen && !nobodysHandlerQ(displaced)) {
+                putOnRecord(displaced, now);
             }
-            continue;
+            return;
         }
         if (ownHandlerQ(displaced)) {
+            return;
+        }
+        if (now == seen) {
+            takeFromHost(signalNumber);
             return;
         }
         manager.installHandlerInSystem(displaced);
@@ -99,8 +112,12 @@ void SVOwnership::settleLateHandBack(SVSignalHandlerManager& manager,
                                      const SVSignalHandler& displaced, Count seen) {
     const int signalNumber = displaced.getSignalNumber();
     const SVTakeOver takeOver(signalNumber);
-    const bool takenOver = !hostsQ(count(signalNumber));
-    settle(manager, takenOver ? installOwn(manager, signalNumber) : displaced, seen);
+    const Count before = seen - 1;  // is none that can be found now
+    if (hostsQ(count(signalNumber))) {
+        settle(manager, displaced, before);
+    } else if (ownHandlerQ(displaced)) {
+        settle(manager, installOwn(manager, signalNumber), before);
+    }
 }
 
 }  // namespace Sorvane

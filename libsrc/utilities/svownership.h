@@ -10,13 +10,14 @@
 // odd, before it gives the signal back; whoever takes a signal over makes it even, before the
 // operating system's swap. Whoever is about to install something that may come too late reads the
 // count before, and afterwards looks at the count and at what was displaced:
-// - If the signal is the host's, what was displaced is put back.
+// - If the signal was given back meanwhile, what was displaced is put back.
 // - If it was given back and taken over anew meanwhile, whoever has taken it over may have found
 //   the library's own action in the place of what was displaced; so that is put on record for him.
 // Both look again after they have installed something.
 // A dispatch that finds no records for a signal that is the host's, or has changed hands meanwhile,
-// has it arrive once more, where it belongs by now. Only once: who has installed the library by
-// hand for a signal that was given back gets it here.
+// has it arrive once more, where it belongs by now. Only once: whoever has the library called
+// by hand for a signal that was given back gets it called. And whoever does so when there are
+// records again takes the signal from the host, as a dispatch does.
 //
 // stopHandlingSignal() and clearHandler() do not change the count: a dispatch takes back a signal
 // that is handed back by these while it runs.
@@ -26,6 +27,7 @@
 #include <atomic>
 
 #include "../support/svsignalnumber.h"
+#include "svlifecycle.h"
 #include "svsignalhandlermanager.h"
 
 namespace Sorvane {
@@ -39,6 +41,16 @@ extern std::atomic<Count> counts[highestSignal + 1];
 inline Count count(int signalNumber) noexcept {
     return counts[signalExistsQ(signalNumber) ? signalNumber : 0].load();
 }
+inline bool hostsQ(Count count) noexcept {
+    return count % 2 == 1;
+}
+
+/// The count that a dispatch compares with later ones: the one from before the signal was given
+/// back, if the teardown that did so goes on.
+inline Count countAtArrival(int signalNumber) noexcept {
+    const Count now = count(signalNumber);
+    return hostsQ(now) && SVLifecycle::currentTeardown() != 0 ? now - 1 : now;
+}
 
 /// Makes the signal the host's if the count is still the one that was seen, or the signal is the
 /// host's. Result: whether it is the host's.
@@ -47,13 +59,30 @@ bool giveToHost(int signalNumber, Count seen) noexcept;
 /// Makes the signal the library's.
 void takeFromHost(int signalNumber) noexcept;
 
+/// For each signal, how often a registration has been about to install the library. Whoever hands
+/// signals back compares the numbers of before with those of after.
+class Registrations {
+public:
+    Registrations() noexcept;
+    bool changedQ(int signalNumber) const noexcept;
+    static void add(int signalNumber) noexcept;
+
+private:
+    unsigned int m_before[highestSignal + 1];
+};
+
 /// Whether a signal that has arrived here, when its count was the one that was seen, belongs
 /// elsewhere by now, because it is the host's or was meanwhile.
-/// Parameters: recordsQ, whether records have been found for it.
-bool changedHandsQ(int signalNumber, Count now, bool recordsQ) noexcept;
-inline bool belongsElsewhereQ(int signalNumber, Count seen, bool recordsQ) noexcept {
+bool sendsOnQ(int signalNumber, Count now) noexcept;
+inline bool belongsElsewhereQ(int signalNumber, Count seen) noexcept {
     const Count now = count(signalNumber);
-    return (now != seen || now % 2 == 1) && changedHandsQ(signalNumber, now, recordsQ);
+    return (now != seen || hostsQ(now)) && sendsOnQ(signalNumber, now);
+}
+
+/// Whether a signal has been given back since its count was the one that was seen.
+inline bool givenBackSinceQ(int signalNumber, Count seen) noexcept {
+    const Count now = count(signalNumber);
+    return now != seen && hostsQ(now);
 }
 
 /// Set right what the system has for a signal, after the library was installed for it, which

@@ -5,7 +5,6 @@
 #include <iostream>  // the stream library is initialised before this module's own statics
 
 #include "../support/svatomicref.h"
-#include "../support/svhandlercontext.h"
 #include "svlifecycle.h"
 #include "svownership.h"
 #include "svregistry.h"
@@ -30,11 +29,17 @@ bool noTablesQ() noexcept {
 // not have an answer of his own reset.
 void makeSharedTables() {
     SVSignalHandlerDispositionSet& dispositions = SVSignalHandlerManager::signalDispositionSet;
+    const SVLifecycle::Teardown teardown = SVLifecycle::currentTeardown();
     const SVSignalHandlerDispositionSet seen(dispositions);
-    if (noTablesQ()) {
-        dispositions.resetSince(seen);
-        SVRegistry::create();
+    if (!noTablesQ()) {
+        return;
     }
+    if (teardown != 0) {
+        SVLifecycle::resetDispositions(teardown);
+    } else {
+        dispositions.resetSince(seen);
+    }
+    SVRegistry::create();
 }
 
 }  // namespace

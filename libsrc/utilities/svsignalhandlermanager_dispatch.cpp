@@ -1,7 +1,7 @@
 // What happens when a signal arrives, and how one signal is taken over so that it can arrive here.
 //
-// Everything but handleSignal() can be reached by a signal: it leaves the heap alone, takes no lock
-// when the manager's locking flag is false, and formats nothing.
+// All of it can be reached by a signal, handleSignal() by way of a handler that calls it: it leaves
+// the heap alone then, takes no lock when the manager's locking flag is false, and formats nothing.
 
 #include <unistd.h>
 
@@ -146,8 +146,8 @@ private:
 bool dispatchSignal(int signalNumber, siginfo* information, void* context,
                     SVOwnership::Count seen) {
     Dispatch dispatch(signalNumber);
-    if (information != nullptr &&
-        SVOwnership::belongsElsewhereQ(signalNumber, seen, dispatch.recordsQ())) {
+    if (information != nullptr && !dispatch.recordsQ() &&
+        SVOwnership::belongsElsewhereQ(signalNumber, seen)) {
         SVTakeOver::sendAgain(signalNumber, *information);
         return false;
     }
@@ -236,14 +236,15 @@ extern "C" void actualSignalHandler(int signalNumber, siginfo* information, void
     using namespace Sorvane;
     const ErrnoKeeper errnoKeeper;
     const SVHandlerContext::Scope handlerScope;
-    const SVOwnership::Count seen = SVOwnership::count(signalNumber);
+    const SVOwnership::Count seen = SVOwnership::countAtArrival(signalNumber);
     // No locking: the thread that was interrupted, or another one, may hold the lock.
     SVSignalHandlerManager manager(false);
     if (SVTakeOver::keptQ(signalNumber, information)) {
         return;
     }
     SVSignalHandler own(signalNumber, &actualSignalHandler, false, false, true);
-    if (!dispatchSignal(signalNumber, information, context, seen)) {
+    if (!dispatchSignal(signalNumber, information, context, seen) ||
+        SVOwnership::givenBackSinceQ(signalNumber, seen)) {
         return;
     }
     // A handler may have changed the operating system's action; the signal stays taken over.

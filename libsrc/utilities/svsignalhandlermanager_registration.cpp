@@ -30,10 +30,16 @@ void SVSignalHandlerManager::setHandler(SVSignalHandler& handler) {
         return;
     }
     SVRegistry::storeRecord(handler, true, lineNoTableForHandler);
-    if (SVLifecycle::handlingQ()) {
-        SVOwnership::takeFromHost(signalNumber);
-        SVSignalHandler own = theSVHandler(signalNumber);
-        installHandlerInSystem(own);
+    SVOwnership::Registrations::add(signalNumber);
+    if (!SVLifecycle::handlingQ()) {
+        return;
+    }
+    SVOwnership::takeFromHost(signalNumber);
+    SVSignalHandler own = theSVHandler(signalNumber);
+    SVSignalHandler displaced = installHandlerInSystem(own);
+    // Somebody who has stopped the handling since then has handed the signal back already.
+    if (!SVLifecycle::handlingQ() && !ownHandlerQ(displaced)) {
+        installHandlerInSystem(displaced);
     }
 }
 
@@ -71,7 +77,11 @@ void SVSignalHandlerManager::clearHandler(SVSignalHandler& handler) {
     }
     void* const function = handler.getHandlerFunction();
     if (handler.preExistsQ() && onlyRecordQ(signalNumber, function)) {
-        installHandlerInSystem(handler);
+        SVSignalHandler displaced = installHandlerInSystem(handler);
+        // Another handler that was registered meanwhile is not to be cut off.
+        if (ownHandlerQ(displaced) && !onlyRecordQ(signalNumber, function)) {
+            installHandlerInSystem(displaced);
+        }
     }
     SVRegistry::removeRecord(signalNumber, function, lineNoTableForHandler);
 }

@@ -1,5 +1,7 @@
 // Switching signal handling on and off, and the dispositions that say for which signals.
 
+#include <cstdint>
+
 #include "svlifecycle.h"
 #include "svownership.h"
 #include "svregistry.h"
@@ -16,6 +18,20 @@ bool hasRecordsQ(int signalNumber) noexcept {
     const SVSignalHandlerTable* const table = pin.tableOf(signalNumber);
     return table != nullptr && table->used != 0;
 }
+
+// Those of the signals that walks cover.
+class SignalNumbers {
+public:
+    void add(int signalNumber) noexcept { m_numbers |= bitOf(signalNumber); }
+    bool hasQ(int signalNumber) const noexcept { return (m_numbers & bitOf(signalNumber)) != 0; }
+
+private:
+    static constexpr std::uint64_t bitOf(int signalNumber) noexcept {
+        return std::uint64_t{1} << static_cast<unsigned int>(signalNumber);
+    }
+
+    std::uint64_t m_numbers = 0;
+};
 
 // Finds the first pre-existing record of a signal, if there is one. Result: whether the signal has
 // a table at all.
@@ -55,15 +71,33 @@ void SVSignalHandlerManager::startHandlingSignals() {
             handle->unlock();
         }
     };
+    SignalNumbers walked;
+    const auto takeOverTheRest = [&] {
+        forEachSignal([&](int signalNumber) {
+            if (!walked.hasQ(signalNumber) && hasRecordsQ(signalNumber)) {
+                walked.add(signalNumber);
+                unlock();
+                handleSignal(signalNumber);
+                lock();
+            }
+        });
+    };
     lock();
-    forEachSignal([&](int signalNumber) {
-        if (hasRecordsQ(signalNumber)) {
-            unlock();
-            handleSignal(signalNumber);
-            lock();
-        }
-    });
-    SVLifecycle::setHandling(true);
+    try {
+        unsigned int stops = 0;
+        do {
+            stops = SVLifecycle::timesStopped();
+            walked = SignalNumbers();
+            takeOverTheRest();
+            SVLifecycle::setHandling(true);
+            // A registration that came after its signal's turn, and before this, installed nothing.
+            takeOverTheRest();
+            // Whoever has started and stopped meanwhile has handed back what was taken over here.
+        } while (stops != SVLifecycle::timesStopped() && SVLifecycle::handlingQ());
+    } catch (...) {
+        SVLifecycle::setHandling(false);
+        throw;
+    }
     unlock();
 }
 
@@ -104,10 +138,17 @@ void SVSignalHandlerManager::stopHandlingSignals() {
     if (!SVLifecycle::handlingQ()) {
         return;
     }
+    SVOwnership::Registrations before;
     forEachSignal([this](int signalNumber) { stopHandlingSignal(signalNumber); });
     SVMutex scope;
     scope.setHandle(lockHandle());
     SVLifecycle::setHandling(false);
+    // A registration that came after its signal's turn, and before this, has installed the library.
+    forEachSignal([&](int signalNumber) {
+        if (before.changedQ(signalNumber)) {
+            stopHandlingSignal(signalNumber);
+        }
+    });
 }
 
 void SVSignalHandlerManager::setSignalDisposition(int signalNumber, bool handle) {

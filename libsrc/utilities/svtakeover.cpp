@@ -8,6 +8,7 @@
 #include <exception>
 
 #include "../support/svsignalnumber.h"
+#include "../support/svwait.h"
 #include "svregistry.h"
 
 namespace Sorvane {
@@ -115,6 +116,19 @@ KeptSignal* reversed(KeptSignal* list) noexcept {
     return result;
 }
 
+// Of the signals below the real-time ones, one at a time is pending for a thread.
+bool mergesQ(int signalNumber) noexcept {
+    constexpr int firstRealTimeSignal = 32;
+    return signalNumber < firstRealTimeSignal;
+}
+
+bool anyOfThreadQ(const KeptSignal* list, long thread) noexcept {
+    while (list != nullptr && list->thread != thread) {
+        list = list->next;
+    }
+    return list != nullptr;
+}
+
 // False without memory.
 bool keep(int signalNumber, const siginfo& information) noexcept {
     KeptSignal* const arrived = new KeptSignal(information, thisThread());
@@ -153,17 +167,25 @@ void SVTakeOver::send(int signalNumber, long thread, siginfo information) {
 }
 
 // All are sent, also if a handler that is called meanwhile throws; the first exception goes on.
-void SVTakeOver::sendWhatWasKept(int signalNumber) {
+// What would merge with a later one, because it would not arrive before that is sent, is dispatched
+// here.
+void SVTakeOver::sendWhatWasKept(int signalNumber, bool heldBackHereQ) {
     const int errnoBefore = errno;
+    const long here = heldBackHereQ ? 0 : thisThread();
     std::exception_ptr thrown;
     KeptSignal* arrived = reversed(keptSignals[signalNumber].exchange(nullptr));
     while (arrived != nullptr) {
         KeptSignal* const next = arrived->next;
-        const siginfo information = arrived->information;
+        siginfo information = arrived->information;
         const long thread = arrived->thread;
+        const bool merges = mergesQ(signalNumber) && thread != here && anyOfThreadQ(next, thread);
         delete arrived;
         try {
-            send(signalNumber, thread, information);
+            if (merges) {
+                actualSignalHandler(signalNumber, &information, nullptr);
+            } else {
+                send(signalNumber, thread, information);
+            }
         } catch (...) {
             if (thrown == nullptr) {
                 thrown = std::current_exception();
@@ -204,7 +226,7 @@ SVTakeOver::~SVTakeOver() noexcept(false) {
         return;
     }
     try {
-        sendWhatWasKept(m_signalNumber);
+        sendWhatWasKept(m_signalNumber, false);
     } catch (...) {
         if (std::uncaught_exceptions() == m_exceptionsBefore) {
             throw;
@@ -219,6 +241,7 @@ bool SVTakeOver::underWayQ(int signalNumber) noexcept {
 // Whether the fault's own thread can go on to the end of the take-over when it returns.
 bool SVTakeOver::faultWaitsQ(int signalNumber) noexcept {
     if (ownMarks[signalNumber] == 0) {
+        waitALittle();
         return true;
     }
     SVRegistry::completeInterrupted();
@@ -242,7 +265,7 @@ bool SVTakeOver::kept(int signalNumber, siginfo* information) {
         return false;
     }
     if (!underWayQ(signalNumber)) {
-        sendWhatWasKept(signalNumber);
+        sendWhatWasKept(signalNumber, true);
     }
     return true;
 }

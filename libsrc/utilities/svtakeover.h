@@ -7,7 +7,9 @@
 // what arrived and returns. Whoever takes over clears the mark when the record is published, and
 // sends what was kept again, as it came and to the thread that it came to. The kernel does not let
 // one thread send to another what says that the kernel or kill() sent it; such a signal travels
-// with another code, which the dispatch that it arrives at changes back.
+// with another code, which the dispatch that it arrives at changes back. Of several that came to
+// another thread and would merge on the way, the last one is sent, and those before it are called
+// by whoever sends it.
 //
 // Whoever keeps a signal looks at the mark again afterwards, and sends what is kept itself if the
 // mark is gone; whoever clears the mark looks at what is kept afterwards. Both in sequentially
@@ -55,7 +57,7 @@ private:
     static bool kept(int signalNumber, siginfo* information);
     static bool faultWaitsQ(int signalNumber) noexcept;
     static void send(int signalNumber, long thread, siginfo information);
-    static void sendWhatWasKept(int signalNumber);
+    static void sendWhatWasKept(int signalNumber, bool heldBackHereQ);
 
     /// How many signals are being taken over, or are on their way with another code.
     static std::atomic<unsigned int> attention;

@@ -122,7 +122,7 @@ void meetAtEachInstruction(const Meeting& meeting) {
     if (underValgrindQ()) {
         GTEST_SKIP() << "valgrind has no trap flag";
     }
-    constexpr unsigned int mostSteps = 300000;
+    constexpr unsigned int mostSteps = 120000;
     void* const shared = mmap(nullptr, sizeof(*instructions), PROT_READ | PROT_WRITE,
                               MAP_SHARED | MAP_ANONYMOUS, -1, 0);
     instructions = new (shared) std::atomic<unsigned int>(0);
@@ -326,6 +326,103 @@ TEST(StopMeanwhile, AnotherThreadTakesOver) {
                                        takenOverQ(SIGUSR1) ||
                                        (kept && systemHandler(SIGUSR1) == addressOf(hostHandler)));
                                }});
+}
+
+// --- Switching, while another thread registers, and the other way round
+
+void registerForInterrupt() {
+    manager->setHandlerFromFunction(SIGINT, otherUserHandler);
+}
+
+void handleSignalsOfTwoHosts() {
+    hostInstalls(SIGINT, otherHostHandler);
+    handleSignalsOfAHost(SIGUSR1, false);
+}
+
+TEST(StartMeanwhile, AnotherThreadRegistersAndIsTakenOver) {
+    meetAtEachInstruction({.prepare =
+                               [] {
+                                   handleSignalsOfTwoHosts();
+                                   manager->stopHandlingSignals();
+                               },
+                           .operation = [] { manager->startHandlingSignals(); },
+                           .meanwhile = registerForInterrupt,
+                           .expect =
+                               [] {
+                                   EXPECT_TRUE(Manager::currentlyHandlingSignals);
+                                   EXPECT_TRUE(takenOverQ(SIGINT));
+                                   EXPECT_TRUE(takenOverQ(SIGUSR1));
+                               }});
+}
+
+TEST(StartMeanwhile, AnotherThreadStartsAndStops) {
+    meetAtEachInstruction({.prepare =
+                               [] {
+                                   handleSignalsOfTwoHosts();
+                                   registerForInterrupt();
+                                   manager->stopHandlingSignals();
+                               },
+                           .operation = [] { manager->startHandlingSignals(); },
+                           .meanwhile =
+                               [] {
+                                   manager->startHandlingSignals();
+                                   manager->stopHandlingSignals();
+                               },
+                           .expect =
+                               [] {
+                                   const bool handling = Manager::currentlyHandlingSignals;
+                                   EXPECT_EQ(takenOverQ(SIGINT), handling);
+                                   EXPECT_EQ(takenOverQ(SIGUSR1), handling);
+                               }});
+}
+
+TEST(StopMeanwhile, AnotherThreadRegistersAndNothingStaysTakenOver) {
+    meetAtEachInstruction({.prepare = handleSignalsOfTwoHosts,
+                           .operation = [] { manager->stopHandlingSignals(); },
+                           .meanwhile = registerForInterrupt,
+                           .expect =
+                               [] {
+                                   EXPECT_FALSE(Manager::currentlyHandlingSignals);
+                                   EXPECT_FALSE(takenOverQ(SIGINT));
+                                   EXPECT_EQ(systemHandler(SIGUSR1), addressOf(hostHandler));
+                               }});
+}
+
+TEST(RegistrationMeanwhile, AnotherThreadStopsAndTheHostHasItsSignals) {
+    meetAtEachInstruction(
+        {.prepare = handleSignalsOfTwoHosts,
+         .operation = [] { manager->setHandlerFromFunction(SIGUSR1, otherUserHandler); },
+         .meanwhile = [] { manager->stopHandlingSignals(); },
+         .expect = [] { EXPECT_EQ(systemHandler(SIGUSR1), addressOf(hostHandler)); }});
+}
+
+TEST(RegistrationMeanwhile, AnotherThreadStarts) {
+    meetAtEachInstruction({.prepare =
+                               [] {
+                                   handleSignalsOfTwoHosts();
+                                   manager->stopHandlingSignals();
+                               },
+                           .operation = registerForInterrupt,
+                           .meanwhile = [] { manager->startHandlingSignals(); },
+                           .expect = [] { EXPECT_TRUE(takenOverQ(SIGINT)); }});
+}
+
+TEST(ClearingMeanwhile, AnotherThreadRegistersAndIsNotCutOff) {
+    meetAtEachInstruction(
+        {.prepare =
+             [] {
+                 hostInstalls(SIGUSR1, hostHandler);
+                 manager.emplace(false);
+                 manager->handleSignal(SIGUSR1);
+                 manager->startHandlingSignals();
+             },
+         .operation =
+             [] {
+                 Record record = hostRecord(SIGUSR1, hostHandler);
+                 manager->clearHandler(record);
+             },
+         .meanwhile = [] { manager->setHandlerFromFunction(SIGUSR1, userHandler); },
+         .expect = [] { EXPECT_TRUE(takenOverQ(SIGUSR1)); }});
 }
 
 }  // namespace

@@ -1,37 +1,52 @@
 #!/usr/bin/env bash
-# summary: checks the model of the registry in every order of its steps, and that it finds mistakes
+# summary: checks the models in every order of their steps, and that they find mistakes
+# shellcheck disable=SC2034  # the sets of each model are used by its name
 source tools/devlib.sh
 
 (($# == 0)) || wrong_usage "model: takes no arguments, not \"$*\""
 
-readonly model=model/registry.pml
 readonly work=build/model
 
-# What is visited whole, and what there is too much of: of that, as much as fits into bits of memory
-# and a minute.
-readonly whole=(
+# Of each model: what is visited whole; what there is too much of, and of that as much as fits into
+# bits of memory and a minute; and in what its mistakes are to be found.
+readonly registry_whole=(
     "READERS=1 WITH_HANDLER"
     "READERS=2 WITH_HANDLER"
     "READERS=0 WITH_OTHER"
 )
-readonly sampled=(
+readonly registry_sampled=(
     "READERS=2 WITH_OTHER"
     "READERS=1 WITH_HANDLER WITH_OTHER"
 )
+readonly registry_searched=(
+    "READERS=1 WITH_HANDLER"
+    "READERS=0 WITH_OTHER"
+    "READERS=1 WITH_OTHER"
+    "READERS=0 WITH_HANDLER WITH_OTHER"
+)
+readonly ownership_whole=(
+    ""
+    "WITH_TAKER"
+)
+readonly ownership_sampled=()
+readonly ownership_searched=(
+    ""
+    "WITH_TAKER"
+)
 readonly minutes_sampled=1
 
-# make_checker SIZES OPTION...: the checker of the model with the given macros.
+# make_checker MODEL MACROS OPTION...: the checker of a model with the given macros.
 make_checker() {
     local macro flags=()
-    for macro in $1; do
+    for macro in $2; do
         flags+=("-D$macro")
     done
     rm -rf "$work/checker"
     mkdir -p "$work/checker"
-    (cd "$work/checker" && spin -a "${flags[@]}" "$OLDPWD/$model") >"$work/spin.log" 2>&1 ||
+    (cd "$work/checker" && spin -a "${flags[@]}" "$OLDPWD/model/$1.pml") >"$work/spin.log" 2>&1 ||
         { cat "$work/spin.log" >&2 && fail "spin does not take the model"; }
     # Processes that hold each other up rule out spin's own reduction of the orders.
-    gcc -O2 -w -DSAFETY -DNOREDUCE -DVECTORSZ=2048 "${@:2}" -o "$work/checker/pan" \
+    gcc -O2 -w -DSAFETY -DNOREDUCE -DVECTORSZ=2048 "${@:3}" -o "$work/checker/pan" \
         "$work/checker/pan.c" || fail "the checker could not be built"
 }
 
@@ -72,10 +87,10 @@ must_hold() {
 }
 
 find_mistake() {
-    local mistake="$1" macros
-    for macros in "READERS=1 WITH_HANDLER" "READERS=0 WITH_OTHER" "READERS=1 WITH_OTHER" \
-        "READERS=0 WITH_HANDLER WITH_OTHER"; do
-        make_checker "$macros $mistake" -DCOLLAPSE -DMEMLIM=2000
+    local model="$1" mistake="$2" macros
+    local -n searched="${model}_searched"
+    for macros in "${searched[@]}"; do
+        make_checker "$model" "$macros $mistake" -DCOLLAPSE -DMEMLIM=2000
         check -Q1
         if grep -q 'assertion violated' "$work/pan.log"; then
             report yes "$mistake" "found: $macros"
@@ -85,20 +100,30 @@ find_mistake() {
     report no "$mistake" "NOT FOUND"
 }
 
+# check_model NAME
+check_model() {
+    local model="$1" macros mistake
+    local -n whole="${model}_whole" sampled="${model}_sampled"
+    say ""
+    say "$model"
+    for macros in "${whole[@]}"; do
+        make_checker "$model" "$macros" -DCOLLAPSE -DMEMLIM=3000
+        check
+        must_hold "$macros" ""
+    done
+    for macros in "${sampled[@]}"; do
+        make_checker "$model" "$macros" -DBITSTATE
+        check -w30 "-Q$minutes_sampled"
+        must_hold "$macros" ", as far as a minute goes"
+    done
+    while read -r mistake; do
+        find_mistake "$model" "$mistake"
+    done < <(grep -oE 'BROKEN_[A-Z_]+[A-Z]' "model/$model.pml" | sort -u)
+}
+
 require_packages model
-for macros in "${whole[@]}"; do
-    make_checker "$macros" -DCOLLAPSE -DMEMLIM=3000
-    check
-    must_hold "$macros" ""
-done
-for macros in "${sampled[@]}"; do
-    make_checker "$macros" -DBITSTATE
-    check -w30 "-Q$minutes_sampled"
-    must_hold "$macros" ", as far as a minute goes"
-done
-while read -r mistake; do
-    find_mistake "$mistake"
-done < <(grep -oE 'BROKEN_[A-Z_]+[A-Z]' "$model" | sort -u)
+check_model registry
+check_model ownership
 
 say ""
 say "$passed passed, $failed failed"
