@@ -325,6 +325,29 @@ TEST_F(KeptSignal, OfAnotherThreadIsDispatchedHereWithACodeThatCannotTravel) {
     expectDispatchedHereWithoutContext(unknownCode);
 }
 
+// Of the signals that are no real-time ones, the kernel keeps one for a thread that does not take
+// it.
+TEST_F(KeptSignal, OfAnotherThreadIsNotLostThoughItWouldMergeWithALaterOne) {
+    takeOver(SIGUSR1);
+    constexpr unsigned int count = 5;
+    std::optional<SVTakeOver> takingOver(std::in_place, SIGUSR1);
+    Gate kept;
+    Gate sent;
+    JoiningThread other([&kept, &sent] {
+        for (unsigned int i = 0; i < count; ++i) {
+            raise(SIGUSR1);
+        }
+        const BlockedSignals blocked{SIGUSR1};
+        kept.open();
+        sent.pass();
+    });
+    kept.pass();
+    takingOver.reset();
+    sent.open();
+    other.join();
+    EXPECT_EQ(callsOf(hostInformationHandler), count);
+}
+
 // --- Exceptions --------------------------------------------------------------------------------
 
 // Has not returned when it throws, so its signal is still held back.
