@@ -76,7 +76,6 @@ inline settle(displaced, seen, now, wanted) {
        :: else ->
           if
           :: displaced == library -> break
-          :: displaced != library && now == seen -> count = count + count % 2; break
           :: else ->
 #ifdef BROKEN_NOT_PUT_BACK
              break
@@ -126,7 +125,6 @@ inline tearDown(which, seen, now, wanted, displaced, given, others, pinned) {
 #ifndef BROKEN_NOT_MARKED
              marks++;
 #endif
-             seen = seen - 1;
              if
              :: hosts(count) -> settle(displaced, seen, now, wanted)
              :: !hosts(count) && displaced == library ->
@@ -229,7 +227,7 @@ arrival:
 #ifndef BROKEN_NOT_SENT_ON
     now = count;
     if
-    :: (hosts(now) || now != seen) && sentOn != now && !records ->
+    :: (hosts(now) || now != seen) && sentOn != now && (!records || (hosts(now) && teardown == 0)) ->
        sentOn = now;
        managerGone(which, seen, now, wanted, displaced, given, others, pinned);
        goto arrival
@@ -241,16 +239,23 @@ arrival:
     :: else
     fi;
     if
-#ifndef BROKEN_INSTALLED_WHATEVER_WAS_GIVEN
-    :: count != seen && hosts(count)
-#endif
-    :: else ->
+    :: teardown == 0 && count == seen && !hosts(seen) ->
        wanted = library;
-       install(wanted, displaced);
+       install(wanted, displaced)
+    :: else ->
+#ifndef BROKEN_DISPATCH_NOT_MARKED
+       marks++;
+#endif
        if
-       :: displaced != library -> settle(displaced, seen, now, wanted)
+       :: !hosts(count) ->
+          wanted = library;
+          install(wanted, displaced);
+          settle(displaced, seen, now, wanted)
        :: else
-       fi
+       fi;
+#ifndef BROKEN_DISPATCH_NOT_MARKED
+       marks--
+#endif
     fi;
     managerGone(which, seen, now, wanted, displaced, given, others, pinned);
 over:

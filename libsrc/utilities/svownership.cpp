@@ -35,6 +35,36 @@ void putOnRecord(const SVSignalHandler& displaced, Count now) {
     }
 }
 
+// Whether the signal is being delivered to this thread, and its handler is not just called: the
+// kernel holds it back meanwhile.
+bool arrivedQ(int signalNumber) noexcept {
+    sigset_t heldBack;
+    pthread_sigmask(SIG_BLOCK, nullptr, &heldBack);
+    return sigismember(&heldBack, signalNumber) == 1;
+}
+
+// After something was displaced that may have to be put back or on record.
+void settle(SVSignalHandlerManager& manager, SVSignalHandler displaced, Count seen) {
+    const int signalNumber = displaced.getSignalNumber();
+    for (;;) {
+        const Count now = SVOwnership::count(signalNumber);
+        if (!SVOwnership::hostsQ(now)) {
+            if (now != seen && !nobodysHandlerQ(displaced)) {
+                putOnRecord(displaced, now);
+            }
+            return;
+        }
+        if (ownHandlerQ(displaced)) {
+            return;
+        }
+        manager.installHandlerInSystem(displaced);
+        if (SVOwnership::count(signalNumber) == now) {
+            return;
+        }
+        displaced = installOwn(manager, signalNumber);
+    }
+}
+
 }  // namespace
 
 bool nobodysHandlerQ(const SVSignalHandler& record) noexcept {
@@ -77,34 +107,26 @@ void SVOwnership::takeFromHost(int signalNumber) noexcept {
     }
 }
 
-bool SVOwnership::sendsOnQ(int signalNumber, Count now) noexcept {
-    const bool again = sentOn[signalNumber] == now;
+bool SVOwnership::changedHandsQ(int signalNumber, Count now, bool recordsQ) noexcept {
+    const bool formerRecords = SVLifecycle::currentTeardown() != 0 || !hostsQ(now);
+    if (sentOn[signalNumber] == now || (recordsQ && formerRecords) || !arrivedQ(signalNumber)) {
+        return false;
+    }
     sentOn[signalNumber] = now;
-    return !again;
+    return true;
 }
 
-void SVOwnership::settle(SVSignalHandlerManager& manager, SVSignalHandler displaced, Count seen) {
-    const int signalNumber = displaced.getSignalNumber();
-    for (;;) {
-        const Count now = count(signalNumber);
-        if (!hostsQ(now)) {
-            if (now != seen && !nobodysHandlerQ(displaced)) {
-                putOnRecord(displaced, now);
-            }
-            return;
-        }
-        if (ownHandlerQ(displaced)) {
-            return;
-        }
-        if (now == seen) {
-            takeFromHost(signalNumber);
-            return;
-        }
-        manager.installHandlerInSystem(displaced);
-        if (count(signalNumber) == now) {
-            return;
-        }
-        displaced = installOwn(manager, signalNumber);
+void SVOwnership::installAfterDispatch(SVSignalHandlerManager& manager, int signalNumber,
+                                       Count seen) {
+    const Count now = count(signalNumber);
+    if (hostsQ(now) && now == seen) {
+        takeFromHost(signalNumber);
+        installOwn(manager, signalNumber);
+        return;
+    }
+    const SVTakeOver takeOver(signalNumber);
+    if (!hostsQ(now)) {
+        settle(manager, installOwn(manager, signalNumber), seen);
     }
 }
 
@@ -112,11 +134,10 @@ void SVOwnership::settleLateHandBack(SVSignalHandlerManager& manager,
                                      const SVSignalHandler& displaced, Count seen) {
     const int signalNumber = displaced.getSignalNumber();
     const SVTakeOver takeOver(signalNumber);
-    const Count before = seen - 1;  // is none that can be found now
     if (hostsQ(count(signalNumber))) {
-        settle(manager, displaced, before);
+        settle(manager, displaced, seen);
     } else if (ownHandlerQ(displaced)) {
-        settle(manager, installOwn(manager, signalNumber), before);
+        settle(manager, installOwn(manager, signalNumber), seen);
     }
 }
 

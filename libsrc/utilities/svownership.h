@@ -10,14 +10,16 @@
 // odd, before it gives the signal back; whoever takes a signal over makes it even, before the
 // operating system's swap. Whoever is about to install something that may come too late reads the
 // count before, and afterwards looks at the count and at what was displaced:
-// - If the signal was given back meanwhile, what was displaced is put back.
+// - If the signal was given back, what was displaced is put back.
 // - If it was given back and taken over anew meanwhile, whoever has taken it over may have found
 //   the library's own action in the place of what was displaced; so that is put on record for him.
-// Both look again after they have installed something.
-// A dispatch that finds no records for a signal that is the host's, or has changed hands meanwhile,
-// has it arrive once more, where it belongs by now. Only once: whoever has the library called
-// by hand for a signal that was given back gets it called. And whoever does so when there are
-// records again takes the signal from the host, as a dispatch does.
+// Both look again after they have installed something, and both do it under the mark of a
+// take-over, so that what arrives meanwhile is kept until it is right. A dispatch has to do so only
+// while a teardown goes on; otherwise none begins before its manager ends. A dispatch that finds no
+// records for a signal that is the host's, or has changed hands meanwhile, has it arrive once more,
+// where it belongs by now; so does one that finds records of the state after the teardown. Whoever
+// calls the library by hand for a signal that was given back gets an ordinary dispatch, and the
+// signal is the library's again.
 //
 // stopHandlingSignal() and clearHandler() do not change the count: a dispatch takes back a signal
 // that is handed back by these while it runs.
@@ -73,23 +75,27 @@ private:
 
 /// Whether a signal that has arrived here, when its count was the one that was seen, belongs
 /// elsewhere by now, because it is the host's or was meanwhile.
-bool sendsOnQ(int signalNumber, Count now) noexcept;
-inline bool belongsElsewhereQ(int signalNumber, Count seen) noexcept {
+/// Parameters: recordsQ, whether records have been found for it.
+bool changedHandsQ(int signalNumber, Count now, bool recordsQ) noexcept;
+inline bool belongsElsewhereQ(int signalNumber, Count seen, bool recordsQ) noexcept {
     const Count now = count(signalNumber);
-    return (now != seen || hostsQ(now)) && sendsOnQ(signalNumber, now);
+    return (now != seen || hostsQ(now)) && changedHandsQ(signalNumber, now, recordsQ);
 }
 
-/// Whether a signal has been given back since its count was the one that was seen.
-inline bool givenBackSinceQ(int signalNumber, Count seen) noexcept {
-    const Count now = count(signalNumber);
-    return now != seen && hostsQ(now);
+/// Whether a signal is the library's, as it was when its count was seen, and stays so as long as
+/// the caller's manager lives: no teardown begins before that ends.
+inline bool staysOursQ(int signalNumber, Count seen) noexcept {
+    return !hostsQ(seen) && SVLifecycle::currentTeardown() == 0 && count(signalNumber) == seen;
 }
 
-/// Set right what the system has for a signal, after the library was installed for it, which
-/// displaced what is given; or after the host's handler was, for a teardown that somebody else has
-/// ended meanwhile. The count that was seen is the one before.
+/// Installs the library after a dispatch for a signal for which that can't be said.
 /// Errors: those of installHandlerInSystem() and of SVRegistry::storeRecord().
-void settle(SVSignalHandlerManager& manager, SVSignalHandler displaced, Count seen);
+void installAfterDispatch(SVSignalHandlerManager& manager, int signalNumber, Count seen);
+
+/// Sets right what the system has for a signal after the host's handler was installed for it, which
+/// displaced what is given, for a teardown that somebody else has ended meanwhile. The count that
+/// was seen is the one before.
+/// Errors: those of installHandlerInSystem() and of SVRegistry::storeRecord().
 void settleLateHandBack(SVSignalHandlerManager& manager, const SVSignalHandler& displaced,
                         Count seen);
 

@@ -146,8 +146,8 @@ private:
 bool dispatchSignal(int signalNumber, siginfo* information, void* context,
                     SVOwnership::Count seen) {
     Dispatch dispatch(signalNumber);
-    if (information != nullptr && !dispatch.recordsQ() &&
-        SVOwnership::belongsElsewhereQ(signalNumber, seen)) {
+    if (information != nullptr &&
+        SVOwnership::belongsElsewhereQ(signalNumber, seen, dispatch.recordsQ())) {
         SVTakeOver::sendAgain(signalNumber, *information);
         return false;
     }
@@ -243,13 +243,13 @@ extern "C" void actualSignalHandler(int signalNumber, siginfo* information, void
         return;
     }
     SVSignalHandler own(signalNumber, &actualSignalHandler, false, false, true);
-    if (!dispatchSignal(signalNumber, information, context, seen) ||
-        SVOwnership::givenBackSinceQ(signalNumber, seen)) {
+    if (!dispatchSignal(signalNumber, information, context, seen)) {
         return;
     }
     // A handler may have changed the operating system's action; the signal stays taken over.
-    const SVSignalHandler displaced = manager.installHandlerInSystem(own);
-    if (!ownHandlerQ(displaced)) {
-        SVOwnership::settle(manager, displaced, seen);
+    if (SVOwnership::staysOursQ(signalNumber, seen)) {
+        manager.installHandlerInSystem(own);
+    } else {
+        SVOwnership::installAfterDispatch(manager, signalNumber, seen);
     }
 }
