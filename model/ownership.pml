@@ -227,7 +227,7 @@ arrival:
 #ifndef BROKEN_NOT_SENT_ON
     now = count;
     if
-    :: (hosts(now) || now != seen) && sentOn != now && (!records || (hosts(now) && teardown == 0)) ->
+    :: (hosts(now) || now != seen) && sentOn != now && (!records || teardown == 0) ->
        sentOn = now;
        managerGone(which, seen, now, wanted, displaced, given, others, pinned);
        goto arrival

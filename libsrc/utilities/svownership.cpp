@@ -108,7 +108,8 @@ void SVOwnership::takeFromHost(int signalNumber) noexcept {
 }
 
 bool SVOwnership::changedHandsQ(int signalNumber, Count now, bool recordsQ) noexcept {
-    const bool formerRecords = SVLifecycle::currentTeardown() != 0 || !hostsQ(now);
+    // Only those of the state that is being torn down have the host's handler for certain.
+    const bool formerRecords = SVLifecycle::currentTeardown() != 0;
     if (sentOn[signalNumber] == now || (recordsQ && formerRecords) || !arrivedQ(signalNumber)) {
         return false;
     }
