@@ -148,8 +148,10 @@ void handleSignalsOfAHost(int signalNumber, bool locking) {
     manager->startHandlingSignals();
 }
 
-// As if the signal had just arrived: the kernel has chosen the library's handler already.
+// As if the signal had just arrived: the kernel has chosen the library's handler already, and holds
+// the signal back.
 void dispatch(int signalNumber) {
+    const BlockedSignals heldBack{signalNumber};
     siginfo information = {};
     information.si_signo = signalNumber;
     information.si_code = SI_TKILL;
