@@ -39,9 +39,7 @@ TEST_F(Registry, IsBegunByOneOfTwoWhicheverInstructionTheOtherComesAt) {
     for (unsigned int number = 1; !tooLate; ++number) {
         bool first = false;
         bool second = false;
-        unsigned int instructions = 0;
-        ASSERT_TRUE(overtake([&first] { first = SVRegistry::create(); },
-                             [&] { return ++instructions == number; },
+        ASSERT_TRUE(overtake([&first] { first = SVRegistry::create(); }, atInstruction(number),
                              [&second] { second = SVRegistry::create(); }));
         ASSERT_NE(first, second) << "with the other at instruction " << number;
         tooLate = !second;
@@ -57,10 +55,8 @@ TEST_F(Registry, IsBegunByOneOfTwoWhicheverInstructionTheOtherComesAt) {
 // Result: whether the operation has waited.
 bool waitsQ(Version* version, const std::function<void()>& operation) {
     version->replaceBy(Version::closed());
-    unsigned int instructions = 0;
-    return overtake(
-        operation, [&instructions] { return ++instructions == 5000; },
-        [version] { version->publishInsteadOf(Version::closed()); });
+    return overtake(operation, atInstruction(5000),
+                    [version] { version->publishInsteadOf(Version::closed()); });
 }
 
 TEST_F(Registry, ThatIsClosedIsWaitedForByAReader) {
@@ -82,12 +78,50 @@ TEST_F(Registry, ThatIsClosedIsWaitedForByWhoeverEndsIt) {
     EXPECT_EQ(Manager::handlerTables, nullptr);
 }
 
+// More instructions than it takes to look for it and to wait once.
+TEST_F(Registry, ThatIsClosedIsEndedWheneverItIsPublishedAgain) {
+    SKIP_WITHOUT_STEPS();
+    for (unsigned int number = 1; number <= 600; ++number) {
+        ASSERT_TRUE(SVRegistry::create());
+        const Pin pin;
+        Version* const version = pin.version();
+        version->replaceBy(Version::closed());
+        bool retired = false;
+        EXPECT_TRUE(overtake([&] { retired = SVRegistry::retire(pin, false); },
+                             atInstruction(number),
+                             [version] { version->publishInsteadOf(Version::closed()); }));
+        ASSERT_TRUE(retired) << "published at instruction " << number;
+    }
+}
+
 TEST_F(Registry, ThatHasBeenReplacedIsNotEndedByItsFormerReader) {
     Manager manager(false);
     const Pin pin;
     manager.setHandlerFromFunction(SIGUSR1, userHandler);
-    EXPECT_FALSE(SVRegistry::retire(pin, false));
-    EXPECT_EQ(recordCount(SIGUSR1), 1U);
+    for (const bool othersQ : {false, true}) {
+        EXPECT_FALSE(SVRegistry::retire(pin, othersQ));
+        EXPECT_EQ(recordCount(SIGUSR1), 1U);
+    }
+}
+
+TEST_F(Registry, ThatIsNoneIsEndedByNobody) {
+    for (const bool othersQ : {false, true}) {
+        const Pin pin;
+        EXPECT_FALSE(SVRegistry::retire(pin, othersQ));
+        EXPECT_EQ(Version::published(), nullptr);
+    }
+}
+
+TEST_F(Registry, IsReplacedByAnEmptyOneWhereOthersGoOn) {
+    Manager manager(false);
+    manager.setHandlerFromFunction(SIGUSR1, userHandler);
+    {
+        const Pin pin;
+        EXPECT_TRUE(SVRegistry::retire(pin, true));
+    }
+    ASSERT_NE(Version::published(), nullptr);
+    EXPECT_EQ(recordCount(SIGUSR1), 0U);
+    SVRegistry::tidy();
 }
 
 // --- Records and tables ------------------------------------------------------------------------

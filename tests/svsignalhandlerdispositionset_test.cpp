@@ -224,9 +224,7 @@ TEST(DispositionSet, AssignmentThatAnotherOneInterruptsLeavesThatWhole) {
     bool met = true;
     for (unsigned int number = 1; met; ++number) {
         SVSignalHandlerDispositionSet set;
-        unsigned int instructions = 0;
-        met = overtake([&] { set = none; }, [&] { return ++instructions == number; },
-                       [&] { set = odd; });
+        met = overtake([&] { set = none; }, atInstruction(number), [&] { set = odd; });
         for (int signalNumber = 1; met && signalNumber <= highestSignal; ++signalNumber) {
             ASSERT_EQ(set.getSignalDisposition(signalNumber),
                       set.getSignalDisposition(1) && signalNumber % 2 == 1)

@@ -523,7 +523,9 @@ bool SVRegistry::retire(const SVRegistryPin& pin, bool othersQ) noexcept {
     }
     Version* const successor = othersQ ? emptyRegistry() : nullptr;
     while (!version->replaceBy(successor)) {
-        if (Version::published() != Version::closed()) {
+        // If this version is published again by now, only the attempt came too early.
+        const Version* const published = Version::published();
+        if (published != version && published != Version::closed()) {
             if (successor != nullptr) {
                 successor->discard();
             }

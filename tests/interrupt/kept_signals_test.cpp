@@ -239,9 +239,9 @@ TEST_F(KeptSignal, ArrivesWithItsCodeAlsoIfThatLooksLikeOneThatTravels) {
 // Sends to itself, and is still there when what was kept is sent again.
 class SendingThread {
 public:
-    explicit SendingThread(int code)
-        : m_thread([this, code] {
-              sendToSelf(queued, code);
+    explicit SendingThread(int code, int signalNumber = queued)
+        : m_thread([this, code, signalNumber] {
+              sendToSelf(signalNumber, code);
               m_sent.open();
               m_over.pass();
           }) {
@@ -348,6 +348,33 @@ TEST_F(KeptSignal, OfAnotherThreadIsNotLostThoughItWouldMergeWithALaterOne) {
     EXPECT_EQ(callsOf(hostInformationHandler), count);
 }
 
+TEST_F(KeptSignal, OfEachOfTwoOtherThreadsReachesThatOneAndMergesWithNothing) {
+    takeOver(SIGUSR1);
+    {
+        std::optional<SVTakeOver> takingOver(std::in_place, SIGUSR1);
+        const SendingThread first(SI_TKILL, SIGUSR1);
+        const SendingThread second(SI_TKILL, SIGUSR1);
+        takingOver.reset();
+    }
+    ASSERT_EQ(callCount(), 2U);
+    EXPECT_NE(callAt(0).thread, gettid());
+    EXPECT_NE(callAt(1).thread, gettid());
+    EXPECT_NE(callAt(0).thread, callAt(1).thread);
+}
+
+// A fault comes again by itself when its dispatch returns.
+TEST_F(KeptSignal, IsSentOnToWhereItBelongsUnlessItIsAFault) {
+    takeOver(SIGSEGV);
+    siginfo_t information = {};
+    information.si_signo = SIGSEGV;
+    information.si_code = SEGV_MAPERR;
+    SVTakeOver::sendAgain(SIGSEGV, information);
+    EXPECT_EQ(callCount(), 0U);
+    information.si_code = SI_QUEUE;
+    SVTakeOver::sendAgain(SIGSEGV, information);
+    expectDispatchedHere(SI_QUEUE);
+}
+
 // --- Exceptions --------------------------------------------------------------------------------
 
 // Has not returned when it throws, so its signal is still held back.
@@ -386,23 +413,6 @@ TEST_F(KeptSignal, IsSentAlsoIfTheTakeOverEndsWithAnExceptionWhichGoesOnRatherTh
 
 // --- Two at once -------------------------------------------------------------------------------
 
-// Looks, by halves, for the first instruction of an operation from which on something holds.
-// Result: the one before it, which has been looked at, too.
-unsigned int lastBefore(const std::function<bool(unsigned int)>& holdsAtQ) {
-    unsigned int tooLow = 0;
-    unsigned int highEnough = 1;
-    while (!holdsAtQ(highEnough)) {
-        tooLow = highEnough;
-        highEnough *= 2;
-    }
-    while (highEnough - tooLow > 1) {
-        const unsigned int middle = tooLow + (highEnough - tooLow) / 2;
-        (holdsAtQ(middle) ? highEnough : tooLow) = middle;
-    }
-    EXPECT_GT(tooLow, 0U) << "nothing was tested";
-    return tooLow;
-}
-
 siginfo queuedInformation() {
     siginfo_t information = {};
     information.si_code = SI_QUEUE;
@@ -418,9 +428,8 @@ TEST_F(KeptSignal, IsNotLostWhenAnotherOneIsKeptJustBeforeIt) {
         {
             const SVTakeOver takingOver(queued);
             siginfo_t information = queuedInformation();
-            unsigned int instructions = 0;
-            met = overtake([&] { SVTakeOver::keptQ(queued, &information); },
-                           [&] { return ++instructions == number; }, [] { raise(queued); });
+            met = overtake([&] { SVTakeOver::keptQ(queued, &information); }, atInstruction(number),
+                           [] { raise(queued); });
         }
         EXPECT_EQ(callCount(), met ? 2U : 1U) << "the other one at instruction " << number;
         return callAt(0).informationCopy.si_code == SI_QUEUE;
@@ -435,9 +444,8 @@ TEST_F(KeptSignal, IsSentAlthoughTheTakeOverEndsBeforeItIsKept) {
         std::optional<SVTakeOver> takingOver(std::in_place, queued);
         siginfo_t information = queuedInformation();
         bool kept = false;
-        unsigned int instructions = 0;
-        overtake([&] { kept = SVTakeOver::keptQ(queued, &information); },
-                 [&] { return ++instructions == number; }, [&takingOver] { takingOver.reset(); });
+        overtake([&] { kept = SVTakeOver::keptQ(queued, &information); }, atInstruction(number),
+                 [&takingOver] { takingOver.reset(); });
         takingOver.reset();
         EXPECT_EQ(callCount(), kept ? 1U : 0U) << "the end at instruction " << number;
         return kept;
@@ -489,9 +497,7 @@ ChangedBack changeTwoBack(unsigned int onTheirWay, unsigned int number) {
     siginfo_t first = {};
     first.si_code = travelling + SI_TKILL;
     siginfo_t second = first;
-    unsigned int instructions = 0;
-    overtake([&first] { SVTakeOver::keptQ(queued, &first); },
-             [&] { return ++instructions == number; },
+    overtake([&first] { SVTakeOver::keptQ(queued, &first); }, atInstruction(number),
              [&second] { SVTakeOver::keptQ(queued, &second); });
     return {first.si_code == SI_TKILL, second.si_code == SI_TKILL};
 }

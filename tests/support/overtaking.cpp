@@ -1,5 +1,6 @@
 #include "support/overtaking.h"
 
+#include <gtest/gtest.h>
 #include <ucontext.h>
 
 #include <cerrno>
@@ -29,7 +30,8 @@ public:
     }
     bool doneQ() const { return m_done; }
 
-    static inline Overtaking* innermost = nullptr;
+    // Of each thread, because what comes in between may be another one.
+    static inline thread_local Overtaking* innermost = nullptr;
 
 private:
     const std::function<bool()>& m_timeQ;
@@ -92,3 +94,40 @@ const char* reasonForNotOvertaking() noexcept {
 }
 
 #endif
+
+std::function<bool()> atInstruction(unsigned int number) {
+    return [number, instructions = 0U]() mutable { return ++instructions == number; };
+}
+
+unsigned int lastBefore(const std::function<bool(unsigned int)>& holdsAtQ) {
+    unsigned int tooLow = 0;
+    unsigned int highEnough = 1;
+    while (!holdsAtQ(highEnough)) {
+        tooLow = highEnough;
+        highEnough *= 2;
+    }
+    while (highEnough - tooLow > 1) {
+        const unsigned int middle = tooLow + (highEnough - tooLow) / 2;
+        (holdsAtQ(middle) ? highEnough : tooLow) = middle;
+    }
+    EXPECT_GT(tooLow, 0U) << "nothing was tested";
+    return tooLow;
+}
+
+void overtakeAtEachInstruction(const AtOnce& atOnce) {
+    bool enough = false;
+    const auto act = [&] {
+        enough = atOnce.enoughQ();
+        atOnce.act();
+    };
+    for (unsigned int number = 1; !enough; ++number) {
+        atOnce.prepare();
+        if (!overtake(atOnce.operation, atInstruction(number), act)) {
+            EXPECT_GT(number, 10U) << "nothing was tested";
+            act();
+            enough = true;
+        }
+        atOnce.expect();
+        ASSERT_FALSE(::testing::Test::HasFailure()) << "overtaken at instruction " << number;
+    }
+}

@@ -22,4 +22,24 @@ const char* reasonForNotOvertaking() noexcept;
 bool overtake(const std::function<void()>& operation, const std::function<bool()>& timeQ,
               const std::function<void()>& act);
 
+/// When it is time: after so many instructions.
+std::function<bool()> atInstruction(unsigned int number);
+
+/// Looks, by halves, for the first instruction of an operation from which on something holds.
+/// Result: the one before it, which has been looked at, too.
+unsigned int lastBefore(const std::function<bool(unsigned int)>& holdsAtQ);
+
+/// Two things that are done at once.
+struct AtOnce {
+    std::function<void()> prepare;
+    std::function<void()> operation;
+    std::function<void()> act;     ///< comes in between; may interrupt the C library's allocator
+    std::function<void()> expect;  ///< of the state after both
+    std::function<bool()> enoughQ = [] { return false; };  ///< later, nothing is different
+};
+
+/// Does the one at each instruction of the other in turn, up to one at which that is enough, or at
+/// last after it.
+void overtakeAtEachInstruction(const AtOnce& atOnce);
+
 #endif

@@ -1,0 +1,361 @@
+// What somebody else does while an operation of a manager stands between two of its steps.
+
+#include <../utilities/svlifecycle.h>
+#include <../utilities/svownership.h>
+#include <../utilities/svregistry.h>
+#include <../utilities/svtakeover.h>
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <optional>
+
+#include "support/manager_fixture.h"
+#include "support/overtaking.h"
+
+namespace {
+
+namespace SVLifecycle = Sorvane::SVLifecycle;
+namespace SVOwnership = Sorvane::SVOwnership;
+using Sorvane::SVTakeOver;
+
+bool handlingQ() {
+    return SVLifecycle::handlingQ();
+}
+bool signalTakenOverQ() {
+    return takenOverQ(SIGUSR1);
+}
+bool signalIgnoredQ() {
+    return ignoredInSystemQ(SIGUSR1);
+}
+bool hostHandlesSignalQ() {
+    return systemHandler(SIGUSR1) == addressOf(hostHandler);
+}
+bool hostsSignalQ() {
+    return SVOwnership::hostsQ(SVOwnership::count(SIGUSR1));
+}
+bool librarysSignalQ() {
+    return !hostsSignalQ();
+}
+
+void start() {
+    Manager(false).startHandlingSignals();
+}
+void stop() {
+    Manager(false).stopHandlingSignals();
+}
+void takeOver() {
+    Manager(false).handleSignal(SIGUSR1);
+}
+void registerAnother() {
+    Manager(false).setHandlerFromFunction(SIGUSR1, otherUserHandler);
+}
+void giveSignalToHost() {
+    ASSERT_TRUE(SVOwnership::giveToHost(SIGUSR1, SVOwnership::count(SIGUSR1)));
+}
+void retireRegistry() {
+    const Sorvane::SVRegistryPin pin;
+    EXPECT_TRUE(Sorvane::SVRegistry::retire(pin, false));
+}
+
+class Overtaken : public ManagerTest {
+protected:
+    // Declared, because the manager's own may throw, which a fixture's may not.
+    ~Overtaken() noexcept override = default;
+
+    void SetUp() override {
+        SKIP_WITHOUT_STEPS();
+        m_manager.emplace(false);
+    }
+
+    void registerHandler() { m_manager->setHandlerFromFunction(SIGUSR1, userHandler); }
+
+    // The host's handler is on record, and the user's.
+    void handleSignalOfHost() {
+        hostInstalls(SIGUSR1, hostHandler);
+        registerHandler();
+        m_manager->startHandlingSignals();
+    }
+
+    std::optional<Manager> m_manager;
+};
+
+// --- Switching on ------------------------------------------------------------------------------
+
+class OvertakenStart : public Overtaken {
+protected:
+    ~OvertakenStart() noexcept override = default;
+
+    void SetUp() override {
+        Overtaken::SetUp();
+        if (!IsSkipped()) {
+            hostInstalls(SIGUSR1, hostHandler);
+            registerHandler();
+        }
+    }
+    void startOvertakenBy(const std::function<void()>& act, const std::function<bool()>& timeQ) {
+        EXPECT_TRUE(overtake([this] { m_manager->startHandlingSignals(); }, timeQ, act));
+    }
+};
+
+TEST_F(OvertakenStart, TakesOverAgainWhatSomebodyHasHandedBackMeanwhile) {
+    startOvertakenBy(
+        [] {
+            start();
+            stop();
+        },
+        signalTakenOverQ);
+    EXPECT_TRUE(handlingQ());
+    EXPECT_TRUE(signalTakenOverQ());
+}
+
+TEST_F(OvertakenStart, LeavesItAtThatWhenSomebodyStopsOnceSignalsAreHandled) {
+    startOvertakenBy(stop, handlingQ);
+    EXPECT_FALSE(handlingQ());
+    EXPECT_TRUE(hostHandlesSignalQ());
+}
+
+// --- Handing one signal back -------------------------------------------------------------------
+
+class OvertakenHandBack : public Overtaken {
+protected:
+    ~OvertakenHandBack() noexcept override = default;
+
+    // The signal is ignored first, because the host had no handler.
+    void handBackOvertakenBy(const std::function<void()>& act) {
+        registerHandler();
+        EXPECT_TRUE(
+            overtake([this] { m_manager->stopHandlingSignal(SIGUSR1); }, signalIgnoredQ, act));
+    }
+};
+
+TEST_F(OvertakenHandBack, ComesBeforeATakeOverThatHasInstalledTheLibrary) {
+    m_manager->handleSignal(SIGUSR1);
+    std::optional<SVTakeOver> takingOver;
+    handBackOvertakenBy([&takingOver] { takingOver.emplace(SIGUSR1); });
+    EXPECT_TRUE(signalTakenOverQ());
+}
+
+TEST_F(OvertakenHandBack, StandsWhenATakeOverHasInstalledNothingYet) {
+    std::optional<SVTakeOver> takingOver;
+    handBackOvertakenBy([&takingOver] { takingOver.emplace(SIGUSR1); });
+    EXPECT_TRUE(signalIgnoredQ());
+}
+
+TEST_F(OvertakenHandBack, IsToTheHandlerThatATakeOverHasPutOnRecordMeanwhile) {
+    handBackOvertakenBy([] {
+        hostInstalls(SIGUSR1, hostHandler);
+        takeOver();
+    });
+    EXPECT_TRUE(hostHandlesSignalQ());
+}
+
+TEST_F(OvertakenHandBack, StandsWhenThereAreNoRecordsAnyMore) {
+    handBackOvertakenBy(retireRegistry);
+    EXPECT_TRUE(signalIgnoredQ());
+}
+
+// --- Switching off, and registration -----------------------------------------------------------
+
+TEST_F(Overtaken, StopHandsBackAgainWhatARegistrationHasTakenOverMeanwhile) {
+    handleSignalOfHost();
+    EXPECT_TRUE(overtake([this] { m_manager->stopHandlingSignals(); }, hostHandlesSignalQ,
+                         registerAnother));
+    EXPECT_NE(recordOf(SIGUSR1, otherUserHandler), nullptr);
+    EXPECT_TRUE(hostHandlesSignalQ());
+}
+
+// A registration has found that signals are handled and is about to install the library: it has
+// just taken the signal from the host.
+class OvertakenRegistration : public Overtaken {
+protected:
+    ~OvertakenRegistration() noexcept override = default;
+
+    void registerOvertakenBy(const std::function<void()>& act) {
+        handleSignalOfHost();
+        giveSignalToHost();
+        EXPECT_TRUE(
+            overtake([this] { m_manager->setHandlerFromFunction(SIGUSR1, otherUserHandler); },
+                     librarysSignalQ, act));
+    }
+};
+
+TEST_F(OvertakenRegistration, LeavesToTheHostWhatAStopHasHandedBack) {
+    registerOvertakenBy(stop);
+    EXPECT_NE(recordOf(SIGUSR1, otherUserHandler), nullptr);
+    EXPECT_TRUE(hostHandlesSignalQ());
+}
+
+TEST_F(OvertakenRegistration, LeavesToTheLibraryWhatWasTakenOverAfterAStop) {
+    registerOvertakenBy([] {
+        stop();
+        takeOver();
+    });
+    EXPECT_FALSE(handlingQ());
+    EXPECT_TRUE(signalTakenOverQ());
+}
+
+// --- Clearing ----------------------------------------------------------------------------------
+
+class OvertakenClearing : public Overtaken {
+protected:
+    ~OvertakenClearing() noexcept override = default;
+
+    // The host's handler is the only one on record.
+    void SetUp() override {
+        Overtaken::SetUp();
+        if (!IsSkipped()) {
+            hostInstalls(SIGUSR1, hostHandler);
+            m_manager->handleSignal(SIGUSR1);
+            m_manager->startHandlingSignals();
+        }
+    }
+    void clear() {
+        Record record = hostRecord(SIGUSR1, hostHandler);
+        m_manager->clearHandler(record);
+    }
+};
+
+TEST_F(OvertakenClearing, DoesNotCutOffAHandlerThatIsRegisteredMeanwhile) {
+    EXPECT_TRUE(overtake([this] { clear(); }, hostHandlesSignalQ,
+                         [] {
+                             SVLifecycle::setHandling(
+                                 false);  // so that the registration installs nothing itself
+                             registerAnother();
+                         }));
+    EXPECT_TRUE(signalTakenOverQ());
+    EXPECT_EQ(recordCount(SIGUSR1), 1U);
+    EXPECT_NE(recordOf(SIGUSR1, otherUserHandler), nullptr);
+}
+
+TEST_F(OvertakenClearing, LeavesItAtThatWhenTheSignalWasNotTheLibrarys) {
+    hostInstalls(SIGUSR1, otherHostHandler);
+    EXPECT_TRUE(overtake([this] { clear(); }, hostHandlesSignalQ, [] {}));
+    EXPECT_TRUE(hostHandlesSignalQ());
+    EXPECT_EQ(recordCount(SIGUSR1), 0U);
+}
+
+// --- The last manager goes ---------------------------------------------------------------------
+
+class OvertakenTeardown : public Overtaken {
+protected:
+    ~OvertakenTeardown() noexcept override = default;
+
+    void SetUp() override {
+        Overtaken::SetUp();
+        if (!IsSkipped()) {
+            handleSignalOfHost();
+        }
+    }
+    void TearDown() override {
+        m_other.reset();
+        EXPECT_FALSE(handlingQ());
+        EXPECT_EQ(Manager::handlerTables, nullptr);
+    }
+
+    bool lastManagerGoesOvertakenBy(const std::function<void()>& act,
+                                    const std::function<bool()>& timeQ) {
+        return overtake([this] { m_manager.reset(); }, timeQ, act);
+    }
+    void makeOther() { m_other.emplace(false); }
+    void completeInOther() {
+        makeOther();
+        m_other->startHandlingSignals();
+    }
+    void takeOverInOther() {
+        makeOther();
+        m_other->setHandlerFromFunction(SIGUSR1, otherUserHandler);
+        m_other->startHandlingSignals();
+    }
+    static void expectTakenOverFromHost() {
+        EXPECT_TRUE(signalTakenOverQ());
+        EXPECT_NE(recordOf(SIGUSR1, hostHandler), nullptr);
+        EXPECT_NE(recordOf(SIGUSR1, otherUserHandler), nullptr);
+        EXPECT_EQ(recordCount(SIGUSR1), 2U);
+        raise(SIGUSR1);
+        EXPECT_EQ(callsOf(hostHandler), 1U);
+        EXPECT_EQ(callsOf(otherUserHandler), 1U);
+    }
+
+    std::optional<Manager> m_other;
+};
+
+TEST_F(OvertakenTeardown, IsNotGoneOnWithWhenSomebodyHasCompletedIt) {
+    EXPECT_TRUE(lastManagerGoesOvertakenBy([this] { completeInOther(); }, hostsSignalQ));
+    EXPECT_TRUE(hostHandlesSignalQ());
+    EXPECT_TRUE(handlingQ());
+    EXPECT_NE(Manager::handlerTables, nullptr);
+}
+
+TEST_F(OvertakenTeardown, TakesBackALateHandBackOfWhatWasTakenOverAnew) {
+    EXPECT_TRUE(lastManagerGoesOvertakenBy([this] { takeOverInOther(); }, hostsSignalQ));
+    expectTakenOverFromHost();
+}
+
+// The count of the signal has been read, and it is about to be changed.
+TEST_F(OvertakenTeardown, GivesNothingBackThatWasTakenOverAnewJustBefore) {
+    const auto startOver = [this] {
+        m_manager.reset();
+        m_manager.emplace(false);
+        handleSignalOfHost();
+    };
+    startOver();
+    const unsigned int justBefore = lastBefore([&](unsigned int number) {
+        bool given = false;
+        lastManagerGoesOvertakenBy([&given] { given = hostsSignalQ(); }, atInstruction(number));
+        startOver();
+        return given;
+    });
+    EXPECT_TRUE(
+        lastManagerGoesOvertakenBy([this] { takeOverInOther(); }, atInstruction(justBefore)));
+    expectTakenOverFromHost();
+}
+
+TEST_F(OvertakenTeardown, LeavesTablesToAManagerThatIsMadeMeanwhile) {
+    EXPECT_TRUE(lastManagerGoesOvertakenBy([this] { makeOther(); }, hostsSignalQ));
+    EXPECT_TRUE(hostHandlesSignalQ());
+    EXPECT_NE(Manager::handlerTables, nullptr);
+    EXPECT_EQ(recordCount(SIGUSR1), 0U);
+    m_other->startHandlingSignals();
+}
+
+TEST_F(OvertakenTeardown, LeavesItsTablesToAManagerThatIsMadeWhenThereAreNone) {
+    const auto noTablesQ = [] { return Manager::handlerTables == nullptr; };
+    EXPECT_TRUE(lastManagerGoesOvertakenBy(
+        [this] {
+            makeOther();
+            m_other->setSignalDisposition(SIGINT, false);
+        },
+        noTablesQ));
+    EXPECT_NE(Manager::handlerTables, nullptr);
+    EXPECT_FALSE(mayHandleQ(SIGINT));
+    m_other->startHandlingSignals();
+}
+
+// --- The first manager comes -------------------------------------------------------------------
+
+// The answer of before is reset by the first manager, at the latest; until then the other one may
+// come. The registry is one that was used before, so that nothing is allocated.
+TEST_F(Overtaken, FirstManagerLeavesTablesAndAnswersToAnotherThatIsMadeAtOnce) {
+    std::optional<Manager> other;
+    bool late = false;
+    for (unsigned int number = 1; !late; ++number) {
+        m_manager->startHandlingSignals();
+        m_manager.reset();
+        ASSERT_EQ(Manager::handlerTables, nullptr);
+        Manager::signalDispositionSet.doNotHandleSignal(SIGINT);
+        const auto timeQ = [instruction = atInstruction(number)] {
+            return SVLifecycle::managerCount() == 1 && instruction();
+        };
+        ASSERT_TRUE(overtake([this] { m_manager.emplace(false); }, timeQ,
+                             [&] {
+                                 late = mayHandleQ(SIGINT);
+                                 other.emplace(false);
+                                 other->setSignalDisposition(SIGQUIT, false);
+                             }));
+        ASSERT_TRUE(mayHandleQ(SIGINT)) << "at instruction " << number;
+        ASSERT_FALSE(mayHandleQ(SIGQUIT)) << "at instruction " << number;
+        other.reset();
+    }
+}
+
+}  // namespace
