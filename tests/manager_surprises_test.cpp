@@ -295,6 +295,26 @@ TEST_F(Surprise, SignalAfterTheLastManagerMakesTheTablesAgainAndCallsNothing) {
     EXPECT_EQ(Manager::handlerTableLock, nullptr);
 }
 
+// Whoever does so has not told the library to handle signals, and is served all the same.
+TEST_F(Surprise, LibraryInstalledByHandForASignalThatWasGivenBackGetsIt) {
+    hostInstalls(SIGUSR1, hostHandler);
+    {
+        Manager manager(true);
+        manager.setHandlerFromFunction(SIGUSR1, userHandler);
+        manager.startHandlingSignals();
+    }
+    ASSERT_EQ(systemHandler(SIGUSR1), addressOf(hostHandler));
+    Manager manager(true);
+    manager.setHandlerFromFunction(SIGUSR1, userHandler);
+    SVSignalHandler own = manager.theSVHandler(SIGUSR1);
+    manager.installHandlerInSystem(own);
+    for (int i = 0; i < 2; ++i) {
+        forgetCalls();
+        raise(SIGUSR1);
+        EXPECT_EQ(calledFunctions(), std::vector<void*>{addressOf(userHandler)});
+    }
+}
+
 TEST_F(Surprise, FatalSignalAfterTheLastManagerStillEndsTheProcessWithStatusZero) {
     const ChildEnd end = inChild([] {
         {

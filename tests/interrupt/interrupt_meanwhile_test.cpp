@@ -200,6 +200,23 @@ TEST(DispatchMeanwhile, LastManagerGoesAndAnotherOneTakesOver) {
                                }});
 }
 
+TEST(DispatchMeanwhile, LastManagerGoesAndAnotherOneRegistersWithoutAStart) {
+    meetAtEachInstruction({.prepare = [] { handleSignalsOfAHost(SIGUSR1, false); },
+                           .operation = [] { dispatch(SIGUSR1); },
+                           .meanwhile =
+                               [] {
+                                   manager.reset();
+                                   otherManager.emplace(false);
+                                   otherManager->setHandlerFromFunction(SIGUSR1, otherUserHandler);
+                               },
+                           .expect =
+                               [] {
+                                   EXPECT_EQ(callsOf(hostHandler), 1U);
+                                   EXPECT_EQ(callsOf(otherUserHandler), 0U);
+                                   EXPECT_EQ(systemHandler(SIGUSR1), addressOf(hostHandler));
+                               }});
+}
+
 // --- The last manager goes, while another thread goes on
 
 TEST(LastManagerMeanwhile, AnotherOneTakesOver) {
@@ -258,6 +275,50 @@ TEST(LastManagerMeanwhile, AnotherOneGivesAnAnswer) {
                            .expect = [] { EXPECT_FALSE(mayHandleQ(SIGINT)); }});
 }
 
+TEST(LastManagerMeanwhile, AnotherOneGivesAllAnswers) {
+    meetAtEachInstruction({.prepare = [] { handleSignalsOfAHost(SIGUSR1, false); },
+                           .operation = [] { manager.reset(); },
+                           .meanwhile =
+                               [] {
+                                   otherManager.emplace(false);
+                                   Sorvane::SVSignalHandlerDispositionSet answers;
+                                   answers.doNotHandleSignal(SIGINT);
+                                   otherManager->setSignalDispositions(answers);
+                               },
+                           .expect = [] { EXPECT_FALSE(mayHandleQ(SIGINT)); }});
+}
+
+// The answer is that before the teardown only if there is no teardown any more.
+TEST(LastManagerMeanwhile, AnotherOneAsksForAnAnswer) {
+    static bool answer;
+    meetAtEachInstruction({.prepare =
+                               [] {
+                                   handleSignalsOfAHost(SIGUSR1, false);
+                                   manager->setSignalDisposition(SIGINT, false);
+                               },
+                           .operation = [] { manager.reset(); },
+                           .meanwhile =
+                               [] {
+                                   otherManager.emplace(false);
+                                   answer = otherManager->getSignalDisposition(SIGINT);
+                               },
+                           .expect = [] { EXPECT_EQ(answer, mayHandleQ(SIGINT)); }});
+}
+
+TEST(LastManagerMeanwhile, AnotherOneComesAndGoesAndAThirdGivesAnAnswer) {
+    meetAtEachInstruction({.prepare = [] { handleSignalsOfAHost(SIGUSR1, false); },
+                           .operation = [] { manager.reset(); },
+                           .meanwhile =
+                               [] {
+                                   otherManager.emplace(false);
+                                   otherManager->startHandlingSignals();
+                                   otherManager.reset();
+                                   otherManager.emplace(false);
+                                   otherManager->setSignalDisposition(SIGINT, false);
+                               },
+                           .expect = [] { EXPECT_FALSE(mayHandleQ(SIGINT)); }});
+}
+
 TEST(FirstManagerMeanwhile, AnotherOneGivesAnAnswer) {
     meetAtEachInstruction({.prepare = [] {},
                            .operation = [] { manager.emplace(false); },
@@ -267,6 +328,18 @@ TEST(FirstManagerMeanwhile, AnotherOneGivesAnAnswer) {
                                    otherManager->setSignalDisposition(SIGINT, false);
                                },
                            .expect = [] { EXPECT_FALSE(mayHandleQ(SIGINT)); }});
+}
+
+TEST(FirstManagerMeanwhile, AnotherOneGivesTheAnswerThatThereWasBefore) {
+    meetAtEachInstruction(
+        {.prepare = [] { Manager::signalDispositionSet.doNotHandleSignal(SIGINT); },
+         .operation = [] { manager.emplace(false); },
+         .meanwhile =
+             [] {
+                 otherManager.emplace(false);
+                 otherManager->setSignalDisposition(SIGINT, false);
+             },
+         .expect = [] { EXPECT_FALSE(mayHandleQ(SIGINT)); }});
 }
 
 // --- The lock
