@@ -306,7 +306,7 @@ TEST_F(Surprise, LibraryInstalledByHandForASignalThatWasGivenBackGetsIt) {
     ASSERT_EQ(systemHandler(SIGUSR1), addressOf(hostHandler));
     Manager manager(true);
     manager.setHandlerFromFunction(SIGUSR1, userHandler);
-    SVSignalHandler own = manager.theSVHandler(SIGUSR1);
+    Sorvane::SVSignalHandler own = manager.theSVHandler(SIGUSR1);
     manager.installHandlerInSystem(own);
     for (int i = 0; i < 2; ++i) {
         forgetCalls();

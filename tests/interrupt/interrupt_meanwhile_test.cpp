@@ -200,6 +200,7 @@ TEST(DispatchMeanwhile, LastManagerGoesAndAnotherOneTakesOver) {
                                }});
 }
 
+// Unless the dispatch's own manager has kept the state alive.
 TEST(DispatchMeanwhile, LastManagerGoesAndAnotherOneRegistersWithoutAStart) {
     meetAtEachInstruction({.prepare = [] { handleSignalsOfAHost(SIGUSR1, false); },
                            .operation = [] { dispatch(SIGUSR1); },
@@ -212,8 +213,10 @@ TEST(DispatchMeanwhile, LastManagerGoesAndAnotherOneRegistersWithoutAStart) {
                            .expect =
                                [] {
                                    EXPECT_EQ(callsOf(hostHandler), 1U);
-                                   EXPECT_EQ(callsOf(otherUserHandler), 0U);
-                                   EXPECT_EQ(systemHandler(SIGUSR1), addressOf(hostHandler));
+                                   if (!Manager::currentlyHandlingSignals) {
+                                       EXPECT_EQ(callsOf(otherUserHandler), 0U);
+                                       EXPECT_EQ(systemHandler(SIGUSR1), addressOf(hostHandler));
+                                   }
                                }});
 }
 
