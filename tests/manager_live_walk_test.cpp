@@ -182,6 +182,29 @@ TEST_F(LiveWalk, HandlersThatAreClearedAfterARebuildAreNotCalled) {
 Manager* theOnlyManager = nullptr;
 Manager* nextManager = nullptr;
 
+void registerAndClearMany(int signalNumber) {
+    Manager inner(false);
+    for (const SimpleHandler handler : numberedHandlers) {
+        inner.setHandlerFromFunction(signalNumber, handler);
+        inner.clearHandlerWithFunction(signalNumber, handler);
+    }
+}
+
+// A table that did not count them would be full of them one day, and a search in it without an end.
+TEST_F(LiveWalk, DeletedSlotsAreCountedThroughAllThatAHandlerDoes) {
+    Manager manager(true);
+    manager.setHandlerFromFunction(SIGUSR1, registerAndClearMany);
+    manager.startHandlingSignals();
+    raise(SIGUSR1);
+    const auto* const table = tableOf(SIGUSR1);
+    unsigned int notEmpty = 0;
+    for (unsigned int i = 0; i <= table->mask; ++i) {
+        notEmpty += table->table[i].state != Sorvane::svslotEmpty ? 1U : 0U;
+    }
+    EXPECT_EQ(table->used, 1U);
+    EXPECT_EQ(table->fill, notEmpty);
+}
+
 template <void (*act)(int, SimpleHandler)>
 void callThroughTheOnlyManager() {
     theOnlyManager = new Manager(false);

@@ -315,6 +315,37 @@ TEST_F(Surprise, LibraryInstalledByHandForASignalThatWasGivenBackGetsIt) {
     }
 }
 
+// It can't be sent on without what it came with, but the host keeps it.
+TEST_F(Surprise, DispatchWithoutInformationOfASignalThatWasGivenBackLeavesItToTheHost) {
+    hostInstalls(SIGUSR1, hostHandler);
+    {
+        Manager manager(true);
+        manager.setHandlerFromFunction(SIGUSR1, userHandler);
+        manager.startHandlingSignals();
+    }
+    actualSignalHandler(SIGUSR1, nullptr, nullptr);
+    EXPECT_EQ(callCount(), 0U);
+    EXPECT_EQ(systemHandler(SIGUSR1), addressOf(hostHandler));
+}
+
+void hostInstallsInAHandler(int signalNumber) {
+    hostInstalls(signalNumber, otherHostHandler);
+}
+
+TEST_F(Surprise, SignalThatWasGivenBackAndIsRegisteredForAgainStaysTakenOver) {
+    hostInstalls(SIGUSR1, hostHandler);
+    {
+        Manager manager(true);
+        manager.setHandlerFromFunction(SIGUSR1, userHandler);
+        manager.startHandlingSignals();
+    }
+    Manager manager(true);
+    manager.startHandlingSignals();
+    manager.setHandlerFromFunction(SIGUSR1, hostInstallsInAHandler);
+    raise(SIGUSR1);
+    EXPECT_TRUE(takenOverQ(SIGUSR1)) << "also if a handler has installed another one";
+}
+
 TEST_F(Surprise, FatalSignalAfterTheLastManagerStillEndsTheProcessWithStatusZero) {
     const ChildEnd end = inChild([] {
         {

@@ -1,5 +1,5 @@
-// A handler that throws, called for a signal that was kept until the end of its take-over; which
-// may fail by itself, because there was no memory for the record of the host's handler.
+// A handler that throws, called for signals that were kept until the end of a take-over; which may
+// fail by itself, because there was no memory for the record of the host's handler.
 
 #include <gtest/gtest.h>
 #include <sorvane/svsignalhandlermanager.h>
@@ -40,10 +40,12 @@ void raiseOnceTakenOver(int, siginfo_t*, void* context) {
         return;
     }
     static_cast<ucontext_t*>(context)->uc_mcontext.gregs[REG_EFL] &= ~trapFlag;
-    try {
-        raiseSignal(SIGUSR1);
-    } catch (const Thrown&) {
-        // Without memory to keep it, it was dispatched at once.
+    for (int i = 0; i < 2; ++i) {
+        try {
+            raiseSignal(SIGUSR1);
+        } catch (const Thrown&) {
+            // Without memory to keep it, it was dispatched at once.
+        }
     }
 }
 
@@ -75,6 +77,14 @@ Left takeOver() {
     return Left::nothing;
 }
 
+// A signal whose handler throws stays held back, so that the second may wait for its call.
+void expectThatBothHaveArrived() {
+    sigset_t pending;
+    sigpending(&pending);
+    const bool oneWaits = sigismember(&pending, SIGUSR1) == 1;
+    EXPECT_EQ(callsOf(throwing), oneWaits ? 1U : 2U);
+}
+
 TEST(HandlerThatThrowsForAKeptSignal, LeavesTheTakeOverThatHasKeptIt) {
     if (underValgrindQ()) {
         GTEST_SKIP() << "valgrind has no trap flag";
@@ -82,7 +92,7 @@ TEST(HandlerThatThrowsForAKeptSignal, LeavesTheTakeOverThatHasKeptIt) {
     const ChildEnd end = inChild([] {
         prepare();
         EXPECT_EQ(takeOver(), Left::handlersException);
-        EXPECT_EQ(callsOf(throwing), 1U);
+        expectThatBothHaveArrived();
         EXPECT_TRUE(takenOverQ(SIGUSR1));
     });
     EXPECT_TRUE(end.wentOnQ()) << end;
@@ -102,7 +112,7 @@ TEST(HandlerThatThrowsForAKeptSignal, LeavesTheTakeOversOwnFailureToGoOn) {
             std::optional<Allocations::Watch> watch(number);
             const Left left = takeOver();
             watch.reset();
-            EXPECT_EQ(callsOf(throwing), 1U);
+            expectThatBothHaveArrived();
             if (left == Left::ownException) {
                 noteCall(addressOf(takeOver), SIGUSR1);
             }

@@ -330,6 +330,32 @@ TEST(DispatchMeanwhile, LastManagerGoesAndAnotherOneRegistersWithoutAStart) {
                                }});
 }
 
+// --- Handlers are called, while others come
+
+void registerInAHandler(int) {
+    Manager(false).setHandlerFromFunction(SIGUSR1, otherUserHandler);
+}
+
+// The version of the tables that the handler's dispatch reads is replaced by the handler, and
+// released by the next change.
+TEST(CallMeanwhile, TablesAreReplaced) {
+    meetAtEachInstruction({.prepare =
+                               [] {
+                                   forgetCalls();
+                                   manager.emplace(false);
+                                   manager->setHandlerFromFunction(SIGUSR1, userHandler);
+                                   manager->setHandlerFromFunction(SIGUSR2, registerInAHandler);
+                                   manager->handleSignal(SIGUSR2);
+                               },
+                           .operation = [] { manager->callHandlers(SIGUSR1, nullptr, nullptr); },
+                           .meanwhile =
+                               [] {
+                                   raise(SIGUSR2);
+                                   manager->setHandlerFromFunction(SIGUSR2, otherUserHandler);
+                               },
+                           .expect = [] { EXPECT_EQ(callsOf(userHandler), 1U); }});
+}
+
 // --- The last manager goes, while another thread goes on
 
 TEST(LastManagerMeanwhile, AnotherOneTakesOver) {
