@@ -297,6 +297,17 @@ TEST_F(ManagerLifetime, LockIsReentrantForItsThreadAndShutForOthers) {
     EXPECT_TRUE(lockIsFree());
 }
 
+TEST_F(ManagerLifetime, EachTeardownResetsTheDispositions) {
+    for (int i = 0; i < 5; ++i) {
+        {
+            Manager manager(true);
+            manager.startHandlingSignals();
+            manager.setSignalDisposition(SIGUSR2, false);
+        }
+        ASSERT_TRUE(mayHandleQ(SIGUSR2)) << "after teardown " << i + 1;
+    }
+}
+
 TEST_F(ManagerLifetime, TeardownRestoresValidHostHandlersAndKeepsTheSignalsOfOthers) {
     hostInstalls(SIGUSR1, hostHandler, SA_NODEFER);
     {

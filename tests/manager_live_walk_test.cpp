@@ -211,6 +211,30 @@ TEST_F(LiveWalk, HandlersWhoseTableIsTakenOutAfterARebuildAreNotCalled) {
 Manager* theOnlyManager = nullptr;
 Manager* nextManager = nullptr;
 
+void registerAnother(int signalNumber) {
+    Manager(false).setHandlerFromFunction(signalNumber, userHandler);
+}
+
+// A table that did not count them would be full of them one day, and a search in it without an end.
+TEST_F(LiveWalk, TableThatAHandlerChangesStillCountsItsDeletedSlots) {
+    Manager manager(true);
+    manager.setHandlerFromFunction(SIGUSR1, registerAnother);
+    for (std::size_t i = 0; i < 3; ++i) {
+        manager.setHandlerFromFunction(SIGUSR1, numberedHandlers.at(i));
+    }
+    for (std::size_t i = 0; i < 3; ++i) {
+        manager.clearHandlerWithFunction(SIGUSR1, numberedHandlers.at(i));
+    }
+    manager.handleSignal(SIGUSR1);
+    raise(SIGUSR1);
+    const auto* const table = tableOf(SIGUSR1);
+    unsigned int notEmpty = 0;
+    for (unsigned int i = 0; i <= table->mask; ++i) {
+        notEmpty += table->table[i].state != Sorvane::svslotEmpty ? 1U : 0U;
+    }
+    EXPECT_EQ(table->fill, notEmpty);
+}
+
 template <void (*act)(int, SimpleHandler)>
 void callThroughTheOnlyManager() {
     theOnlyManager = new Manager(false);

@@ -295,6 +295,57 @@ TEST_F(Surprise, SignalAfterTheLastManagerMakesTheTablesAgainAndCallsNothing) {
     EXPECT_EQ(Manager::handlerTableLock, nullptr);
 }
 
+// Whoever does so has not told the library to handle signals, and is served all the same.
+TEST_F(Surprise, LibraryInstalledByHandForASignalThatWasGivenBackGetsIt) {
+    hostInstalls(SIGUSR1, hostHandler);
+    {
+        Manager manager(true);
+        manager.setHandlerFromFunction(SIGUSR1, userHandler);
+        manager.startHandlingSignals();
+    }
+    ASSERT_EQ(systemHandler(SIGUSR1), addressOf(hostHandler));
+    Manager manager(true);
+    manager.setHandlerFromFunction(SIGUSR1, userHandler);
+    Sorvane::SVSignalHandler own = manager.theSVHandler(SIGUSR1);
+    manager.installHandlerInSystem(own);
+    for (int i = 0; i < 2; ++i) {
+        forgetCalls();
+        raise(SIGUSR1);
+        EXPECT_EQ(calledFunctions(), std::vector<void*>{addressOf(userHandler)});
+    }
+}
+
+// It can't be sent on without what it came with, but the host keeps it.
+TEST_F(Surprise, DispatchWithoutInformationOfASignalThatWasGivenBackLeavesItToTheHost) {
+    hostInstalls(SIGUSR1, hostHandler);
+    {
+        Manager manager(true);
+        manager.setHandlerFromFunction(SIGUSR1, userHandler);
+        manager.startHandlingSignals();
+    }
+    actualSignalHandler(SIGUSR1, nullptr, nullptr);
+    EXPECT_EQ(callCount(), 0U);
+    EXPECT_EQ(systemHandler(SIGUSR1), addressOf(hostHandler));
+}
+
+void hostInstallsInAHandler(int signalNumber) {
+    hostInstalls(signalNumber, otherHostHandler);
+}
+
+TEST_F(Surprise, SignalThatWasGivenBackAndIsRegisteredForAgainStaysTakenOver) {
+    hostInstalls(SIGUSR1, hostHandler);
+    {
+        Manager manager(true);
+        manager.setHandlerFromFunction(SIGUSR1, userHandler);
+        manager.startHandlingSignals();
+    }
+    Manager manager(true);
+    manager.startHandlingSignals();
+    manager.setHandlerFromFunction(SIGUSR1, hostInstallsInAHandler);
+    raise(SIGUSR1);
+    EXPECT_TRUE(takenOverQ(SIGUSR1)) << "also if a handler has installed another one";
+}
+
 TEST_F(Surprise, FatalSignalAfterTheLastManagerStillEndsTheProcessWithStatusZero) {
     const ChildEnd end = inChild([] {
         {

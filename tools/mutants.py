@@ -62,6 +62,7 @@ class Mistake:
     source: str
     variant: str = ""  # of the model, instead of a place in a file
     configuration: tuple[str, ...] = ()
+    extra: bool = False  # only planted when all are asked for, or this one
     needs_library: bool = True
 
     def planted_in(self, text):
@@ -70,6 +71,11 @@ class Mistake:
             raise Problem(f"{self.source}: {self.name} no longer applies: its text occurs "
                           f"{count} times in {self.file}")
         return text.replace(self.old, self.new)
+
+    def check_variant(self, model):
+        if not re.search(rf"\b{re.escape(self.variant)}\b", model):
+            raise Problem(f"{self.source}: {self.name} no longer applies: {self.file} has no "
+                          f"{self.variant}")
 
 
 @dataclasses.dataclass
@@ -117,7 +123,8 @@ def read_toml(path):
 
 def read_mistake(entry, path):
     common = {"promise": path.stem, "source": str(path),
-              "name": field(entry, "name", str, path), "what": field(entry, "what", str, path)}
+              "name": field(entry, "name", str, path), "what": field(entry, "what", str, path),
+              "extra": entry.get("extra", False)}
     if "model" in entry:
         return Mistake(**common, file=str(MODEL), old="", new="", tests=[],
                        variant=field(entry, "model", str, path),
@@ -148,13 +155,15 @@ def read_dropped():
     return read_toml(DROPPED).get("dropped", []) if DROPPED.exists() else []
 
 
-def select(mistakes, wanted):
+def select(mistakes, wanted, everything):
     for name in wanted:
         if not any(name in (mistake.promise, mistake.name) for mistake in mistakes):
             print(f'dev: mutants: no promise or mistake is called "{name}"; '
                   '"./dev mutants --list" lists them', file=sys.stderr)
             sys.exit(2)
-    return [m for m in mistakes if not wanted or m.promise in wanted or m.name in wanted]
+    if wanted:
+        return [m for m in mistakes if m.promise in wanted or m.name in wanted]
+    return [m for m in mistakes if everything or not m.extra]
 
 
 # ---- Processes ---------------------------------------------------------------------------------
@@ -245,8 +254,8 @@ class Tree:
         for name in COPIED:
             refresh(pathlib.Path(name), self.root / name)
 
-    def build(self, targets, log):
-        return processes.run(["ninja", "-j", str(self.jobs), *targets], log,
+    def build(self, targets, log, jobs=None):
+        return processes.run(["ninja", "-j", str(jobs or self.jobs), *targets], log,
                              folder=self.build_folder) == 0
 
     def build_right_library(self, log):
@@ -268,12 +277,12 @@ class Tree:
                 return False
         return True
 
-    def prepare(self):
+    def prepare(self, targets, jobs):
         self.refresh()
         log_path = WORK / f"{self.root.name}.log"
         with open(log_path, "w", encoding="utf-8") as log:
             configured = processes.run(["cmake", "--preset", PRESET], log, folder=self.root) == 0
-            if not configured or not self.build(["all"], log):
+            if not configured or not self.build(targets, log, jobs):
                 raise Problem(f"the right code could not be built: see {log_path}")
 
     def tests(self):
@@ -409,10 +418,7 @@ class ModelTrial:
         self._log = log
 
     def outcome(self):
-        variant = self._mistake.variant
-        if not re.search(rf"\b{re.escape(variant)}\b", MODEL.read_text(encoding="utf-8")):
-            raise Problem(f"{self._mistake.source}: {self._mistake.name} no longer applies: "
-                          f"{MODEL} has no {variant}")
+        self._mistake.check_variant(MODEL.read_text(encoding="utf-8"))
         folder = WORK / "model" / self._mistake.name
         folder.mkdir(parents=True, exist_ok=True)
         for command in self._commands():
@@ -460,8 +466,9 @@ class Run:
         self._lock = threading.Lock()
         self._errors = []
 
-    def each_tree(self, work):
-        threads = [threading.Thread(target=self._guarded, args=(work, tree)) for tree in self.trees]
+    def each_tree(self, work, trees=None):
+        threads = [threading.Thread(target=self._guarded, args=(work, tree))
+                   for tree in trees or self.trees]
         for thread in threads:
             thread.start()
         for thread in threads:
@@ -482,12 +489,31 @@ class Run:
         return bool(self._planted_in_files())
 
     def prepare(self):
-        if self._needs_builds():
-            count = len(self.trees)
-            print(f"Building the right code {count} times" if count > 1
-                  else "Building the right code", flush=True)
-            self.each_tree(Tree.prepare)
-            print("Running the likely tests with the right code", flush=True)
+        """Builds the right code: all in the first tree, and what is surely needed in the others."""
+        if not self._needs_builds():
+            return
+        first, *others = self.trees
+        processors = os.cpu_count() or 1
+        print("Building the right code", flush=True)
+        first.prepare(["all"], processors)
+        if others:
+            print(f"Building {len(others)} more", flush=True)
+            targets = [LIBRARY, *programs_of(self._likely(first.tests()))]
+            jobs = max(1, processors // len(others))
+            self.each_tree(lambda tree: tree.prepare(targets, jobs), others)
+        print("Running the likely tests with the right code", flush=True)
+
+    def _likely(self, tests):
+        """The likely tests of all mistakes, each once."""
+        found = {}
+        for mistake in self._planted_in_files():
+            try:
+                likely = likely_tests(mistake, tests)
+            except Problem:
+                continue  # reported with the mistake's outcome
+            found |= {test.name: test for test in likely}
+            mistake.needs_library = not makes_own_instances(mistake, programs_of(likely))
+        return list(found.values())
 
     def _note(self, outcome):
         with self._lock:
@@ -500,17 +526,9 @@ class Run:
 
     def measure(self):
         """Runs every likely test with the right code: they must pass, and take their time."""
-        tests = self.trees[0].tests() if self._needs_builds() else {}
-        wanted = {}
-        for mistake in self._planted_in_files():
-            try:
-                likely = likely_tests(mistake, tests)
-            except Problem:
-                continue  # reported with the mistake's outcome
-            wanted |= {test.name: test for test in likely}
-            mistake.needs_library = not makes_own_instances(mistake, programs_of(likely))
+        wanted = self._likely(self.trees[0].tests()) if self._needs_builds() else []
         waiting = queue.SimpleQueue()
-        for test in wanted.values():
+        for test in wanted:
             waiting.put(test)
 
         def work(tree):
@@ -524,7 +542,7 @@ class Run:
                     test.seconds = time.monotonic() - started
 
         self.each_tree(work)
-        return {name: test.seconds for name, test in wanted.items()}
+        return {test.name: test.seconds for test in wanted}
 
     def catch_all(self, seconds, likely_only):
         waiting = queue.SimpleQueue()
@@ -555,7 +573,7 @@ def processor_time_of_children():
     return usage.ru_utime + usage.ru_stime
 
 
-def report(outcomes, dropped, wanted):
+def report(outcomes, left_out, dropped):
     outcomes.sort(key=lambda outcome: (outcome.mistake.promise, outcome.mistake.name))
     width = max(len(outcome.mistake.name) for outcome in outcomes)
     promise = None
@@ -573,7 +591,9 @@ def report(outcomes, dropped, wanted):
         of_promise = [o for o in outcomes if o.mistake.promise == promise]
         caught = sum(outcome.caught for outcome in of_promise)
         print(f"{promise:28} {len(of_promise):8} {caught:8}")
-    if not wanted:
+    if left_out:
+        print(f"\n{left_out} more are planted with --all")
+    if dropped:
         print(f"\n{len(dropped)} more were dropped, because no test can tell them from the right "
               f"code: see {DROPPED}")
     caught = sum(outcome.caught for outcome in outcomes)
@@ -586,7 +606,10 @@ def arguments():
         prog="./dev mutants", description="Plants mistakes one at a time and looks whether the "
         "tests catch them.", exit_on_error=True)
     parser.add_argument("names", nargs="*", metavar="NAME",
-                        help="a promise or a mistake; all of them if none is named")
+                        help="a promise or a mistake; if none is named, all but those that are "
+                        "marked as extra")
+    parser.add_argument("--all", action="store_true",
+                        help="plant those that are marked as extra, too, which takes long")
     parser.add_argument("--list", action="store_true", help="list the mistakes and plant none")
     parser.add_argument("--likely-only", action="store_true",
                         help="do not run all other tests when the likely ones do not catch a "
@@ -599,22 +622,39 @@ def arguments():
     return parsed
 
 
+def still_applies(mistake):
+    """Whether the mistake can be planted in the checkout; if not, says why."""
+    text = pathlib.Path(mistake.file).read_text(encoding="utf-8")
+    try:
+        if mistake.variant:
+            mistake.check_variant(text)
+        else:
+            mistake.planted_in(text)
+    except Problem as problem:
+        print(f"dev: mutants: {problem}", file=sys.stderr)
+        return False
+    return True
+
+
 def list_mistakes(mistakes):
+    """Whether all of them still apply."""
     promise = None
     for mistake in mistakes:
         if mistake.promise != promise:
             promise = mistake.promise
             print(promise)
-        print(f"  {mistake.name}: {mistake.what}")
-    print(f"\n{len(mistakes)} mistakes")
+        print(f"  {mistake.name}{' (extra)' if mistake.extra else ''}: {mistake.what}")
+    print(f"\n{len(mistakes)} mistakes, {sum(mistake.extra for mistake in mistakes)} of them extra",
+          flush=True)
+    return all([still_applies(mistake) for mistake in mistakes])
 
 
 def main():
     chosen = arguments()
-    mistakes = select(read_mistakes(), chosen.names)
+    every_mistake = read_mistakes()
+    mistakes = select(every_mistake, chosen.names, chosen.all or chosen.list)
     if chosen.list:
-        list_mistakes(mistakes)
-        return 0
+        return 0 if list_mistakes(mistakes) else 1
     (WORK / "logs").mkdir(parents=True, exist_ok=True)
     count = max(1, min(chosen.jobs, len(mistakes)))
     jobs = max(1, (os.cpu_count() or 1) // count)
@@ -626,8 +666,11 @@ def main():
     processor_time_before = processor_time_of_children()
     run.catch_all(seconds, chosen.likely_only)
     taken = processor_time_of_children() - processor_time_before
-    print(f"\n{taken / len(mistakes):.1f} s of processor time for each mistake")
-    return 0 if report(run.outcomes, read_dropped(), chosen.names) else 1
+    print(f"\n{taken / len(mistakes):.1f} s of processor time for each mistake, "
+          f"{processor_time_of_children():.0f} s in all")
+    left_out = 0 if chosen.names else len(every_mistake) - len(mistakes)
+    dropped = [] if chosen.names else read_dropped()
+    return 0 if report(run.outcomes, left_out, dropped) else 1
 
 
 def interrupted(_number, _frame):

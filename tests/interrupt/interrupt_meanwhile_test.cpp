@@ -1,20 +1,25 @@
 // What another thread does, whole, while an operation stands between two of its instructions.
 //
-// Each instruction of the library that the operation runs gets a process of its own. There the
-// processor's trap flag stops the operation after that instruction, until the other thread is done.
+// Each instruction of the library that the operation runs gets two processes of its own, for the
+// first time and for the last time that it is run. There a breakpoint stops the operation before
+// it, until the other thread is done. Which instructions there are is found out by the processor's
+// trap flag.
 
+#include <dlfcn.h>
 #include <gtest/gtest.h>
 #include <link.h>
 #include <sys/mman.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <atomic>
 #include <csignal>
+#include <cstdarg>
 #include <cstdint>
+#include <cstdlib>
 #include <functional>
-#include <new>
+#include <map>
 #include <optional>
+#include <vector>
 
 #include "support/child_process.h"
 #include "support/emulation.h"
@@ -27,6 +32,31 @@
 #include "support/system_actions.h"
 
 #if defined(__x86_64__) || defined(__i386__)
+
+namespace {
+
+void noteAWait() noexcept;
+
+using SystemCall = long (*)(long, ...);
+const auto systemCall = reinterpret_cast<SystemCall>(dlsym(RTLD_NEXT, "syscall"));
+
+}  // namespace
+
+// By which the library waits, among other things.
+extern "C" long syscall(long number, ...) noexcept {
+    va_list list;
+    va_start(list, number);
+    long arguments[6];
+    for (long& argument : arguments) {
+        argument = va_arg(list, long);
+    }
+    va_end(list);
+    if (number == SYS_nanosleep) {
+        noteAWait();
+    }
+    return systemCall(number, arguments[0], arguments[1], arguments[2], arguments[3], arguments[4],
+                      arguments[5]);
+}
 
 namespace {
 
@@ -54,32 +84,105 @@ int findLibrary(dl_phdr_info* module, std::size_t, void*) {
     return 0;
 }
 
-constexpr greg_t trapFlag = 0x100;
+bool ofLibraryQ(std::uintptr_t instruction) {
+    return instruction >= libraryCode.begin && instruction < libraryCode.end;
+}
 
-unsigned int stopAt;
-std::atomic<unsigned int>* instructions;  // shared with the children
+#ifdef __x86_64__
+constexpr int instructionRegister = REG_RIP;
+#else
+constexpr int instructionRegister = REG_EIP;
+#endif
+
+greg_t& registerOf(void* context, int number) {
+    return static_cast<ucontext_t*>(context)->uc_mcontext.gregs[number];
+}
+
+// What the operation runs, one instruction after the other; shared with the children.
+struct Course {
+    static constexpr unsigned int most = 1U << 16U;
+    unsigned int stops;  ///< of the children
+    unsigned int length;
+    std::uintptr_t instructions[most];
+};
+Course* course;
+
+void recordInstruction(int, siginfo_t*, void* context) {
+    const auto instruction = static_cast<std::uintptr_t>(registerOf(context, instructionRegister));
+    if (ofLibraryQ(instruction) && course->length < Course::most) {
+        course->instructions[course->length++] = instruction;
+    }
+}
+
+// An instruction, and which time that it is run.
+struct Place {
+    std::uintptr_t instruction;
+    unsigned int time;
+};
+
+std::vector<Place> placesOfTheCourse() {
+    std::map<std::uintptr_t, unsigned int> times;
+    for (unsigned int i = 0; i < course->length; ++i) {
+        ++times[course->instructions[i]];
+    }
+    std::vector<Place> places;
+    for (const auto& [instruction, last] : times) {
+        places.push_back({instruction, 1});
+        if (last > 1) {
+            places.push_back({instruction, last});
+        }
+    }
+    return places;
+}
+
+constexpr greg_t trapFlag = 0x100;
+constexpr unsigned char breakpoint = 0xcc;
+
+constinit thread_local bool operating = false;
+Place stopBefore;
+unsigned char instructionsByte;
 std::optional<Gate> stopped;
 std::optional<Gate> done;
 
-std::uintptr_t instructionAt(const void* context) {
-    const auto& registers = static_cast<const ucontext_t*>(context)->uc_mcontext.gregs;
-#ifdef __x86_64__
-    return static_cast<std::uintptr_t>(registers[REG_RIP]);
-#else
-    return static_cast<std::uintptr_t>(registers[REG_EIP]);
-#endif
+void writeInstructionsByte(unsigned char byte) {
+    *reinterpret_cast<volatile unsigned char*>(stopBefore.instruction) = byte;
 }
 
+// At the breakpoint the instruction is put back, and run alone if its time has not come; after it
+// the breakpoint is. The other thread may come to it on its way to the gate, and tries again. Calls
+// nothing as long as the breakpoint is there, which may be in that.
 void stopThere(int, siginfo_t*, void* context) {
-    const std::uintptr_t instruction = instructionAt(context);
-    if (instruction < libraryCode.begin || instruction >= libraryCode.end) {
+    greg_t& flags = registerOf(context, REG_EFL);
+    if ((flags & trapFlag) != 0) {
+        flags &= ~trapFlag;
+        writeInstructionsByte(breakpoint);
         return;
     }
-    if (++*instructions == stopAt) {
-        static_cast<ucontext_t*>(context)->uc_mcontext.gregs[REG_EFL] &= ~trapFlag;
-        stopped->open();
-        done->pass();
+    registerOf(context, instructionRegister) = static_cast<greg_t>(stopBefore.instruction);
+    if (!operating) {
+        return;
     }
+    writeInstructionsByte(instructionsByte);
+    if (--stopBefore.time != 0) {
+        flags |= trapFlag;
+        return;
+    }
+    ++course->stops;
+    stopped->open();
+    done->pass();
+}
+
+void setBreakpoint(const Place& place) {
+    operating = true;
+    stopBefore = place;
+    instructionsByte = *reinterpret_cast<const unsigned char*>(place.instruction);
+    const auto pageSize = static_cast<std::uintptr_t>(getpagesize());
+    void* const page = reinterpret_cast<void*>(place.instruction / pageSize * pageSize);
+    if (mprotect(page, pageSize, PROT_READ | PROT_WRITE | PROT_EXEC) != 0) {
+        std::abort();
+    }
+    hostInstalls(SIGTRAP, stopThere);
+    writeInstructionsByte(breakpoint);
 }
 
 // --- Meetings ----------------------------------------------------------------------------
@@ -91,19 +194,26 @@ struct Meeting {
     std::function<void()> expect;     ///< of the state after both
 };
 
-void meet(const Meeting& meeting, unsigned int instruction) {
+void recordCourse(const Meeting& meeting) {
     meeting.prepare();
-    stopAt = instruction;
-    *instructions = 0;
+    hostInstalls(SIGTRAP, recordInstruction);
+    JoiningThread other([&meeting] {
+        const SingleSteps steps;
+        meeting.operation();
+    });
+    other.join();
+    meeting.meanwhile();
+    meeting.expect();
+}
+
+void meet(const Meeting& meeting, const Place& place) {
+    meeting.prepare();
     stopped.emplace();
     done.emplace();
-    dl_iterate_phdr(findLibrary, nullptr);
-    hostInstalls(SIGTRAP, stopThere);
-    JoiningThread other([&meeting] {
-        {
-            const SingleSteps steps;
-            meeting.operation();
-        }
+    JoiningThread other([&] {
+        setBreakpoint(place);
+        meeting.operation();
+        writeInstructionsByte(instructionsByte);
         stopped->open();
     });
     stopped->pass();
@@ -113,8 +223,6 @@ void meet(const Meeting& meeting, unsigned int instruction) {
     meeting.expect();
 }
 
-// The operation may take longer when something has come in between, so the last children stop at
-// no instruction at all.
 void meetAtEachInstruction(const Meeting& meeting) {
     if (builtWithAddressSanitizer || builtWithThreadSanitizer) {
         GTEST_SKIP() << "the sanitizer's run-time library can't be entered at each instruction";
@@ -122,18 +230,20 @@ void meetAtEachInstruction(const Meeting& meeting) {
     if (underValgrindQ()) {
         GTEST_SKIP() << "valgrind has no trap flag";
     }
-    constexpr unsigned int mostSteps = 120000;
-    void* const shared = mmap(nullptr, sizeof(*instructions), PROT_READ | PROT_WRITE,
-                              MAP_SHARED | MAP_ANONYMOUS, -1, 0);
-    instructions = new (shared) std::atomic<unsigned int>(0);
-    ASSERT_TRUE(inChild([&] { meet(meeting, 0); }).wentOnQ()) << "one after the other";
-    const unsigned int all = *instructions;
-    ASSERT_GT(all, 50U);
-    const unsigned int step = all * all / mostSteps + 1;
-    for (unsigned int instruction = 1; instruction <= all; instruction += step) {
-        ASSERT_TRUE(inChild([&] { meet(meeting, instruction); }).wentOnQ())
-            << "stopped after instruction " << instruction << " of " << all;
+    course = static_cast<Course*>(
+        mmap(nullptr, sizeof(Course), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
+    dl_iterate_phdr(findLibrary, nullptr);
+    ASSERT_TRUE(inChild([&] { recordCourse(meeting); }).wentOnQ()) << "one after the other";
+    ASSERT_GT(course->length, 50U);
+    ASSERT_LT(course->length, Course::most);
+    const std::vector<Place> places = placesOfTheCourse();
+    for (const Place& place : places) {
+        ASSERT_TRUE(inChild([&] { meet(meeting, place); }).wentOnQ())
+            << "stopped at +0x" << std::hex << place.instruction - libraryCode.begin
+            << " for the time " << std::dec << place.time;
     }
+    // All but those around the operation, by which its course was recorded.
+    EXPECT_GT(course->stops + 20, places.size());
 }
 
 // The managers lie in no heap, which both threads would use.
@@ -206,6 +316,52 @@ TEST(DispatchMeanwhile, LastManagerGoesAndAnotherOneTakesOver) {
                                }});
 }
 
+// Unless the dispatch's own manager has kept the state alive.
+TEST(DispatchMeanwhile, LastManagerGoesAndAnotherOneRegistersWithoutAStart) {
+    meetAtEachInstruction({.prepare = [] { handleSignalsOfAHost(SIGUSR1, false); },
+                           .operation = [] { dispatch(SIGUSR1); },
+                           .meanwhile =
+                               [] {
+                                   manager.reset();
+                                   otherManager.emplace(false);
+                                   otherManager->setHandlerFromFunction(SIGUSR1, otherUserHandler);
+                               },
+                           .expect =
+                               [] {
+                                   EXPECT_EQ(callsOf(hostHandler), 1U);
+                                   if (!Manager::currentlyHandlingSignals) {
+                                       EXPECT_EQ(callsOf(otherUserHandler), 0U);
+                                       EXPECT_EQ(systemHandler(SIGUSR1), addressOf(hostHandler));
+                                   }
+                               }});
+}
+
+// --- Handlers are called, while others come
+
+void registerInAHandler(int) {
+    Manager(false).setHandlerFromFunction(SIGUSR1, otherUserHandler);
+}
+
+// The version of the tables that the handler's dispatch reads is replaced by the handler, and
+// released by the next change.
+TEST(CallMeanwhile, TablesAreReplaced) {
+    meetAtEachInstruction({.prepare =
+                               [] {
+                                   forgetCalls();
+                                   manager.emplace(false);
+                                   manager->setHandlerFromFunction(SIGUSR1, userHandler);
+                                   manager->setHandlerFromFunction(SIGUSR2, registerInAHandler);
+                                   manager->handleSignal(SIGUSR2);
+                               },
+                           .operation = [] { manager->callHandlers(SIGUSR1, nullptr, nullptr); },
+                           .meanwhile =
+                               [] {
+                                   raise(SIGUSR2);
+                                   manager->setHandlerFromFunction(SIGUSR2, otherUserHandler);
+                               },
+                           .expect = [] { EXPECT_EQ(callsOf(userHandler), 1U); }});
+}
+
 // --- The last manager goes, while another thread goes on
 
 TEST(LastManagerMeanwhile, AnotherOneTakesOver) {
@@ -264,6 +420,50 @@ TEST(LastManagerMeanwhile, AnotherOneGivesAnAnswer) {
                            .expect = [] { EXPECT_FALSE(mayHandleQ(SIGINT)); }});
 }
 
+TEST(LastManagerMeanwhile, AnotherOneGivesAllAnswers) {
+    meetAtEachInstruction({.prepare = [] { handleSignalsOfAHost(SIGUSR1, false); },
+                           .operation = [] { manager.reset(); },
+                           .meanwhile =
+                               [] {
+                                   otherManager.emplace(false);
+                                   Sorvane::SVSignalHandlerDispositionSet answers;
+                                   answers.doNotHandleSignal(SIGINT);
+                                   otherManager->setSignalDispositions(answers);
+                               },
+                           .expect = [] { EXPECT_FALSE(mayHandleQ(SIGINT)); }});
+}
+
+// The answer is that before the teardown only if there is no teardown any more.
+TEST(LastManagerMeanwhile, AnotherOneAsksForAnAnswer) {
+    static bool answer;
+    meetAtEachInstruction({.prepare =
+                               [] {
+                                   handleSignalsOfAHost(SIGUSR1, false);
+                                   manager->setSignalDisposition(SIGINT, false);
+                               },
+                           .operation = [] { manager.reset(); },
+                           .meanwhile =
+                               [] {
+                                   otherManager.emplace(false);
+                                   answer = otherManager->getSignalDisposition(SIGINT);
+                               },
+                           .expect = [] { EXPECT_EQ(answer, mayHandleQ(SIGINT)); }});
+}
+
+TEST(LastManagerMeanwhile, AnotherOneComesAndGoesAndAThirdGivesAnAnswer) {
+    meetAtEachInstruction({.prepare = [] { handleSignalsOfAHost(SIGUSR1, false); },
+                           .operation = [] { manager.reset(); },
+                           .meanwhile =
+                               [] {
+                                   otherManager.emplace(false);
+                                   otherManager->startHandlingSignals();
+                                   otherManager.reset();
+                                   otherManager.emplace(false);
+                                   otherManager->setSignalDisposition(SIGINT, false);
+                               },
+                           .expect = [] { EXPECT_FALSE(mayHandleQ(SIGINT)); }});
+}
+
 TEST(FirstManagerMeanwhile, AnotherOneGivesAnAnswer) {
     meetAtEachInstruction({.prepare = [] {},
                            .operation = [] { manager.emplace(false); },
@@ -272,7 +472,27 @@ TEST(FirstManagerMeanwhile, AnotherOneGivesAnAnswer) {
                                    otherManager.emplace(false);
                                    otherManager->setSignalDisposition(SIGINT, false);
                                },
-                           .expect = [] { EXPECT_FALSE(mayHandleQ(SIGINT)); }});
+                           .expect =
+                               [] {
+                                   EXPECT_FALSE(mayHandleQ(SIGINT));
+                                   EXPECT_EQ(Manager::numberOfManagers, 2U);
+                               }});
+}
+
+TEST(FirstManagerMeanwhile, AnotherOneGivesTheAnswerThatThereWasBefore) {
+    meetAtEachInstruction(
+        {.prepare = [] { Manager::signalDispositionSet.doNotHandleSignal(SIGINT); },
+         .operation = [] { manager.emplace(false); },
+         .meanwhile =
+             [] {
+                 otherManager.emplace(false);
+                 otherManager->setSignalDisposition(SIGINT, false);
+             },
+         .expect =
+             [] {
+                 EXPECT_FALSE(mayHandleQ(SIGINT));
+                 EXPECT_EQ(Manager::numberOfManagers, 2U);
+             }});
 }
 
 // --- The lock
@@ -302,6 +522,43 @@ TEST(LockMeanwhile, GoesWithTheLastOfTwoThatGoAtOnce) {
                                },
                            .expect =
                                [] {
+                                   otherManager.reset();
+                                   EXPECT_EQ(Manager::handlerTableLock, nullptr);
+                               }});
+}
+
+// A third thread makes a manager, as far as it gets: to its end, or to a wait for the lock to go.
+std::optional<JoiningThread> third;
+std::optional<Gate> thirdIsDoneOrWaits;
+
+void noteAWait() noexcept {
+    if (thirdIsDoneOrWaits) {
+        thirdIsDoneOrWaits->open();
+    }
+}
+
+void makeAManagerOnAThirdThread() {
+    thirdIsDoneOrWaits.emplace();
+    third.emplace([] {
+        otherManager.emplace(true);
+        thirdIsDoneOrWaits->open();
+    });
+    thirdIsDoneOrWaits->pass();
+}
+
+TEST(LockMeanwhile, GoesBeforeAnotherOneComesOrStays) {
+    meetAtEachInstruction({.prepare = [] { manager.emplace(true); },
+                           .operation = [] { manager.reset(); },
+                           .meanwhile =
+                               [] {
+                                   if (Manager::handlerTableLock == nullptr || lockFreeQ()) {
+                                       makeAManagerOnAThirdThread();
+                                   }
+                               },
+                           .expect =
+                               [] {
+                                   third.reset();
+                                   EXPECT_EQ(lockFreeQ(), otherManager.has_value());
                                    otherManager.reset();
                                    EXPECT_EQ(Manager::handlerTableLock, nullptr);
                                }});
