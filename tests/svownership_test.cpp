@@ -102,20 +102,39 @@ TEST_F(Ownership, IsTheLibrarysForADispatchUntilTheTeardownThatGaveItBackIsOver)
 }
 
 TEST_F(Ownership, OfTheHostSendsASignalOnOnceEachTimeThatItIsGivenBack) {
-    EXPECT_FALSE(SVOwnership::belongsElsewhereQ(SIGUSR1, countNow()));
-    for (unsigned int round = 0; round < 2; ++round) {
+    const BlockedSignals asWhenItArrives{SIGUSR1};
+    EXPECT_FALSE(SVOwnership::belongsElsewhereQ(SIGUSR1, countNow(), false));
+    for (const bool recordsQ : {false, true}) {
         giveToHost();
-        EXPECT_TRUE(SVOwnership::belongsElsewhereQ(SIGUSR1, countNow()));
-        EXPECT_FALSE(SVOwnership::belongsElsewhereQ(SIGUSR1, countNow()));
+        EXPECT_TRUE(SVOwnership::belongsElsewhereQ(SIGUSR1, countNow(), recordsQ));
+        EXPECT_FALSE(SVOwnership::belongsElsewhereQ(SIGUSR1, countNow(), recordsQ));
         takeFromHost();
     }
+}
+
+TEST_F(Ownership, OfTheHostSendsNothingOnThatHasNotArrived) {
+    giveToHost();
+    EXPECT_FALSE(SVOwnership::belongsElsewhereQ(SIGUSR1, countNow(), false));
+}
+
+TEST_F(Ownership, OfTheHostSendsNothingOnForWhichThereAreTheRecordsOfTheTeardown) {
+    namespace SVLifecycle = Sorvane::SVLifecycle;
+    const BlockedSignals asWhenItArrives{SIGUSR1};
+    SVLifecycle::setHandling(true);
+    const SVLifecycle::Teardown teardown = SVLifecycle::managerGone();
+    giveToHost();
+    EXPECT_FALSE(SVOwnership::belongsElsewhereQ(SIGUSR1, countNow(), true));
+    EXPECT_TRUE(SVOwnership::belongsElsewhereQ(SIGUSR1, countNow(), false));
+    SVLifecycle::teardownComplete(teardown);
+    SVLifecycle::managerMade();
 }
 
 TEST_F(Ownership, ThatHasChangedTwiceSendsOnWhatHasArrivedBefore) {
     const Count seen = countNow();
     giveToHost();
     takeFromHost();
-    EXPECT_TRUE(SVOwnership::belongsElsewhereQ(SIGUSR1, seen));
+    const BlockedSignals asWhenItArrives{SIGUSR1};
+    EXPECT_TRUE(SVOwnership::belongsElsewhereQ(SIGUSR1, seen, false));
 }
 
 // --- Registrations -------------------------------------------------------------------------------
@@ -153,9 +172,30 @@ TEST_F(Ownership, PutsOnRecordWhatWasDisplacedWhenTheSignalWasGivenBackAndTakenO
 }
 
 TEST_F(Ownership, GoesToTheLibraryThatIsCalledForASignalOfTheHost) {
+    install(hostHandler);
     giveToHost();
-    settle(m_hosts, countNow());
+    SVOwnership::installAfterDispatch(m_manager, SIGUSR1, countNow());
+    EXPECT_TRUE(takenOverQ(SIGUSR1));
     EXPECT_FALSE(hostsNowQ());
+}
+
+TEST_F(Ownership, OfTheHostIsLeftToItByADispatchThatBeganBefore) {
+    const Count seen = countNow();
+    install(hostHandler);
+    giveToHost();
+    SVOwnership::installAfterDispatch(m_manager, SIGUSR1, seen);
+    EXPECT_EQ(systemHandler(SIGUSR1), addressOf(hostHandler));
+    EXPECT_TRUE(hostsNowQ());
+}
+
+TEST_F(Ownership, OfTheLibraryIsKeptByADispatchThatBeganBeforeItChangedHandsTwice) {
+    const Count seen = countNow();
+    install(hostHandler);
+    giveToHost();
+    takeFromHost();
+    SVOwnership::installAfterDispatch(m_manager, SIGUSR1, seen);
+    EXPECT_TRUE(takenOverQ(SIGUSR1));
+    EXPECT_NE(recordOf(SIGUSR1, hostHandler), nullptr);
 }
 
 TEST_F(Ownership, LeavesToTheHostWhatItHasInstalledSinceTheSignalWasGivenBack) {
@@ -244,6 +284,8 @@ TEST_F(Ownership, LetsALateHandBackStandWhenTheSignalIsTheHostsAgain) {
 TEST_F(Ownership, TakesALateHandBackBackWhenItHasDisplacedTheLibrary) {
     const Count seen = countNow();
     install(hostHandler);
+    giveToHost();
+    takeFromHost();
     SVOwnership::settleLateHandBack(m_manager, m_manager.theSVHandler(SIGUSR1), seen);
     EXPECT_TRUE(takenOverQ(SIGUSR1));
     EXPECT_NE(recordOf(SIGUSR1, hostHandler), nullptr);

@@ -43,28 +43,6 @@ bool arrivedQ(int signalNumber) noexcept {
     return sigismember(&heldBack, signalNumber) == 1;
 }
 
-// After something was displaced that may have to be put back or on record.
-void settle(SVSignalHandlerManager& manager, SVSignalHandler displaced, Count seen) {
-    const int signalNumber = displaced.getSignalNumber();
-    for (;;) {
-        const Count now = SVOwnership::count(signalNumber);
-        if (!SVOwnership::hostsQ(now)) {
-            if (now != seen && !nobodysHandlerQ(displaced)) {
-                putOnRecord(displaced, now);
-            }
-            return;
-        }
-        if (ownHandlerQ(displaced)) {
-            return;
-        }
-        manager.installHandlerInSystem(displaced);
-        if (SVOwnership::count(signalNumber) == now) {
-            return;
-        }
-        displaced = installOwn(manager, signalNumber);
-    }
-}
-
 }  // namespace
 
 bool nobodysHandlerQ(const SVSignalHandler& record) noexcept {
@@ -115,6 +93,27 @@ bool SVOwnership::changedHandsQ(int signalNumber, Count now, bool recordsQ) noex
     }
     sentOn[signalNumber] = now;
     return true;
+}
+
+void SVOwnership::settle(SVSignalHandlerManager& manager, SVSignalHandler displaced, Count seen) {
+    const int signalNumber = displaced.getSignalNumber();
+    for (;;) {
+        const Count now = count(signalNumber);
+        if (!hostsQ(now)) {
+            if (now != seen && !nobodysHandlerQ(displaced)) {
+                putOnRecord(displaced, now);
+            }
+            return;
+        }
+        if (ownHandlerQ(displaced)) {
+            return;
+        }
+        manager.installHandlerInSystem(displaced);
+        if (count(signalNumber) == now) {
+            return;
+        }
+        displaced = installOwn(manager, signalNumber);
+    }
 }
 
 void SVOwnership::installAfterDispatch(SVSignalHandlerManager& manager, int signalNumber,

@@ -92,10 +92,11 @@ inline bool staysOursQ(int signalNumber, Count seen) noexcept {
 /// Errors: those of installHandlerInSystem() and of SVRegistry::storeRecord().
 void installAfterDispatch(SVSignalHandlerManager& manager, int signalNumber, Count seen);
 
-/// Sets right what the system has for a signal after the host's handler was installed for it, which
-/// displaced what is given, for a teardown that somebody else has ended meanwhile. The count that
-/// was seen is the one before.
+/// Set right what the system has for a signal, after the library was installed for it, which
+/// displaced what is given; or after the host's handler was, for a teardown that somebody else has
+/// ended meanwhile. The count that was seen is the one before.
 /// Errors: those of installHandlerInSystem() and of SVRegistry::storeRecord().
+void settle(SVSignalHandlerManager& manager, SVSignalHandler displaced, Count seen);
 void settleLateHandBack(SVSignalHandlerManager& manager, const SVSignalHandler& displaced,
                         Count seen);
 
