@@ -300,7 +300,7 @@ TEST_F(OvertakenTeardown, GivesNothingBackThatWasTakenOverAnewJustBefore) {
     };
     startOver();
     const unsigned int justBefore = lastBefore([&](unsigned int number) {
-        bool given = false;
+        bool given = true;
         lastManagerGoesOvertakenBy([&given] { given = hostsSignalQ(); }, atInstruction(number));
         startOver();
         return given;

@@ -4,6 +4,8 @@
 #include <../utilities/svregistry.h>
 #include <gtest/gtest.h>
 
+#include <functional>
+
 #include "support/failure.h"
 #include "support/fresh_process.h"
 #include "support/manager_fixture.h"
@@ -218,12 +220,20 @@ TEST_F(Ownership, PutsBackWhatWasDisplacedWhenTheSignalWasGivenBack) {
 
 TEST_F(Ownership, HasTheLibraryInstalledWhenTheSignalIsTakenOverAnewJustBeforeThatIsPutBack) {
     SKIP_WITHOUT_STEPS();
-    const auto hostsAgainQ = [] { return systemHandler(SIGUSR1) == addressOf(hostHandler); };
-    const auto takeOver = [] { Manager(false).handleSignal(SIGUSR1); };
-    const Count seen = countNow();
-    giveToHost();
-    installOwn();
-    EXPECT_TRUE(overtake([&] { settle(m_hosts, seen); }, hostsAgainQ, takeOver));
+    const auto settleOvertaken = [this](unsigned int number, const std::function<void()>& act) {
+        takeFromHost();
+        const Count seen = countNow();
+        giveToHost();
+        installOwn();
+        return overtake([&] { settle(m_hosts, seen); }, atInstruction(number), act);
+    };
+    const unsigned int justBefore = lastBefore([&](unsigned int number) {
+        bool isBack = true;
+        settleOvertaken(number,
+                        [&isBack] { isBack = systemHandler(SIGUSR1) == addressOf(hostHandler); });
+        return isBack;
+    });
+    EXPECT_TRUE(settleOvertaken(justBefore, [] { Manager(false).handleSignal(SIGUSR1); }));
     EXPECT_TRUE(takenOverQ(SIGUSR1));
     EXPECT_NE(recordOf(SIGUSR1, hostHandler), nullptr);
     EXPECT_FALSE(hostsNowQ());

@@ -80,7 +80,7 @@ TEST_F(SharedLock, IsEnteredWhileItsHandleGoesByAHandlerOnTheSameThread) {
 TEST_F(SharedLock, IsEnteredWhileItsHandleGoesByAHandlerThatAnotherOneInterrupts) {
     const unsigned int justClosed = lastBefore([](unsigned int number) {
         enterAndMakeHandle();
-        bool closed = false;
+        bool closed = true;
         overtake(leave, atInstruction(number), [&closed] { closed = closedQ(); });
         return closed;
     });
