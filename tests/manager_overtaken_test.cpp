@@ -30,6 +30,9 @@ bool signalIgnoredQ() {
 bool hostHandlesSignalQ() {
     return systemHandler(SIGUSR1) == addressOf(hostHandler);
 }
+bool hostOnRecordQ() {
+    return recordOf(SIGUSR1, hostHandler) != nullptr;
+}
 bool hostsSignalQ() {
     return SVOwnership::hostsQ(SVOwnership::count(SIGUSR1));
 }
@@ -103,7 +106,7 @@ TEST_F(OvertakenStart, TakesOverAgainWhatSomebodyHasHandedBackMeanwhile) {
             start();
             stop();
         },
-        signalTakenOverQ);
+        hostOnRecordQ);
     EXPECT_TRUE(handlingQ());
     EXPECT_TRUE(signalTakenOverQ());
 }
@@ -256,6 +259,11 @@ protected:
                                     const std::function<bool()>& timeQ) {
         return overtake([this] { m_manager.reset(); }, timeQ, act);
     }
+    void startOver() {
+        m_manager.reset();
+        m_manager.emplace(false);
+        handleSignalOfHost();
+    }
     void makeOther() { m_other.emplace(false); }
     void completeInOther() {
         makeOther();
@@ -293,11 +301,6 @@ TEST_F(OvertakenTeardown, TakesBackALateHandBackOfWhatWasTakenOverAnew) {
 
 // The count of the signal has been read, and it is about to be changed.
 TEST_F(OvertakenTeardown, GivesNothingBackThatWasTakenOverAnewJustBefore) {
-    const auto startOver = [this] {
-        m_manager.reset();
-        m_manager.emplace(false);
-        handleSignalOfHost();
-    };
     startOver();
     const unsigned int justBefore = lastBefore([&](unsigned int number) {
         bool given = true;
@@ -328,6 +331,21 @@ TEST_F(OvertakenTeardown, LeavesItsTablesToAManagerThatIsMadeWhenThereAreNone) {
         noTablesQ));
     EXPECT_NE(Manager::handlerTables, nullptr);
     EXPECT_FALSE(mayHandleQ(SIGINT));
+    m_other->startHandlingSignals();
+}
+
+// Whether anybody needs tables has been asked, and they are about to go.
+TEST_F(OvertakenTeardown, MakesTablesForAManagerThatIsMadeJustBeforeTheyGo) {
+    startOver();
+    const unsigned int justBefore = lastBefore([this](unsigned int number) {
+        bool goneQ = false;
+        const bool overtakenQ = lastManagerGoesOvertakenBy(
+            [&goneQ] { goneQ = Manager::handlerTables == nullptr; }, atInstruction(number));
+        startOver();
+        return goneQ || !overtakenQ;
+    });
+    EXPECT_TRUE(lastManagerGoesOvertakenBy([this] { makeOther(); }, atInstruction(justBefore)));
+    EXPECT_NE(Manager::handlerTables, nullptr);
     m_other->startHandlingSignals();
 }
 

@@ -103,6 +103,22 @@ TEST_F(Ownership, IsTheLibrarysForADispatchUntilTheTeardownThatGaveItBackIsOver)
     SVLifecycle::managerMade();
 }
 
+TEST_F(Ownership, StaysTheLibrarysUnlessItChangesHandsOrATeardownGoesOn) {
+    namespace SVLifecycle = Sorvane::SVLifecycle;
+    const Count seen = countNow();
+    SVLifecycle::setHandling(true);
+    const SVLifecycle::Teardown teardown = SVLifecycle::managerGone();
+    EXPECT_FALSE(SVOwnership::staysOursQ(SIGUSR1, seen));
+    SVLifecycle::teardownComplete(teardown);
+    SVLifecycle::managerMade();
+    EXPECT_TRUE(SVOwnership::staysOursQ(SIGUSR1, seen));
+    giveToHost();
+    EXPECT_FALSE(SVOwnership::staysOursQ(SIGUSR1, seen));
+    EXPECT_FALSE(SVOwnership::staysOursQ(SIGUSR1, countNow()));
+    takeFromHost();
+    EXPECT_FALSE(SVOwnership::staysOursQ(SIGUSR1, seen));
+}
+
 TEST_F(Ownership, OfTheHostSendsASignalOnOnceEachTimeThatItIsGivenBack) {
     const BlockedSignals asWhenItArrives{SIGUSR1};
     EXPECT_FALSE(SVOwnership::belongsElsewhereQ(SIGUSR1, countNow(), false));
@@ -152,6 +168,14 @@ TEST_F(Ownership, RegistrationsAreCountedForEachSignalAndForNothingElse) {
     }
 }
 
+TEST_F(Ownership, GoesToTheLibraryWithARegistrationWhileSignalsAreHandled) {
+    giveToHost();
+    m_manager.startHandlingSignals();
+    EXPECT_TRUE(hostsNowQ());
+    m_manager.setHandlerFromFunction(SIGUSR1, userHandler);
+    EXPECT_FALSE(hostsNowQ());
+}
+
 // --- What was displaced --------------------------------------------------------------------------
 
 TEST_F(Ownership, LeavesItAtThatWhenTheSignalHasStayedTheLibrarys) {
@@ -177,6 +201,14 @@ TEST_F(Ownership, GoesToTheLibraryThatIsCalledForASignalOfTheHost) {
     install(hostHandler);
     giveToHost();
     SVOwnership::installAfterDispatch(m_manager, SIGUSR1, countNow());
+    EXPECT_TRUE(takenOverQ(SIGUSR1));
+    EXPECT_FALSE(hostsNowQ());
+}
+
+TEST_F(Ownership, GoesToTheLibraryWithADispatchByHandOfASignalOfTheHost) {
+    install(hostHandler);
+    giveToHost();
+    actualSignalHandler(SIGUSR1, nullptr, nullptr);
     EXPECT_TRUE(takenOverQ(SIGUSR1));
     EXPECT_FALSE(hostsNowQ());
 }
@@ -218,25 +250,27 @@ TEST_F(Ownership, PutsBackWhatWasDisplacedWhenTheSignalWasGivenBack) {
     EXPECT_TRUE(hostsNowQ());
 }
 
-TEST_F(Ownership, HasTheLibraryInstalledWhenTheSignalIsTakenOverAnewJustBeforeThatIsPutBack) {
+// Up to the instruction at which that has just been put back.
+TEST_F(Ownership, HasTheLibraryInstalledWhenTheSignalIsTakenOverAnewBeforeThatIsPutBack) {
     SKIP_WITHOUT_STEPS();
-    const auto settleOvertaken = [this](unsigned int number, const std::function<void()>& act) {
-        takeFromHost();
-        const Count seen = countNow();
-        giveToHost();
-        installOwn();
-        return overtake([&] { settle(m_hosts, seen); }, atInstruction(number), act);
-    };
-    const unsigned int justBefore = lastBefore([&](unsigned int number) {
-        bool isBack = true;
-        settleOvertaken(number,
-                        [&isBack] { isBack = systemHandler(SIGUSR1) == addressOf(hostHandler); });
-        return isBack;
-    });
-    EXPECT_TRUE(settleOvertaken(justBefore, [] { Manager(false).handleSignal(SIGUSR1); }));
-    EXPECT_TRUE(takenOverQ(SIGUSR1));
-    EXPECT_NE(recordOf(SIGUSR1, hostHandler), nullptr);
-    EXPECT_FALSE(hostsNowQ());
+    Count seen = 0;
+    overtakeAtEachInstruction(
+        {.prepare =
+             [&] {
+                 seen = countNow();
+                 giveToHost();
+                 installOwn();
+             },
+         .operation = [&] { settle(m_hosts, seen); },
+         .act = [] { Manager(false).handleSignal(SIGUSR1); },
+         .expect =
+             [this] {
+                 EXPECT_TRUE(takenOverQ(SIGUSR1));
+                 EXPECT_NE(recordOf(SIGUSR1, hostHandler), nullptr);
+                 EXPECT_FALSE(hostsNowQ());
+                 m_manager.clearHandlerWithFunction(SIGUSR1, hostHandler);
+             },
+         .enoughQ = [] { return systemHandler(SIGUSR1) == addressOf(hostHandler); }});
 }
 
 // --- Without tables ------------------------------------------------------------------------------

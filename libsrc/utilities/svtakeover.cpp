@@ -229,6 +229,7 @@ SVTakeOver::~SVTakeOver() noexcept(false) {
         sendWhatWasKept(m_signalNumber, false);
     } catch (...) {
         if (std::uncaught_exceptions() == m_exceptionsBefore) {
+            // cppcheck-suppress exceptThrowInDestructor ; declared noexcept(false)
             throw;
         }
     }
