@@ -243,9 +243,7 @@ arrival:
        wanted = library;
        install(wanted, displaced)
     :: else ->
-#ifndef BROKEN_DISPATCH_NOT_MARKED
        marks++;
-#endif
        if
        :: !hosts(count) ->
           wanted = library;
@@ -253,9 +251,7 @@ arrival:
           settle(displaced, seen, now, wanted)
        :: else
        fi;
-#ifndef BROKEN_DISPATCH_NOT_MARKED
        marks--
-#endif
     fi;
     managerGone(which, seen, now, wanted, displaced, given, others, pinned);
 over:
