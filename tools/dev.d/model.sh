@@ -93,7 +93,7 @@ find_mistake() {
         make_checker "$model" "$macros $mistake" -DCOLLAPSE -DMEMLIM=2000
         check -Q1
         if grep -q 'assertion violated' "$work/pan.log"; then
-            report yes "$mistake" "found: $macros"
+            report yes "$mistake" "found: ${macros:-as it is}"
             return
         fi
     done
@@ -109,7 +109,7 @@ check_model() {
     for macros in "${whole[@]}"; do
         make_checker "$model" "$macros" -DCOLLAPSE -DMEMLIM=3000
         check
-        must_hold "$macros" ""
+        must_hold "${macros:-as it is}" ""
     done
     for macros in "${sampled[@]}"; do
         make_checker "$model" "$macros" -DBITSTATE
