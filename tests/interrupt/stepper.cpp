@@ -369,12 +369,12 @@ bool everyInstructionQ() {
 // An operation of a few thousand instructions is visited at each of them. A longer one is not, and
 // neither is one of the unoptimised library, which has several times as many.
 #ifdef SORVANE_TESTS_UNOPTIMISED
-constexpr unsigned long mostWithoutStride = 40;
-constexpr unsigned long mostRuns = 40;
+constexpr unsigned long mostWithoutStride = 30;
+constexpr unsigned long mostRuns = 30;
 constexpr unsigned long mostInOneRun = 600;
 #else
 constexpr unsigned long mostWithoutStride = 2500;
-constexpr unsigned long mostRuns = 500;
+constexpr unsigned long mostRuns = 300;
 constexpr unsigned long mostInOneRun = 20000;
 #endif
 
