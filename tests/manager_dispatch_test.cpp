@@ -529,21 +529,4 @@ TEST_F(RecordsOfTheManager, IgnoringASignalAsksNoDisposition) {
     EXPECT_FALSE(mayHandleQ(SIGUSR1));
 }
 
-// Nothing of an earlier life of the shared state is left in a dispatch.
-TEST_F(RecordsOfTheManager, ADispatchAfterAnEarlierLifeIsAnOrdinaryOne) {
-    hostInstalls(SIGUSR1, hostHandler);
-    {
-        Manager former(false);
-        former.setHandlerFromFunction(SIGUSR1, otherUserHandler);
-        former.startHandlingSignals();
-    }
-    ASSERT_EQ(systemHandler(SIGUSR1), addressOf(hostHandler));
-    Manager manager(false);
-    manager.setHandlerFromFunction(SIGUSR1, userHandler);
-    siginfo_t information = {};
-    actualSignalHandler(SIGUSR1, &information, nullptr);
-    EXPECT_EQ(calledFunctions(), std::vector<void*>{addressOf(userHandler)});
-    EXPECT_TRUE(takenOverQ(SIGUSR1));
-}
-
 }  // namespace

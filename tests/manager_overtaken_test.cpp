@@ -9,6 +9,7 @@
 #include <functional>
 #include <optional>
 
+#include "support/failure.h"
 #include "support/manager_fixture.h"
 #include "support/overtaking.h"
 
@@ -115,6 +116,24 @@ TEST_F(OvertakenStart, LeavesItAtThatWhenSomebodyStopsOnceSignalsAreHandled) {
     startOvertakenBy(stop, handlingQ);
     EXPECT_FALSE(handlingQ());
     EXPECT_TRUE(hostHandlesSignalQ());
+}
+
+// Another start has left out the signal that this one fails at.
+TEST_F(OvertakenStart, ThatFailsDoesNotEndWhatAnotherOneHasBegunMeanwhile) {
+    m_manager->setSignalDisposition(SIGSTOP, true);
+    Record refused = userRecord(SIGSTOP, userHandler);
+    m_manager->setHandler(refused);
+    EXPECT_TRUE(failureOf([&] {
+                    overtake(
+                        [this] { m_manager->startHandlingSignals(); }, hostOnRecordQ,
+                        [&] {
+                            Manager other(false);
+                            other.clearHandler(refused);
+                            other.startHandlingSignals();
+                            EXPECT_TRUE(failureOf([&] { other.setHandler(refused); }).has_value());
+                        });
+                }).has_value());
+    EXPECT_TRUE(handlingQ());
 }
 
 // --- Handing one signal back -------------------------------------------------------------------

@@ -295,8 +295,8 @@ TEST_F(Surprise, SignalAfterTheLastManagerMakesTheTablesAgainAndCallsNothing) {
     EXPECT_EQ(Manager::handlerTableLock, nullptr);
 }
 
-// Whoever does so has not told the library to handle signals, and is served all the same.
-TEST_F(Surprise, LibraryInstalledByHandForASignalThatWasGivenBackGetsIt) {
+// A manager has handled the signal, and its end has given it back.
+void giveBackToHost() {
     hostInstalls(SIGUSR1, hostHandler);
     {
         Manager manager(true);
@@ -304,6 +304,22 @@ TEST_F(Surprise, LibraryInstalledByHandForASignalThatWasGivenBackGetsIt) {
         manager.startHandlingSignals();
     }
     ASSERT_EQ(systemHandler(SIGUSR1), addressOf(hostHandler));
+}
+
+// Nothing of an earlier life of the shared state is left in a dispatch.
+TEST_F(Surprise, DispatchByHandAfterAnEarlierLifeIsAnOrdinaryOne) {
+    giveBackToHost();
+    Manager manager(true);
+    manager.setHandlerFromFunction(SIGUSR1, otherUserHandler);
+    siginfo_t information = {};
+    actualSignalHandler(SIGUSR1, &information, nullptr);
+    EXPECT_EQ(calledFunctions(), std::vector<void*>{addressOf(otherUserHandler)});
+    EXPECT_TRUE(takenOverQ(SIGUSR1));
+}
+
+// Whoever does so has not told the library to handle signals, and is served all the same.
+TEST_F(Surprise, LibraryInstalledByHandForASignalThatWasGivenBackGetsIt) {
+    giveBackToHost();
     Manager manager(true);
     manager.setHandlerFromFunction(SIGUSR1, userHandler);
     Sorvane::SVSignalHandler own = manager.theSVHandler(SIGUSR1);
@@ -315,14 +331,9 @@ TEST_F(Surprise, LibraryInstalledByHandForASignalThatWasGivenBackGetsIt) {
     }
 }
 
-// It can't be sent on without what it came with, but the host keeps it.
+// Whoever does so has the signal taken over again, as after any dispatch.
 TEST_F(Surprise, DispatchByHandOfASignalThatWasGivenBackTakesItFromTheHost) {
-    hostInstalls(SIGUSR1, hostHandler);
-    {
-        Manager manager(true);
-        manager.setHandlerFromFunction(SIGUSR1, userHandler);
-        manager.startHandlingSignals();
-    }
+    giveBackToHost();
     actualSignalHandler(SIGUSR1, nullptr, nullptr);
     EXPECT_EQ(callCount(), 0U);
     EXPECT_TRUE(takenOverQ(SIGUSR1));
@@ -333,12 +344,7 @@ void hostInstallsInAHandler(int signalNumber) {
 }
 
 TEST_F(Surprise, SignalThatWasGivenBackAndIsRegisteredForAgainStaysTakenOver) {
-    hostInstalls(SIGUSR1, hostHandler);
-    {
-        Manager manager(true);
-        manager.setHandlerFromFunction(SIGUSR1, userHandler);
-        manager.startHandlingSignals();
-    }
+    giveBackToHost();
     Manager manager(true);
     manager.startHandlingSignals();
     manager.setHandlerFromFunction(SIGUSR1, hostInstallsInAHandler);

@@ -11,6 +11,7 @@ namespace {
 
 using Count = SVOwnership::Count;
 
+// The same as that of a take-over, of which this is the rest.
 constexpr unsigned int lineNoTableForDisplaced = 302;
 
 constinit std::atomic<unsigned int> registrations[highestSignal + 1];
@@ -85,7 +86,7 @@ void SVOwnership::takeFromHost(int signalNumber) noexcept {
     }
 }
 
-bool SVOwnership::changedHandsQ(int signalNumber, Count now, bool recordsQ) noexcept {
+bool SVOwnership::sendsOnQ(int signalNumber, Count now, bool recordsQ) noexcept {
     // Only those of the state that is being torn down have the host's handler for certain.
     const bool formerRecords = SVLifecycle::currentTeardown() != 0;
     if (sentOn[signalNumber] == now || (recordsQ && formerRecords) || !arrivedQ(signalNumber)) {

@@ -74,12 +74,13 @@ private:
 };
 
 /// Whether a signal that has arrived here, when its count was the one that was seen, belongs
-/// elsewhere by now, because it is the host's or was meanwhile.
-/// Parameters: recordsQ, whether records have been found for it.
-bool changedHandsQ(int signalNumber, Count now, bool recordsQ) noexcept;
+/// elsewhere by now, because it is the host's or was meanwhile. Then it is to be sent on: the
+/// answer is yes once for each count. sendsOnQ() is its rarely needed half. Parameters: recordsQ,
+/// whether records have been found for it.
+bool sendsOnQ(int signalNumber, Count now, bool recordsQ) noexcept;
 inline bool belongsElsewhereQ(int signalNumber, Count seen, bool recordsQ) noexcept {
     const Count now = count(signalNumber);
-    return (now != seen || hostsQ(now)) && changedHandsQ(signalNumber, now, recordsQ);
+    return (now != seen || hostsQ(now)) && sendsOnQ(signalNumber, now, recordsQ);
 }
 
 /// Whether a signal is the library's, as it was when its count was seen, and stays so as long as

@@ -82,6 +82,7 @@ void SVSignalHandlerManager::startHandlingSignals() {
             }
         });
     };
+    bool counts = false;
     lock();
     try {
         unsigned int stops = 0;
@@ -90,12 +91,16 @@ void SVSignalHandlerManager::startHandlingSignals() {
             walked = SignalNumbers();
             takeOverTheRest();
             SVLifecycle::setHandling(true);
+            counts = true;
             // A registration that came after its signal's turn, and before this, installed nothing.
             takeOverTheRest();
             // Whoever has started and stopped meanwhile has handed back what was taken over here.
         } while (stops != SVLifecycle::timesStopped() && SVLifecycle::handlingQ());
     } catch (...) {
-        SVLifecycle::setHandling(false);
+        // What somebody else has begun meanwhile goes on.
+        if (counts) {
+            SVLifecycle::setHandling(false);
+        }
         throw;
     }
     unlock();

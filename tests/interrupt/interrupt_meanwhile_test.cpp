@@ -275,6 +275,20 @@ void handleSignalsOfAHost(int signalNumber, bool locking) {
     manager->startHandlingSignals();
 }
 
+void takeOverWithAnotherManager() {
+    otherManager.emplace(false);
+    otherManager->setHandlerFromFunction(SIGUSR1, otherUserHandler);
+    otherManager->startHandlingSignals();
+}
+
+void expectBothAreCalledAndTheHostHasItsSignalAfterwards() {
+    raise(SIGUSR1);
+    EXPECT_EQ(callsOf(hostHandler), 1U);
+    EXPECT_EQ(callsOf(otherUserHandler), 1U);
+    otherManager.reset();
+    EXPECT_EQ(systemHandler(SIGUSR1), addressOf(hostHandler));
+}
+
 // As if the signal had just arrived: the kernel has chosen the library's handler already, and holds
 // the signal back.
 void dispatch(int signalNumber) {
@@ -317,19 +331,13 @@ TEST(DispatchMeanwhile, LastManagerGoesAndAnotherOneTakesOver) {
                            .meanwhile =
                                [] {
                                    manager.reset();
-                                   otherManager.emplace(false);
-                                   otherManager->setHandlerFromFunction(SIGUSR1, otherUserHandler);
-                                   otherManager->startHandlingSignals();
+                                   takeOverWithAnotherManager();
                                },
                            .expect =
                                [] {
                                    EXPECT_EQ(callsOf(hostHandler), 1U);
                                    forgetCalls();
-                                   raise(SIGUSR1);
-                                   EXPECT_EQ(callsOf(hostHandler), 1U);
-                                   EXPECT_EQ(callsOf(otherUserHandler), 1U);
-                                   otherManager.reset();
-                                   EXPECT_EQ(systemHandler(SIGUSR1), addressOf(hostHandler));
+                                   expectBothAreCalledAndTheHostHasItsSignalAfterwards();
                                }});
 }
 
@@ -384,20 +392,8 @@ TEST(CallMeanwhile, TablesAreReplaced) {
 TEST(LastManagerMeanwhile, AnotherOneTakesOver) {
     meetAtEachInstruction({.prepare = [] { handleSignalsOfAHost(SIGUSR1, false); },
                            .operation = [] { manager.reset(); },
-                           .meanwhile =
-                               [] {
-                                   otherManager.emplace(false);
-                                   otherManager->setHandlerFromFunction(SIGUSR1, otherUserHandler);
-                                   otherManager->startHandlingSignals();
-                               },
-                           .expect =
-                               [] {
-                                   raise(SIGUSR1);
-                                   EXPECT_EQ(callsOf(hostHandler), 1U);
-                                   EXPECT_EQ(callsOf(otherUserHandler), 1U);
-                                   otherManager.reset();
-                                   EXPECT_EQ(systemHandler(SIGUSR1), addressOf(hostHandler));
-                               }});
+                           .meanwhile = takeOverWithAnotherManager,
+                           .expect = expectBothAreCalledAndTheHostHasItsSignalAfterwards});
 }
 
 TEST(LastManagerMeanwhile, AnotherOneComesAndGoesAndTheHostInstallsAnother) {

@@ -188,7 +188,7 @@ TEST(InterruptedSetHandlerByAHandler, ThatClearsTheSameFunction) {
 // --- Interrupting the other operations ------------------------------------------------------
 
 // The record that is cleared is the first one, in the slot where all walks begin: behind any other
-// deleted slot the new record might not be found, and be stored twice.
+// deleted slot the new record would not be found the next time, and be stored twice.
 TEST(InterruptedClearHandlerByAHandler, ThatRegistersForTheSameSignal) {
     stepThrough({.prepare = handlingWith(registerForSameSignal),
                  .operate = [] { manager->clearHandlerWithFunction(SIGUSR1, handlerOf[0]); },
