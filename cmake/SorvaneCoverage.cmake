@@ -3,9 +3,11 @@ if(NOT SORVANE_SIGNALS_COVERAGE)
   return()
 endif()
 
-# Threads and signal handlers count at once, hence the atomic counters. GoogleTest, the one system
-# library that is built here, is none of the report's business.
-set(coverage_flags --coverage -fprofile-update=atomic)
+# Threads and signal handlers count at once, hence the atomic counters. What is not the library's is
+# none of the report's business, and would take long if it counted: the tests' own functions, and
+# GoogleTest, the one system library that is built here.
+set(coverage_flags --coverage -fprofile-update=atomic
+                   "-fprofile-filter-files=.*/libsrc/.*")
 add_compile_options("$<$<NOT:$<BOOL:$<TARGET_PROPERTY:SYSTEM>>>:${coverage_flags}>")
 add_link_options(--coverage)
 

@@ -16,3 +16,5 @@ block()
   add_subdirectory("${SORVANE_SIGNALS_GOOGLETEST_DIR}" "${PROJECT_BINARY_DIR}/googletest"
                    EXCLUDE_FROM_ALL SYSTEM)
 endblock()
+# Nobody steps through it, and it has the longest of all compilations.
+target_compile_options(gtest PRIVATE -O0 -g0)

@@ -136,6 +136,19 @@ TEST_F(OvertakenStart, ThatFailsDoesNotEndWhatAnotherOneHasBegunMeanwhile) {
     EXPECT_TRUE(handlingQ());
 }
 
+TEST_F(OvertakenStart, FailsAtASignalThatIsRegisteredForOnceSignalsAreHandled) {
+    m_manager->setSignalDisposition(SIGSTOP, true);
+    EXPECT_TRUE(failureOf([this] {
+                    startOvertakenBy(
+                        [] {
+                            Record refused = userRecord(SIGSTOP, userHandler);
+                            EXPECT_TRUE(failureOf([&] { Manager(false).setHandler(refused); }));
+                        },
+                        handlingQ);
+                }).has_value());
+    EXPECT_FALSE(handlingQ());
+}
+
 // --- Handing one signal back -------------------------------------------------------------------
 
 class OvertakenHandBack : public Overtaken {
@@ -313,6 +326,12 @@ TEST_F(OvertakenTeardown, IsNotGoneOnWithWhenSomebodyHasCompletedIt) {
     EXPECT_NE(Manager::handlerTables, nullptr);
 }
 
+TEST_F(OvertakenTeardown, GivesNothingBackWhenSomebodyHasCompletedItBeforeItsFirstSignal) {
+    EXPECT_TRUE(lastManagerGoesOvertakenBy([this] { takeOverInOther(); },
+                                           [] { return SVLifecycle::currentTeardown() != 0; }));
+    expectTakenOverFromHost();
+}
+
 TEST_F(OvertakenTeardown, TakesBackALateHandBackOfWhatWasTakenOverAnew) {
     EXPECT_TRUE(lastManagerGoesOvertakenBy([this] { takeOverInOther(); }, hostsSignalQ));
     expectTakenOverFromHost();
@@ -370,28 +389,50 @@ TEST_F(OvertakenTeardown, MakesTablesForAManagerThatIsMadeJustBeforeTheyGo) {
 
 // --- The first manager comes -------------------------------------------------------------------
 
-// The answer of before is reset by the first manager, at the latest; until then the other one may
-// come. The registry is one that was used before, so that nothing is allocated.
-TEST_F(Overtaken, FirstManagerLeavesTablesAndAnswersToAnotherThatIsMadeAtOnce) {
-    std::optional<Manager> other;
-    bool late = false;
-    for (unsigned int number = 1; !late; ++number) {
+class OvertakenFirstManager : public Overtaken {
+protected:
+    ~OvertakenFirstManager() noexcept override = default;
+
+    // Another manager is made when the first one has been counted, so many instructions later. The
+    // registry is one that was used before, so that nothing is allocated.
+    // Result: whether the first one has reset the answers of before by then.
+    bool overtakenAt(unsigned int number) {
         m_manager->startHandlingSignals();
         m_manager.reset();
-        ASSERT_EQ(Manager::handlerTables, nullptr);
+        EXPECT_EQ(Manager::handlerTables, nullptr);
         Manager::signalDispositionSet.doNotHandleSignal(SIGINT);
         const auto timeQ = [instruction = atInstruction(number)] {
             return SVLifecycle::managerCount() == 1 && instruction();
         };
-        ASSERT_TRUE(overtake([this] { m_manager.emplace(false); }, timeQ,
+        bool resetQ = false;
+        EXPECT_TRUE(overtake([this] { m_manager.emplace(false); }, timeQ,
                              [&] {
-                                 late = mayHandleQ(SIGINT);
-                                 other.emplace(false);
-                                 other->setSignalDisposition(SIGQUIT, false);
+                                 resetQ = mayHandleQ(SIGINT);
+                                 m_other.emplace(false);
+                                 m_other->setSignalDisposition(SIGQUIT, false);
                              }));
-        ASSERT_TRUE(mayHandleQ(SIGINT)) << "at instruction " << number;
-        ASSERT_FALSE(mayHandleQ(SIGQUIT)) << "at instruction " << number;
-        other.reset();
+        EXPECT_TRUE(mayHandleQ(SIGINT)) << "at instruction " << number;
+        EXPECT_FALSE(mayHandleQ(SIGQUIT)) << "at instruction " << number;
+        m_other.reset();
+        return resetQ;
+    }
+
+    std::optional<Manager> m_other;
+};
+
+// The other one may come at any time until the answers are reset, and an answer of its own stays.
+// Early on the instructions are much alike, so only some of them are looked at.
+TEST_F(OvertakenFirstManager, LeavesTablesAndAnswersToAnotherThatIsMadeAtOnce) {
+    constexpr unsigned int lastOnes = 100;
+    constexpr unsigned int stride = 37;
+    const unsigned int last =
+        lastBefore([this](unsigned int number) { return overtakenAt(number); });
+    unsigned int number = 1;
+    for (; number + lastOnes < last; number += stride) {
+        ASSERT_FALSE(overtakenAt(number));
+    }
+    for (; number <= last && !HasFailure(); ++number) {
+        ASSERT_FALSE(overtakenAt(number));
     }
 }
 
