@@ -26,7 +26,7 @@ import xml.etree.ElementTree
 
 LISTS = pathlib.Path("tests/mutants")
 DROPPED = LISTS / "dropped.toml"
-MODEL = pathlib.Path("model/registry.pml")
+MODELS = pathlib.Path("model")
 WORK = pathlib.Path("build/mutants")
 PRESET = "mutants"
 LIBRARY = "sorvane-signals-static"
@@ -126,9 +126,9 @@ def read_mistake(entry, path):
               "name": field(entry, "name", str, path), "what": field(entry, "what", str, path),
               "extra": entry.get("extra", False)}
     if "model" in entry:
-        return Mistake(**common, file=str(MODEL), old="", new="", tests=[],
-                       variant=field(entry, "model", str, path),
-                       configuration=tuple(field(entry, "configuration", list, path)))
+        model, _, variant = field(entry, "model", str, path).partition(" ")
+        return Mistake(**common, file=str(MODELS / f"{model}.pml"), old="", new="", tests=[],
+                       variant=variant, configuration=tuple(entry.get("configuration", [])))
     if not isinstance(entry.get("to"), str):
         raise Problem(f"{path}: an entry ({entry.get('name')}) lacks 'to'")
     return Mistake(**common, file=field(entry, "file", str, path),
@@ -418,22 +418,24 @@ class ModelTrial:
         self._log = log
 
     def outcome(self):
-        self._mistake.check_variant(MODEL.read_text(encoding="utf-8"))
+        model = pathlib.Path(self._mistake.file)
+        self._mistake.check_variant(model.read_text(encoding="utf-8"))
         folder = WORK / "model" / self._mistake.name
         folder.mkdir(parents=True, exist_ok=True)
-        for command in self._commands():
+        for command in self._commands(model):
             if processes.run(command, self._log, folder=folder, limit=LIMIT_OF_THE_MODEL) != 0:
                 return Outcome(self._mistake, "the model could not be checked to its end")
         self._log.flush()
         if "assertion violated" not in pathlib.Path(self._log.name).read_text(encoding="utf-8"):
             return Outcome(self._mistake, "NOT CAUGHT by the model")
-        return Outcome(self._mistake, "caught", f"the model with {self._mistake.variant}")
+        return Outcome(self._mistake, "caught",
+                       f"{model} with {self._mistake.variant}")
 
-    def _commands(self):
+    def _commands(self, model):
         definitions = [f"-D{name}" for name in (self._mistake.variant, *self._mistake.configuration)]
-        return [["spin", *definitions, "-a", str(MODEL.resolve())],
-                ["gcc", "-O1", "-w", "-DSAFETY", "-DCOLLAPSE", "-DNOREDUCE", "-DMEMLIM=2000", "-o",
-                 "pan", "pan.c"],
+        return [["spin", *definitions, "-a", str(model.resolve())],
+                ["gcc", "-O1", "-w", "-DSAFETY", "-DCOLLAPSE", "-DNOREDUCE", "-DMEMLIM=2000",
+                 "-DVECTORSZ=2048", "-o", "pan", "pan.c"],
                 ["./pan", "-m2000000"]]
 
 
@@ -526,7 +528,9 @@ class Run:
 
     def measure(self):
         """Runs every likely test with the right code: they must pass, and take their time."""
-        wanted = self._likely(self.trees[0].tests()) if self._needs_builds() else []
+        if not self._needs_builds():
+            return {}
+        wanted = self._likely(self.trees[0].tests())
         waiting = queue.SimpleQueue()
         for test in wanted:
             waiting.put(test)
@@ -601,10 +605,15 @@ def report(outcomes, left_out, dropped):
     return caught == len(outcomes)
 
 
+class OneLineParser(argparse.ArgumentParser):
+    def error(self, message):
+        print(f"dev: mutants: {message}", file=sys.stderr)
+        sys.exit(2)
+
+
 def arguments():
-    parser = argparse.ArgumentParser(
-        prog="./dev mutants", description="Plants mistakes one at a time and looks whether the "
-        "tests catch them.", exit_on_error=True)
+    parser = OneLineParser(prog="./dev mutants", description="Plants mistakes one at a time and "
+                           "looks whether the tests catch them.")
     parser.add_argument("names", nargs="*", metavar="NAME",
                         help="a promise or a mistake; if none is named, all but those that are "
                         "marked as extra")
