@@ -26,10 +26,8 @@ TEST_F(RegistryVersion, IsReleasedOnceItsLateReaderHasGoneWhicheverInstructionHe
         ++number;
         Version* const version = Version::make();
         version->retire();
-        unsigned int instructions = 0;
-        ASSERT_TRUE(overtake(
-            &Version::reclaimUnread, [&] { return ++instructions == number; },
-            [version] { version->pin(); }));
+        ASSERT_TRUE(overtake(&Version::reclaimUnread, atInstruction(number),
+                             [version] { version->pin(); }));
         tooLate = version->takeQ();
         version->unpin();
         if (!tooLate) {
@@ -51,7 +49,6 @@ TEST_F(RegistryVersion, IsReleasedOnceByWhoeverOfTwoComesFirstWhicheverInstructi
         ++number;
         Version* const version = Version::make();
         version->retire();
-        unsigned int instructions = 0;
         bool usedAgain = false;
         const auto releaseAndUseAgain = [&] {
             tooLate = version->takeQ();
@@ -64,8 +61,7 @@ TEST_F(RegistryVersion, IsReleasedOnceByWhoeverOfTwoComesFirstWhicheverInstructi
                 version->insert(anyKey, nullptr);
             }
         };
-        ASSERT_TRUE(overtake(
-            &Version::reclaimUnread, [&] { return ++instructions == number; }, releaseAndUseAgain));
+        ASSERT_TRUE(overtake(&Version::reclaimUnread, atInstruction(number), releaseAndUseAgain));
         ASSERT_EQ(version->used, usedAgain ? 1U : 0U) << "with the other at instruction " << number;
         ASSERT_EQ(version->takeQ(), !usedAgain && !tooLate)
             << "with the other at instruction " << number;
