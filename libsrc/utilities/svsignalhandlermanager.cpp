@@ -89,22 +89,16 @@ SVMutexHandle* SVSignalHandlerManager::lockHandle() const {
 
 namespace {
 
-// Ends a teardown as failed unless it is told that all handlers are back.
-class FailingTeardown {
+// A teardown that is left before it is complete has failed: a handler could not be put back.
+class FailedUnlessComplete {
 public:
-    explicit FailingTeardown(SVLifecycle::Teardown teardown) : m_teardown(teardown) {}
-    FailingTeardown(const FailingTeardown&) = delete;
-    FailingTeardown& operator=(const FailingTeardown&) = delete;
-    ~FailingTeardown() {
-        if (m_failing) {
-            SVLifecycle::teardownFailed(m_teardown);
-        }
-    }
-    void goOn() { m_failing = false; }
+    explicit FailedUnlessComplete(SVLifecycle::Teardown teardown) : m_teardown(teardown) {}
+    FailedUnlessComplete(const FailedUnlessComplete&) = delete;
+    FailedUnlessComplete& operator=(const FailedUnlessComplete&) = delete;
+    ~FailedUnlessComplete() { SVLifecycle::teardownFailed(m_teardown); }
 
 private:
     const SVLifecycle::Teardown m_teardown;
-    bool m_failing = true;
 };
 
 }  // namespace
@@ -116,7 +110,7 @@ void SVSignalHandlerManager::tearDown(unsigned int teardown) {
     const auto wanted = [teardown] { return SVLifecycle::currentTeardown() == teardown; };
     {
         const SVRegistryPin pin;
-        FailingTeardown failing(teardown);
+        const FailedUnlessComplete failedUnlessComplete(teardown);
         SVMutex scope;
         scope.setHandle(lockHandle());
         forEachPreexisting(pin, [&](SVSignalHandler& record) {
@@ -129,7 +123,6 @@ void SVSignalHandlerManager::tearDown(unsigned int teardown) {
             }
             return wanted();
         });
-        failing.goOn();
         SVLifecycle::resetDispositions(teardown);
         if (!wanted()) {
             return;
