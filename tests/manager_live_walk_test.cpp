@@ -132,6 +132,43 @@ TEST_F(LiveWalk, HandlersThatAreClearedBeforeTheirTurnAreNotCalled) {
     expectThoseThatStayedCalledOnceAndTheClearedOnesNot(actors);
 }
 
+// Each makes the walk go on with another version, and what makes use of the storage of those that
+// nobody reads any more; the last but one has the last one not called.
+template <std::size_t number>
+void replacing(int signalNumber);
+constexpr std::array<SimpleHandler, 4> replacingHandlers = {&replacing<0>, &replacing<1>,
+                                                            &replacing<2>, &replacing<3>};
+template <std::size_t number>
+void replacing(int signalNumber) {
+    noteCall(addressOf(&replacing<number>), signalNumber);
+    Manager inHandler(false);
+    Record itself = userRecord(signalNumber, &replacing<number>);
+    inHandler.setHandler(itself);
+    for (int other = 0; other < 4; ++other) {
+        inHandler.setHandlerFromFunction(SIGRTMIN + 4 * static_cast<int>(callCount()) + other,
+                                         otherUserHandler);
+    }
+    if (callCount() == replacingHandlers.size() - 1) {
+        for (const SimpleHandler handler : replacingHandlers) {
+            Record invalid(signalNumber, handler, false, false, false);
+            inHandler.setHandler(invalid);
+        }
+    }
+}
+
+TEST_F(LiveWalk, FollowsOneChangeAfterTheOther) {
+    Manager manager(true);
+    for (const SimpleHandler handler : replacingHandlers) {
+        manager.setHandlerFromFunction(SIGUSR1, handler);
+    }
+    manager.startHandlingSignals();
+    raise(SIGUSR1);
+    EXPECT_EQ(callCount(), replacingHandlers.size() - 1);
+    for (const SimpleHandler handler : replacingHandlers) {
+        EXPECT_LE(callsOf(handler), 1U);
+    }
+}
+
 // --- After a rebuild ---------------------------------------------------------------------------
 
 // A sixth record needs a rebuild, which moves the others to other slots.
@@ -187,6 +224,41 @@ TEST_F(LiveWalk, WhoseTableIsRebuiltPassesOverWhatIsNotValid) {
     EXPECT_EQ(callsOf(last), 0U);
     EXPECT_EQ(callCount(), actors - 1);
     EXPECT_EQ(recordCount(SIGUSR1), actors + 1);
+}
+
+// So aligned, they all belong in the first slot of a small table.
+[[gnu::aligned(64)]] void clearedInTheFirstSlot(int) {}
+[[gnu::aligned(64)]] void addManyOthers(int signalNumber) {
+    noteCall(addressOf(&addManyOthers), signalNumber);
+    Manager inHandler(false);
+    for (std::size_t i = 0; i < 6; ++i) {
+        inHandler.setHandlerFromFunction(signalNumber, numberedHandlers.at(i));
+    }
+}
+
+bool deletedSlotHoldsQ(int signalNumber, SimpleHandler handler) {
+    const HandlerTable& table = *tableOf(signalNumber);
+    bool foundQ = false;
+    for (unsigned int i = 0; i <= table.mask; ++i) {
+        foundQ = foundQ || (table.table[i].state == Sorvane::svslotDeleted &&
+                            table.table[i].key == addressOf(handler));
+    }
+    return foundQ;
+}
+
+// A record that is cleared stays in its slot, and the same handler may stand in another one.
+TEST_F(LiveWalk, WhoseTableIsRebuiltPassesOverSlotsThatAreCleared) {
+    Manager manager(true);
+    manager.setHandlerFromFunction(SIGUSR1, clearedInTheFirstSlot);
+    manager.setHandlerFromFunction(SIGUSR1, addManyOthers);
+    manager.clearHandlerWithFunction(SIGUSR1, clearedInTheFirstSlot);
+    manager.clearHandlerWithFunction(SIGUSR1, addManyOthers);
+    manager.setHandlerFromFunction(SIGUSR1, addManyOthers);
+    ASSERT_TRUE(deletedSlotHoldsQ(SIGUSR1, addManyOthers));
+    manager.handleSignal(SIGUSR1);
+    raise(SIGUSR1);
+    EXPECT_EQ(callCount(), 1U);
+    EXPECT_FALSE(deletedSlotHoldsQ(SIGUSR1, addManyOthers)) << "it was not rebuilt";
 }
 
 HandlerTable* takenOut = nullptr;

@@ -138,12 +138,15 @@ TEST_F(KeptSignal, IsNoFaultOfTheThreadThatTakesItOver) {
 
 TEST_F(KeptSignal, MayBeOneOfAFaultThatWasOnlySent) {
     takeOver(SIGSEGV);
-    {
-        const SVTakeOver takingOver(SIGSEGV);
-        sendToSelf(SIGSEGV, SI_QUEUE);
-        EXPECT_EQ(callCount(), 0U);
+    for (const int code : {SI_QUEUE, SI_USER, SI_TKILL}) {
+        forgetCalls();
+        {
+            const SVTakeOver takingOver(SIGSEGV);
+            sendToSelf(SIGSEGV, code);
+            EXPECT_EQ(callCount(), 0U) << code;
+        }
+        expectDispatchedHere(code);
     }
-    expectDispatchedHere(SI_QUEUE);
 }
 
 TEST_F(KeptSignal, IsKeptUntilTheLastOfTwoWhoTakeItOverIsDone) {
@@ -186,7 +189,8 @@ void waitForManagers(unsigned int number) {
     }
 }
 
-// It comes again and again for as long, each time with a manager of its own.
+// It comes again and again for as long, each time with a manager of its own. That its thread has
+// taken the signal over itself is over.
 TEST_F(KeptSignal, IsNoFaultOfAnotherThreadWhichComesAgainUntilItIsTakenOver) {
     const ClosedPage page;
     closedPage = &page;
@@ -196,6 +200,7 @@ TEST_F(KeptSignal, IsNoFaultOfAnotherThreadWhichComesAgainUntilItIsTakenOver) {
     std::optional<SVTakeOver> takingOver(std::in_place, SIGSEGV);
     JoiningThread other([&] {
         faulty = gettid();
+        { const SVTakeOver earlier(SIGSEGV); }
         writeTo(page.address());
     });
     waitForManagers(2);
@@ -256,6 +261,25 @@ private:
     Gate m_over;
     JoiningThread m_thread;
 };
+
+// The kernel would not let this thread send most of these as they are.
+TEST_F(KeptSignal, OfAnotherThreadArrivesThereWithItsCode) {
+    constexpr int lastKnownCode = 0x1000;
+    for (const int code :
+         {static_cast<int>(SI_USER), static_cast<int>(SI_TKILL), static_cast<int>(SI_KERNEL),
+          lastKnownCode, static_cast<int>(SI_QUEUE), static_cast<int>(SI_TIMER)}) {
+        forgetCalls();
+        std::optional<SVTakeOver> takingOver(std::in_place, queued);
+        const SendingThread sender(code);
+        takingOver.reset();
+        while (callCount() == 0) {
+            std::this_thread::yield();
+        }
+        EXPECT_NE(lastCall().thread, gettid()) << code;
+        EXPECT_EQ(lastCall().informationCopy.si_code, code);
+        EXPECT_NE(lastCall().context, nullptr) << code;
+    }
+}
 
 // The thread is joined before the kernel has quite done with it.
 void sendOnAThreadThatEnds(int code) {
