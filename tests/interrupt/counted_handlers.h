@@ -19,11 +19,9 @@ inline std::array<std::atomic<unsigned int>, countedHandlers> calls;
 inline std::atomic<unsigned long> sumOfValues;
 inline std::atomic<bool> informationWhole{true};
 
-/// One-argument handlers, users' or the host's. Their addresses hash to the same slot of every
-/// table of up to 64 slots, so that which records stand in each other's way does not depend on
-/// where the linker has put them.
+/// One-argument handlers, users' or the host's.
 template <std::size_t number>
-[[gnu::aligned(64)]] void counted(int) {
+void counted(int) {
     static_assert(number < countedHandlers);
     ++calls[number];
 }
