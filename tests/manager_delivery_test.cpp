@@ -717,6 +717,18 @@ void handlerThatInstallsTheHosts(int signalNumber) {
     std::signal(signalNumber, hostHandler);
 }
 
+TEST_F(Delivery, InstallsTheManagersHandlerAgainAfterAHostsReplacedItOfAFatalSignal) {
+    for (const int signalNumber : {SIGSEGV, SIGBUS, SIGHUP}) {
+        hostInstalls(signalNumber, handlerThatReplacesTheAction);
+        Manager manager(true);
+        manager.handleSignal(signalNumber);
+        raise(signalNumber);
+        EXPECT_TRUE(takenOverQ(signalNumber)) << signalNumber;
+        manager.stopHandlingSignal(signalNumber);
+    }
+    EXPECT_EQ(callsOf(handlerThatReplacesTheAction), 3U);
+}
+
 TEST_F(Delivery, ForgetsTheActionThatAHandlerInstalled) {
     Manager manager(true);
     manager.setHandlerFromFunction(SIGUSR1, handlerThatInstallsTheHosts);

@@ -281,7 +281,11 @@ protected:
             handleSignalOfHost();
         }
     }
+    // The last one tears down what is there, because it has handled signals.
     void TearDown() override {
+        if (m_other) {
+            m_other->startHandlingSignals();
+        }
         m_other.reset();
         EXPECT_FALSE(handlingQ());
         EXPECT_EQ(Manager::handlerTables, nullptr);
@@ -300,6 +304,18 @@ protected:
     void completeInOther() {
         makeOther();
         m_other->startHandlingSignals();
+    }
+    // The teardown has just begun.
+    void completeInOtherBy(const std::function<void()>& act) {
+        const auto goesOnQ = [] { return SVLifecycle::currentTeardown() != 0; };
+        EXPECT_TRUE(lastManagerGoesOvertakenBy(
+            [&] {
+                makeOther();
+                EXPECT_TRUE(goesOnQ());
+                act();
+                EXPECT_FALSE(goesOnQ());
+            },
+            goesOnQ));
     }
     void takeOverInOther() {
         makeOther();
@@ -332,6 +348,32 @@ TEST_F(OvertakenTeardown, GivesNothingBackWhenSomebodyHasCompletedItBeforeItsFir
     expectTakenOverFromHost();
 }
 
+TEST_F(OvertakenTeardown, IsCompletedByWhoeverTakesASignalOverMeanwhile) {
+    completeInOtherBy([this] { m_other->handleSignal(SIGUSR1); });
+    EXPECT_TRUE(signalTakenOverQ());
+    EXPECT_NE(recordOf(SIGUSR1, hostHandler), nullptr);
+    EXPECT_EQ(recordCount(SIGUSR1), 1U) << "the other records have gone with the manager";
+}
+
+TEST_F(OvertakenTeardown, IsCompletedByWhoeverRegistersMeanwhile) {
+    completeInOtherBy([this] { m_other->setHandlerFromFunction(SIGUSR1, otherUserHandler); });
+    EXPECT_TRUE(hostHandlesSignalQ());
+    EXPECT_EQ(recordCount(SIGUSR1), 1U);
+    EXPECT_NE(recordOf(SIGUSR1, otherUserHandler), nullptr);
+}
+
+TEST_F(OvertakenTeardown, IsCompletedByWhoeverClearsMeanwhile) {
+    completeInOtherBy([this] { m_other->clearHandlerWithFunction(SIGUSR1, otherUserHandler); });
+    EXPECT_TRUE(hostHandlesSignalQ());
+    EXPECT_EQ(recordCount(SIGUSR1), 0U);
+}
+
+TEST_F(OvertakenTeardown, IsCompletedByWhoeverHandsASignalBackMeanwhile) {
+    completeInOtherBy([this] { m_other->stopHandlingSignal(SIGUSR1); });
+    EXPECT_TRUE(hostHandlesSignalQ());
+    EXPECT_EQ(recordCount(SIGUSR1), 0U);
+}
+
 TEST_F(OvertakenTeardown, TakesBackALateHandBackOfWhatWasTakenOverAnew) {
     EXPECT_TRUE(lastManagerGoesOvertakenBy([this] { takeOverInOther(); }, hostsSignalQ));
     expectTakenOverFromHost();
@@ -356,7 +398,6 @@ TEST_F(OvertakenTeardown, LeavesTablesToAManagerThatIsMadeMeanwhile) {
     EXPECT_TRUE(hostHandlesSignalQ());
     EXPECT_NE(Manager::handlerTables, nullptr);
     EXPECT_EQ(recordCount(SIGUSR1), 0U);
-    m_other->startHandlingSignals();
 }
 
 TEST_F(OvertakenTeardown, LeavesItsTablesToAManagerThatIsMadeWhenThereAreNone) {
@@ -369,7 +410,6 @@ TEST_F(OvertakenTeardown, LeavesItsTablesToAManagerThatIsMadeWhenThereAreNone) {
         noTablesQ));
     EXPECT_NE(Manager::handlerTables, nullptr);
     EXPECT_FALSE(mayHandleQ(SIGINT));
-    m_other->startHandlingSignals();
 }
 
 // Whether anybody needs tables has been asked, and they are about to go.
@@ -384,7 +424,6 @@ TEST_F(OvertakenTeardown, MakesTablesForAManagerThatIsMadeJustBeforeTheyGo) {
     });
     EXPECT_TRUE(lastManagerGoesOvertakenBy([this] { makeOther(); }, atInstruction(justBefore)));
     EXPECT_NE(Manager::handlerTables, nullptr);
-    m_other->startHandlingSignals();
 }
 
 // --- The first manager comes -------------------------------------------------------------------
