@@ -170,6 +170,14 @@ TEST_F(OvertakenHandBack, ComesBeforeATakeOverThatHasInstalledTheLibrary) {
     EXPECT_TRUE(signalTakenOverQ());
 }
 
+TEST_F(OvertakenHandBack, NeverIgnoresASignalThatIsBeingTakenOver) {
+    m_manager->handleSignal(SIGUSR1);
+    const SVTakeOver takingOver(SIGUSR1);
+    EXPECT_FALSE(
+        overtake([this] { m_manager->stopHandlingSignal(SIGUSR1); }, signalIgnoredQ, [] {}));
+    EXPECT_TRUE(signalTakenOverQ());
+}
+
 TEST_F(OvertakenHandBack, StandsWhenATakeOverHasInstalledNothingYet) {
     std::optional<SVTakeOver> takingOver;
     handBackOvertakenBy([&takingOver] { takingOver.emplace(SIGUSR1); });
