@@ -178,6 +178,14 @@ TEST_F(OvertakenHandBack, NeverIgnoresASignalThatIsBeingTakenOver) {
     EXPECT_TRUE(signalTakenOverQ());
 }
 
+TEST_F(OvertakenHandBack, GivesBackWhatIsOnRecordAlthoughTheSignalIsBeingTakenOverAgain) {
+    hostInstalls(SIGUSR1, hostHandler);
+    m_manager->handleSignal(SIGUSR1);
+    const SVTakeOver takingOver(SIGUSR1);
+    m_manager->stopHandlingSignal(SIGUSR1);
+    EXPECT_TRUE(hostHandlesSignalQ());
+}
+
 TEST_F(OvertakenHandBack, StandsWhenATakeOverHasInstalledNothingYet) {
     std::optional<SVTakeOver> takingOver;
     handBackOvertakenBy([&takingOver] { takingOver.emplace(SIGUSR1); });
