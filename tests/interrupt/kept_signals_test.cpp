@@ -269,12 +269,12 @@ TEST_F(KeptSignal, OfAnotherThreadArrivesThereWithItsCode) {
          {static_cast<int>(SI_USER), static_cast<int>(SI_TKILL), static_cast<int>(SI_KERNEL),
           lastKnownCode, static_cast<int>(SI_QUEUE), static_cast<int>(SI_TIMER)}) {
         forgetCalls();
-        std::optional<SVTakeOver> takingOver(std::in_place, queued);
-        const SendingThread sender(code);
-        takingOver.reset();
-        while (callCount() == 0) {
-            std::this_thread::yield();
+        {
+            std::optional<SVTakeOver> takingOver(std::in_place, queued);
+            const SendingThread sender(code);
+            takingOver.reset();
         }
+        ASSERT_EQ(callCount(), 1U) << code;
         EXPECT_NE(lastCall().thread, gettid()) << code;
         EXPECT_EQ(lastCall().informationCopy.si_code, code);
         EXPECT_NE(lastCall().context, nullptr) << code;
