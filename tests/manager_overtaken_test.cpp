@@ -10,6 +10,7 @@
 #include <optional>
 
 #include "support/failure.h"
+#include "support/faults.h"
 #include "support/manager_fixture.h"
 #include "support/overtaking.h"
 
@@ -147,6 +148,51 @@ TEST_F(OvertakenStart, FailsAtASignalThatIsRegisteredForOnceSignalsAreHandled) {
                         handlingQ);
                 }).has_value());
     EXPECT_FALSE(handlingQ());
+}
+
+// --- Taking over -------------------------------------------------------------------------------
+
+const ClosedPage* closedPage = nullptr;
+
+void openClosedPage(int signalNumber) {
+    closedPage->open();
+    noteCall(addressOf(&openClosedPage), signalNumber);
+}
+
+class OvertakenTakeOver : public Overtaken {
+protected:
+    ~OvertakenTakeOver() noexcept override = default;
+
+    // The host has the signal, and nothing is on record.
+    void startOver() {
+        m_manager.reset();
+        m_manager.emplace(false);
+        hostInstalls(SIGSEGV, openClosedPage);
+        m_manager->handleSignal(SIGUSR1);
+    }
+    bool overtakenAt(unsigned int number, const std::function<void()>& act) {
+        return overtake([this] { m_manager->handleSignal(SIGSEGV); }, atInstruction(number), act);
+    }
+};
+
+// The host's handler is about to be put on record, and a handler that comes in between needs it.
+TEST_F(OvertakenTakeOver, IsCompletedForAFaultOfAHandlerOnItsThread) {
+    const ClosedPage page;
+    closedPage = &page;
+    const unsigned int justBefore = lastBefore([this](unsigned int number) {
+        startOver();
+        bool onRecordQ = false;
+        const bool overtakenQ = overtakenAt(
+            number, [&onRecordQ] { onRecordQ = recordOf(SIGSEGV, openClosedPage) != nullptr; });
+        m_manager->startHandlingSignals();
+        return onRecordQ || !overtakenQ;
+    });
+    startOver();
+    EXPECT_TRUE(overtakenAt(justBefore, [&page] { writeTo(page.address()); }));
+    EXPECT_EQ(readFrom(page.address()), 1);
+    EXPECT_EQ(callsOf(openClosedPage), 1U);
+    EXPECT_EQ(recordCount(SIGSEGV), 1U);
+    EXPECT_TRUE(takenOverQ(SIGSEGV));
 }
 
 // --- Handing one signal back -------------------------------------------------------------------
