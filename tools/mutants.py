@@ -39,7 +39,7 @@ COPIED = ["CMakeLists.txt", "CMakePresets.json", "README.md", "cmake", "examples
 
 # A test that takes this much longer than with the right code hangs.
 SLOWDOWN_OF_A_HANG = 10
-SHORTEST_HANG = 20.0
+SHORTEST_HANG = 10.0
 # Every planted mistake of the model is found in a few seconds.
 LIMIT_OF_THE_MODEL = 120.0
 # What a mistake that allocates without end may have.
