@@ -16,10 +16,12 @@
 #include <cerrno>
 #include <chrono>
 #include <csignal>
+#include <cstddef>
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
 #include <functional>
+#include <latch>
 #include <string>
 #include <thread>
 #include <vector>
@@ -250,11 +252,16 @@ void setMask(int how) {
     pthread_sigmask(how, &signals, nullptr);
 }
 
+// No thread ends before all are done: what is sent to one that is just ending goes with it.
 void storm(const std::vector<std::function<void()>>& bodies) {
     over = false;
+    std::latch done(static_cast<std::ptrdiff_t>(bodies.size()));
     std::vector<std::thread> threads;
     for (const auto& body : bodies) {
-        threads.emplace_back(body);
+        threads.emplace_back([&body, &done] {
+            body();
+            done.arrive_and_wait();
+        });
     }
     setMask(SIG_BLOCK);
     waitAndTell();
