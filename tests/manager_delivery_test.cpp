@@ -713,10 +713,6 @@ TEST_F(Delivery, InstallsTheManagersHandlerAgainAfterAHandlerReplacedIt) {
     EXPECT_EQ(recordCount(SIGUSR1), 1U) << "the action that was replaced is kept nowhere";
 }
 
-void handlerThatInstallsTheHosts(int signalNumber) {
-    std::signal(signalNumber, hostHandler);
-}
-
 TEST_F(Delivery, InstallsTheManagersHandlerAgainAfterAHostsReplacedItOfAFatalSignal) {
     for (const int signalNumber : {SIGSEGV, SIGBUS, SIGHUP}) {
         hostInstalls(signalNumber, handlerThatReplacesTheAction);
@@ -727,6 +723,10 @@ TEST_F(Delivery, InstallsTheManagersHandlerAgainAfterAHostsReplacedItOfAFatalSig
         manager.stopHandlingSignal(signalNumber);
     }
     EXPECT_EQ(callsOf(handlerThatReplacesTheAction), 3U);
+}
+
+void handlerThatInstallsTheHosts(int signalNumber) {
+    std::signal(signalNumber, hostHandler);
 }
 
 TEST_F(Delivery, ForgetsTheActionThatAHandlerInstalled) {

@@ -522,10 +522,14 @@ protected:
 };
 
 // The other one may come at any time until the answers are reset, and an answer of its own stays.
-// Early on the instructions are much alike, so only some of them are looked at.
+// Where the library counts what runs, a step takes so long that early on only some are looked at.
 TEST_F(OvertakenFirstManager, LeavesTablesAndAnswersToAnotherThatIsMadeAtOnce) {
     constexpr unsigned int lastOnes = 100;
+#ifdef SORVANE_TESTS_COUNTED
     constexpr unsigned int stride = 37;
+#else
+    constexpr unsigned int stride = 1;
+#endif
     const unsigned int last =
         lastBefore([this](unsigned int number) { return overtakenAt(number); });
     unsigned int number = 1;

@@ -127,6 +127,8 @@ def read_mistake(entry, path):
               "extra": entry.get("extra", False)}
     if "model" in entry:
         model, _, variant = field(entry, "model", str, path).partition(" ")
+        if not variant or not (MODELS / f"{model}.pml").is_file():
+            raise Problem(f"{path}: {entry['name']} names no model and a mistake in it")
         return Mistake(**common, file=str(MODELS / f"{model}.pml"), old="", new="", tests=[],
                        variant=variant, configuration=tuple(entry.get("configuration", [])))
     if not isinstance(entry.get("to"), str):
@@ -428,8 +430,7 @@ class ModelTrial:
         self._log.flush()
         if "assertion violated" not in pathlib.Path(self._log.name).read_text(encoding="utf-8"):
             return Outcome(self._mistake, "NOT CAUGHT by the model")
-        return Outcome(self._mistake, "caught",
-                       f"{model} with {self._mistake.variant}")
+        return Outcome(self._mistake, "caught", f"{model} with {self._mistake.variant}")
 
     def _commands(self, model):
         definitions = [f"-D{name}" for name in (self._mistake.variant, *self._mistake.configuration)]

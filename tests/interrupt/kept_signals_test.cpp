@@ -190,7 +190,7 @@ void waitForManagers(unsigned int number) {
 }
 
 // It comes again and again for as long, each time with a manager of its own. That its thread has
-// taken the signal over itself is over.
+// taken the signal over before changes nothing.
 TEST_F(KeptSignal, IsNoFaultOfAnotherThreadWhichComesAgainUntilItIsTakenOver) {
     const ClosedPage page;
     closedPage = &page;
