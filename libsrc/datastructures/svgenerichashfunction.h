@@ -11,6 +11,8 @@ namespace Sorvane {
 
 /// Hashes a key to its own bits, read as a 32-bit unsigned value: of a 64-bit pointer, the low
 /// ones. Nothing is mixed; the table's probe sequence does the spreading.
+///
+/// Signal context: any.
 template <typename K>
 class SORVANE_API SVGenericHashFunction : public SVObject {
 public:
@@ -19,8 +21,7 @@ public:
     SVGenericHashFunction& operator=(const SVGenericHashFunction&) noexcept = default;
     ~SVGenericHashFunction() noexcept override {}
 
-    /// Parameters: key. Ownership: none. Result: the hash. Errors: none. Guarantee: no exception.
-    /// Threads: any. Signal context: any context.
+    /// The key's hash.
     unsigned int operator()(const K& key) const noexcept { return bits(key); }
 
 private:

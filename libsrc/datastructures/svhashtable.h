@@ -18,15 +18,11 @@
 // Growth. When an insertion leaves `fill`, the occupied and deleted slots, at two thirds of the
 // addressable slots or above, the table is rebuilt, without its deleted slots, at a size that
 // follows from `used` alone: it may come out larger, the same, or smaller.
-//
-// A rebuild makes every iterator and every pointer to an entry stale. The table has no lock and no
-// atomic field; its users serialise their access.
 #ifndef SORVANE_SVHASHTABLE_H
 #define SORVANE_SVHASHTABLE_H
 
 #include <cstddef>
 #include <cstdint>
-#include <optional>
 #include <ostream>
 
 #include "../support/svexport.h"
@@ -42,10 +38,17 @@ namespace Sorvane {
 /// assignment; V needs a default constructor, copy assignment and a destructor, no more.
 ///
 /// The table owns its slots and the values in them, but nothing that a pointer value points to.
-/// The fields are open to be read; they are changed by the operations only.
+/// The fields are open to be read; they are changed by the operations only. A rebuild makes every
+/// iterator, and every pointer or reference into the table, stale.
 ///
-/// For every operation that does not say otherwise: threads, any, as long as nobody changes the
-/// table at the same time; signal context, normal context only.
+/// For every operation that does not say otherwise:
+/// - Threads: any, as long as nobody changes the table meanwhile: it has no lock and no atomic
+///   field. A handler that interrupts a change counts as another thread.
+/// - Signal context: any, as far as K and V allow; but inside a handler that the library dispatched
+///   for what allocates or releases memory: insert(), resize(), operator[] for an absent key, and
+///   the destructor.
+/// - Errors: what the operations of K and V throw; keys may then be lost. The table's own failures
+///   are SVExceptions with code 0, and an allocation that fails leaves the table as it was.
 template <typename K, typename V, typename H = SVGenericHashFunction<K>>
 class SORVANE_API SVHashTable : public SVObject {
 public:
@@ -60,7 +63,6 @@ public:
     static constexpr unsigned int resizeDone = 2;
 
     /// Makes an empty table on its inline slots.
-    /// Errors: what V's default constructor throws.
     SVHashTable() : used(0), fill(0), mask(inlineSlots - 1), table(smalltable) {}
 
     SVHashTable(const SVHashTable&) = delete;
@@ -69,65 +71,63 @@ public:
     /// Destroys every slot and its value, and releases the heap array if there is one.
     ~SVHashTable() noexcept override {
         if (mask + 1 > inlineSlots) {
-            releaseSlots(table);
+            delete[] table;
         }
     }
 
-    /// Finds the slot that holds a key, or else the slot where it would go.
-    /// Parameters: key; hash, the key's hash. Ownership: the slot stays the table's.
-    /// Result: the slot, never null. Errors: none thrown. Guarantee: no exception.
-    /// Signal context: any context.
+    /// The slot that holds a key, or else the slot where it would go; never null. The hash is the
+    /// key's, by hashFunction.
     Entry* lookup(const K& key, unsigned int hash) const;
 
-    /// Whether the table holds a key, and the slot that does (null when none does).
-    /// Parameters: key. Ownership: the slot stays the table's. Errors: none thrown.
-    /// Guarantee: no exception. Signal context: any context.
+    /// Whether the table holds a key.
     bool has_key(const K& key) const {
         return lookup(key, hashFunction(key))->state == svslotOccupied;
     }
+    /// The slot that holds a key; null when none does.
     Entry* get(const K& key) const {
         Entry* const entry = lookup(key, hashFunction(key));
         return (entry == nullptr || entry->state != svslotOccupied) ? nullptr : entry;
     }
 
-    /// Stores a key and its value, or replaces the value, without growing.
-    /// Parameters: key, value. Ownership: both are copied.
-    /// Result: insertStored, or insertNoSlot when there is no slot to store in.
-    /// Errors: what the assignments of K and V throw. Guarantee: basic.
+    /// Stores a key and its value, or replaces the value, without growing: the caller sees to it
+    /// that a slot stays empty, or the walk for an absent key may never end.
+    /// Result: insertStored; insertNoSlot if lookup() gave null, which it never does.
     unsigned int insert_helper(const K& key, const V& value);
 
-    /// Rebuilds the table without its deleted slots.
-    /// Parameters: minused, which the number of addressable slots will exceed; the least is 8. The
-    ///   keys must fit with room to spare, or their walk never ends: insert() asks for twice `used`
-    ///   at least.
-    /// Ownership: none.
+    /// Rebuilds the table without its deleted slots: for a minused below 8 on its inline slots,
+    /// otherwise with the smallest power of two above minused, 16 at least. minused is below 2^31,
+    /// and the keys must fit with room to spare, or their walk never ends: insert() asks for twice
+    /// `used` at least.
+    ///
     /// Result: resizeNothing when the table is on its inline slots, is to stay there and has no
-    ///   deleted slot; resizeFailed when a key could not be stored again; resizeDone.
-    /// Errors: SVException "Unable to allocate space for new table.", kind 5, code 0.
-    /// Guarantee: strong for that exception.
+    /// deleted slot; resizeFailed when a key could not be stored again, which can't happen;
+    /// otherwise resizeDone.
+    /// Errors: "Unable to allocate space for new table.", kind 5.
     unsigned int resize(unsigned int minused);
 
-    /// Stores a key and its value, or replaces the value, and grows when needed.
-    /// Parameters: key, value. Ownership: both are copied. Result: none.
-    /// Errors: SVException "Unable to allocate space for new table.", kind 5, code 0, when the
-    ///   growth that the insertion needs can't have its memory; kind 20, code 0, for what can't
-    ///   happen: "Error ocurred while resizing table.", "Error occurred while inserting." and
-    ///   "Error occured while resizing table.".
-    /// Guarantee: strong for an allocation that fails: the table is as it was before the call.
+    /// Stores a key and its value, or replaces the value, and rebuilds the table when needed.
+    /// Errors: "Unable to allocate space for new table.", kind 5, and nothing is stored. Three of
+    /// kind 20 for what can't happen: "Error ocurred while resizing table.",
+    /// "Error occurred while inserting.", and "Error occured while resizing table.".
     void insert(const K& key, const V& value);
 
-    /// The value of a key, which is inserted first when it is absent.
-    /// Parameters: key. Ownership: the value stays the table's.
-    /// Result: the value; that of an inserted key means nothing yet and is to be assigned at once.
-    /// Errors: those of insert(), and "Internal lookup error during operator[].", kind 20, code 0.
-    /// Guarantee: strong for an allocation that fails.
-    /// Signal context: any context for a key that is there.
+    /// The same for whoever can't have an exception: tells the failure that insert() throws.
+    SVFailure tryInsert(const K& key, const V& value);
+
+    /// Whether inserting a key rebuilds the table.
+    bool growsWithQ(const K& key) const {
+        const bool newSlot = lookup(key, hashFunction(key))->state == svslotEmpty;
+        return tooFullWith(fill + (newSlot ? 1 : 0));
+    }
+
+    /// The value of a key, which is inserted first when it is absent; its value then means nothing
+    /// yet and is to be assigned at once.
+    /// Errors: those of insert(); for a key that does not equal itself,
+    /// "Internal lookup error during operator[].", kind 20.
     V& operator[](const K& key);
 
     /// Marks a key's slot deleted; does nothing when the key is absent. The slot keeps its
     /// contents, and `fill` its count.
-    /// Parameters: key. Ownership: none. Result: none. Errors: none thrown.
-    /// Guarantee: no exception.
     void remove(const K& key) {
         Entry* const entry = lookup(key, hashFunction(key));
         if (entry->state == svslotOccupied) {
@@ -136,10 +136,7 @@ public:
         }
     }
 
-    /// The walk over the occupied slots: where it begins, and where it has ended.
-    /// Ownership: the slots stay the table's. Result: an iterator; on the first occupied slot or
-    ///   the end position, and on the end position. Errors: none thrown. Guarantee: no exception.
-    /// Signal context: any context.
+    /// Where a walk over the occupied slots begins: on the first, or at end() when there is none.
     Iterator begin() const {
         const unsigned int size = mask + 2;
         for (unsigned int index = 0; index < size; ++index) {
@@ -149,12 +146,12 @@ public:
         }
         return end();
     }
+    /// Where such a walk ends: on the end slot.
     Iterator end() const { return Iterator(table, mask + 2, mask + 1); }
 
-    /// Writes the table as a block of markup, its occupied slots in slot order.
-    /// Parameters: stream. Ownership: none. Result: the stream.
-    /// Errors: what the stream, or a value's stream insertion, throws; the text so far stays.
-    /// Guarantee: the table is unchanged.
+    /// Writes the table as a block of markup, its occupied slots in slot order by WriteEntry().
+    /// Errors: those of WriteEntry(); the text so far stays.
+    /// Signal context: normal context only.
     std::ostream& WriteTable(std::ostream& stream) const {
         stream << "<SVHashTable>";
         for (Iterator position = begin(); position != end(); position++) {
@@ -186,16 +183,17 @@ private:
     static_assert(sizeof(smalltable) / sizeof(smalltable[0]) == inlineSlots + 1,
                   "the inline array has an end slot of its own");
 
-    /// Keeps a slot as it is before an insertion that may have to be taken back.
-    class SlotBackup;
+    /// The slot array that a rebuild needs, had before the rebuild changes anything.
+    class Room;
 
-    unsigned int growthTarget() const { return used > fastGrowthLimit ? used * 2 : used * 4; }
+    static unsigned int growthTarget(unsigned int used) {
+        return used > fastGrowthLimit ? used * 2 : used * 4;
+    }
     bool tooFullWith(unsigned int filled) const { return filled * 3 >= (mask + 1) * 2; }
-    static Entry* allocateSlots(unsigned int count, unsigned int line);
-    static void releaseSlots(Entry* slots) { delete[] slots; }
-    Entry* copyOfSlots() const;
+    void copySlotsTo(Entry* copy) const;
     void useEmptySlots(Entry* slots, unsigned int addressable);
     unsigned int reinsert(const Entry* source, unsigned int count);
+    unsigned int rebuild(Room& room);
 };
 
 template <typename K, typename V, typename H>
@@ -248,28 +246,63 @@ unsigned int SVHashTable<K, V, H>::insert_helper(const K& key, const V& value) {
 }
 
 template <typename K, typename V, typename H>
-SVHashTableEntry<K, V>* SVHashTable<K, V, H>::allocateSlots(unsigned int count, unsigned int line) {
-    // A size that can't be expressed is as little to be had; the new-expression would throw its own
-    // exception for it, although the allocation operator throws none. With 64-bit pointers there is
-    // no such size.
-    constexpr std::size_t most = PTRDIFF_MAX / sizeof(Entry) - 1;
-    const std::size_t wanted = count;
-    const bool possible = wanted <= most;
-    Entry* const slots = possible ? new Entry[wanted] : nullptr;  // GCOVR_EXCL_BR_LINE: see above
-    if (slots == nullptr) {
-        throw svhashtableFailure("Unable to allocate space for new table.", line,
-                                 svexceptionAllocationFailed);
+class SVHashTable<K, V, H>::Room {
+public:
+    /// Nothing, for no rebuild.
+    Room() = default;
+    Room(const Room&) = delete;
+    Room& operator=(const Room&) = delete;
+    ~Room() { delete[] m_slots; }
+
+    /// Takes what a rebuild of a table for more than `minused` keys needs: a heap array for the
+    /// rebuilt table, or a temporary copy of the slots of one that becomes inline.
+    /// Result: nothing, or that there is no memory for it.
+    SVFailure take(const SVHashTable& owner, unsigned int minused) {
+        m_addressable = inlineSlots;
+        if (minused >= inlineSlots) {
+            m_addressable = smallestHeapSlots;
+            while (m_addressable <= minused && m_addressable != 0) {
+                m_addressable <<= 1;
+            }
+        }
+        m_slots = allocate(inlineQ() ? owner.mask + 2 : m_addressable + 1);
+        if (m_slots != nullptr) {
+            return SVFailure();
+        }
+        return svhashtableFailure("Unable to allocate space for new table.",
+                                  inlineQ() ? lineNoCopyArray : lineNoHeapArray,
+                                  svexceptionAllocationFailed);
     }
-    return slots;
-}
+
+    bool inlineQ() const { return m_addressable == inlineSlots; }
+    unsigned int addressable() const { return m_addressable; }
+    Entry* slots() const { return m_slots; }
+    Entry* handOver() {
+        Entry* const slots = m_slots;
+        m_slots = nullptr;
+        return slots;
+    }
+
+private:
+    static Entry* allocate(unsigned int count) {
+        // A size that can't be expressed is as little to be had; the new-expression would throw its
+        // own exception for it, although the allocation operator throws none. With 64-bit pointers
+        // there is no such size.
+        constexpr std::size_t most = PTRDIFF_MAX / sizeof(Entry) - 1;
+        const std::size_t wanted = count;
+        const bool possible = wanted <= most;
+        return possible ? new Entry[wanted] : nullptr;  // GCOVR_EXCL_BR_LINE: see above
+    }
+
+    Entry* m_slots = nullptr;
+    unsigned int m_addressable = 0;
+};
 
 template <typename K, typename V, typename H>
-SVHashTableEntry<K, V>* SVHashTable<K, V, H>::copyOfSlots() const {
-    Entry* const copy = allocateSlots(mask + 2, lineNoCopyArray);
+void SVHashTable<K, V, H>::copySlotsTo(Entry* copy) const {
     for (unsigned int i = 0; i <= mask; ++i) {
         copy[i] = table[i];
     }
-    return copy;
 }
 
 template <typename K, typename V, typename H>
@@ -299,105 +332,77 @@ unsigned int SVHashTable<K, V, H>::reinsert(const Entry* source, unsigned int co
     return resizeDone;
 }
 
+// A table that becomes inline is rebuilt from the copy of its slots, also if they are on the heap
+// and could serve themselves.
 template <typename K, typename V, typename H>
-unsigned int SVHashTable<K, V, H>::resize(unsigned int minused) {
-    bool sourceOnHeap = table != smalltable;
-    Entry* source = table;
-    Entry* target = smalltable;
-    unsigned int newsize = inlineSlots;
-    if (minused < inlineSlots) {
-        if (!sourceOnHeap && fill == used) {
-            return resizeNothing;
-        }
-        source = copyOfSlots();
-        if (sourceOnHeap) {
-            releaseSlots(table);
-        }
-        sourceOnHeap = true;
-    } else {
-        newsize = smallestHeapSlots;
-        while (newsize <= minused && newsize != 0) {
-            newsize <<= 1;
-        }
-        target = allocateSlots(newsize + 1, lineNoHeapArray);
-    }
+unsigned int SVHashTable<K, V, H>::rebuild(Room& room) {
+    Entry* former = table == smalltable ? nullptr : table;
+    const Entry* source = table;
     const unsigned int count = fill;
-    useEmptySlots(target, newsize);
+    if (room.inlineQ()) {
+        copySlotsTo(room.slots());
+        delete[] former;
+        former = nullptr;
+        source = room.slots();
+        useEmptySlots(smalltable, room.addressable());
+    } else {
+        useEmptySlots(room.handOver(), room.addressable());
+    }
     if (reinsert(source, count) != resizeDone) {
         return resizeFailed;
     }
-    if (sourceOnHeap) {
-        releaseSlots(source);
-    }
+    delete[] former;
     return resizeDone;
 }
 
-/// Holds a slot's contents and the counters, once told to, and puts them back at the end of its
-/// scope unless told to forget them.
 template <typename K, typename V, typename H>
-class SVHashTable<K, V, H>::SlotBackup {
-public:
-    SlotBackup() = default;
-    SlotBackup(const SlotBackup&) = delete;
-    SlotBackup& operator=(const SlotBackup&) = delete;
-    ~SlotBackup() {
-        if (m_owner != nullptr) {
-            *m_slot = *m_content;
-            m_owner->used = m_used;
-            m_owner->fill = m_fill;
-        }
+unsigned int SVHashTable<K, V, H>::resize(unsigned int minused) {
+    if (minused < inlineSlots && table == smalltable && fill == used) {
+        return resizeNothing;
     }
+    Room room;
+    room.take(*this, minused).throwIfAny();
+    return rebuild(room);
+}
 
-    void keep(SVHashTable& owner, Entry* slot) {
-        m_slot = slot;
-        m_used = owner.used;
-        m_fill = owner.fill;
-        m_content.emplace();
-        *m_content = *slot;
-        m_owner = &owner;
-    }
-    void forget() { m_owner = nullptr; }
-
-private:
-    SVHashTable* m_owner = nullptr;
-    Entry* m_slot = nullptr;
-    unsigned int m_used = 0;
-    unsigned int m_fill = 0;
-    std::optional<Entry> m_content;
-};
-
+// The memory for the growth that has to follow an insertion is had before anything is stored:
+// otherwise each failure would use up a slot, until the probe walk no longer finds an empty one and
+// never ends.
 template <typename K, typename V, typename H>
-void SVHashTable<K, V, H>::insert(const K& key, const V& value) {
+SVFailure SVHashTable<K, V, H>::tryInsert(const K& key, const V& value) {
     for (;;) {
-        // The growth that may have to follow can fail for want of memory, and what was stored is
-        // then taken back: otherwise each failure would use up a slot, until the probe walk no
-        // longer finds an empty one and never ends.
-        SlotBackup backup;
-        if (tooFullWith(fill + 1)) {
-            backup.keep(*this, lookup(key, hashFunction(key)));
+        const bool grows = growsWithQ(key);
+        Room room;
+        if (grows) {
+            const unsigned int usedThen = used + (has_key(key) ? 0 : 1);
+            if (const SVFailure failure = room.take(*this, growthTarget(usedThen))) {
+                return failure;
+            }
         }
         const unsigned int stored = insert_helper(key, value);
         if (stored == insertStored) {
-            const unsigned int grown = tooFullWith(fill) ? resize(growthTarget()) : resizeDone;
-            backup.forget();
-            // Not to be reached: a rebuild that has to clean or grow does so, or throws.
-            if (grown != resizeDone) {
-                throw svhashtableFailure("Error occured while resizing table.", lineGrowthFailed,
-                                         svexceptionInternalTableError);
+            // Not to be reached: a rebuild for which there is room is done.
+            if (grows && rebuild(room) != resizeDone) {
+                return svhashtableFailure("Error occured while resizing table.", lineGrowthFailed,
+                                          svexceptionInternalTableError);
             }
-            return;
+            return SVFailure();
         }
-        backup.forget();
         // Neither result below can be reached: lookup() always finds a slot.
         if (stored != insertNoSlot) {
-            throw svhashtableFailure("Error occurred while inserting.", lineInsertFailed,
-                                     svexceptionInternalTableError);
+            return svhashtableFailure("Error occurred while inserting.", lineInsertFailed,
+                                      svexceptionInternalTableError);
         }
-        if (resize(growthTarget()) != resizeDone) {
-            throw svhashtableFailure("Error ocurred while resizing table.", lineNoSlotNoResize,
-                                     svexceptionInternalTableError);
+        if (resize(growthTarget(used)) != resizeDone) {
+            return svhashtableFailure("Error ocurred while resizing table.", lineNoSlotNoResize,
+                                      svexceptionInternalTableError);
         }
     }
+}
+
+template <typename K, typename V, typename H>
+void SVHashTable<K, V, H>::insert(const K& key, const V& value) {
+    tryInsert(key, value).throwIfAny();
 }
 
 template <typename K, typename V, typename H>
@@ -411,7 +416,8 @@ V& SVHashTable<K, V, H>::operator[](const K& key) {
     // Not to be reached with a key that equals itself.
     if (entry == nullptr) {
         throw svhashtableFailure("Internal lookup error during operator[].", lineAbsentAfterInsert,
-                                 svexceptionInternalTableError);
+                                 svexceptionInternalTableError)
+            .exception();
     }
     return entry->value;
 }

@@ -18,19 +18,21 @@ constexpr unsigned int svslotDeleted = 2;   ///< did; key, value and hash still 
 /// One slot: a key, its value, the hash that the key had when it came in, and the slot's state.
 /// It never owns what a pointer value points to. The fields belong to the table; read them, and
 /// leave writing to its operations.
+///
+/// Threads: as for the table. Signal context: any, as far as K and V allow.
 template <typename K, typename V>
 class SORVANE_API SVHashTableEntry : public SVObject {
 public:
     /// Makes an empty slot. Key and hash are left unset, and so is a value that has no default
     /// constructor of its own: nothing reads them before they are assigned, and a table makes many
     /// slots.
-    /// Errors: what V's default constructor throws. Threads: any. Signal context: any context, as
-    /// far as V allows.
+    /// Errors: what the default constructors of K and V throw.
     SVHashTableEntry() : state(svslotEmpty) {}
 
     SVHashTableEntry(const SVHashTableEntry&) = delete;
 
-    /// Copies all fields; the value by its own assignment.
+    /// Copies all fields; key and value by their own assignments.
+    /// Errors: what those throw.
     SVHashTableEntry& operator=(const SVHashTableEntry& other) {
         if (this != &other) {
             key = other.key;
@@ -43,10 +45,9 @@ public:
 
     ~SVHashTableEntry() noexcept override {}
 
-    /// Writes the slot as a block of markup, which begins and ends with a line feed.
-    /// Parameters: stream. Ownership: none. Result: the stream.
-    /// Errors: what the stream, or the value's stream insertion, throws; the text so far stays.
-    /// Guarantee: the slot is unchanged. Threads: as for reading the table.
+    /// Writes the slot, whatever its state, as a block of markup that begins and ends with a line
+    /// feed. Key and value are written by their own stream insertions, but a null key as 0.
+    /// Errors: what the stream or an insertion throws; the text so far stays.
     /// Signal context: normal context only.
     std::ostream& WriteEntry(std::ostream& stream) {
         stream << "\n";

@@ -13,7 +13,10 @@ namespace Sorvane {
 /// slot order. It refers to the array and not to the table: a rebuild of the table leaves it
 /// pointing at a stale array, so nothing may insert into the table during the walk.
 ///
-/// An iterator without an array is not ready; tables give out only ready ones.
+/// An iterator without an array is not ready; tables give out only ready ones. Every failure is an
+/// SVException of kind 12 and code 0, and leaves the iterator as it was.
+///
+/// Threads: as for reading the table. Signal context: any, as long as nothing fails.
 template <typename K, typename V>
 class SORVANE_API SVHashTableEntry_Iterator : public SVObject {
 public:
@@ -22,10 +25,7 @@ public:
     /// Makes an iterator that is not ready.
     SVHashTableEntry_Iterator() noexcept : entries(nullptr), size(0), index(0) {}
 
-    /// Makes an iterator on a slot.
-    /// Parameters: slotArray; slotCount, the end slot included; slotIndex.
-    /// Ownership: the array stays the table's. Result: the iterator. Errors: none.
-    /// Guarantee: no exception. Threads: as for reading the table. Signal context: any context.
+    /// Makes an iterator on a slot of an array; slotCount includes the end slot.
     SVHashTableEntry_Iterator(Entry* slotArray, unsigned int slotCount,
                               unsigned int slotIndex) noexcept
         : entries(slotArray), size(slotCount), index(slotIndex) {}
@@ -35,8 +35,6 @@ public:
     ~SVHashTableEntry_Iterator() noexcept override {}
 
     /// Equal are two iterators on the same slot of the same array, taken for equally long.
-    /// Ownership: none. Errors: none. Guarantee: no exception. Threads: any.
-    /// Signal context: any context.
     bool operator==(const SVHashTableEntry_Iterator& other) const noexcept {
         return entries == other.entries && size == other.size && index == other.index;
     }
@@ -44,19 +42,18 @@ public:
         return !(*this == other);
     }
 
-    /// Steps to the next occupied slot, or to the end position.
-    /// Ownership: none. Result: none; no loop needs the former state.
-    /// Errors: SVException, kind 12, code 0: "Iterator not ready to increment.", and
-    ///   "Iterator at end.".
-    /// Guarantee: strong. Threads: as for reading the table. Signal context: any context, as long
-    ///   as the iterator is not at its end.
+    /// Steps to the next occupied slot, or to the end position. There is no result: no loop needs
+    /// the former state.
+    /// Errors: "Iterator not ready to increment."; at the end position, "Iterator at end.".
     void operator++(int) {
         if (entries == nullptr) {
             throw svhashtableFailure("Iterator not ready to increment.", lineStepNotReady,
-                                     svexceptionIteratorMisused);
+                                     svexceptionIteratorMisused)
+                .exception();
         }
         if (index == size - 1) {
-            throw svhashtableFailure("Iterator at end.", lineStepAtEnd, svexceptionIteratorMisused);
+            throw svhashtableFailure("Iterator at end.", lineStepAtEnd, svexceptionIteratorMisused)
+                .exception();
         }
         unsigned int next = index + 1;
         while (next < size - 1 && entries[next].state != svslotOccupied) {
@@ -66,20 +63,19 @@ public:
     }
 
     /// The value of the slot that the iterator stands on.
-    /// Ownership: the table's. Result: the value.
-    /// Errors: SVException, kind 12, code 0: "Iterator not ready to get value.", and
-    ///   "Iterator refers to invalid table entry." for an empty or deleted slot, the end included.
-    /// Guarantee: strong. Threads: as for reading the table. Signal context: any context, as long
-    ///   as the iterator stands on an occupied slot.
+    /// Errors: "Iterator not ready to get value."; for an empty or deleted slot, the end included,
+    /// "Iterator refers to invalid table entry.".
     const V& GetValue() const {
         if (entries == nullptr) {
             throw svhashtableFailure("Iterator not ready to get value.", lineValueNotReady,
-                                     svexceptionIteratorMisused);
+                                     svexceptionIteratorMisused)
+                .exception();
         }
         const Entry& entry = entries[index];
         if (entry.state == svslotEmpty || entry.state == svslotDeleted) {
             throw svhashtableFailure("Iterator refers to invalid table entry.", lineValueInvalid,
-                                     svexceptionIteratorMisused);
+                                     svexceptionIteratorMisused)
+                .exception();
         }
         return entry.value;
     }

@@ -18,17 +18,15 @@ enum svexceptiontype : int {
     svexceptionInternalTableError = 20,
 };
 
-/// The texts of an exception, copied, so that they outlive whatever they were made from.
+/// The texts of an exception, copied, so that they outlive whatever they were made from. A text
+/// that neither memory nor the allocator's reserve has room for is cut to what needs none.
+///
+/// Signal context: any for reading; otherwise normal context only.
 class SORVANE_API SVExceptionMessage : public SVObject {
 public:
     using String = std::basic_string<char, std::char_traits<char>, SVStdAllocator<char>>;
 
-    /// Copies both texts.
-    /// Parameters: message and file, zero-terminated; null counts as empty.
-    /// Ownership: neither is kept.
-    /// Result: the texts. Errors: none thrown; a text that neither memory nor the reserve of the
-    ///   allocator has room for is cut to what needs none.
-    /// Guarantee: no exception. Threads: any. Signal context: normal context only.
+    /// Copies both texts; null counts as empty.
     SVExceptionMessage(const char* message, const char* file) noexcept;
     SVExceptionMessage(const SVExceptionMessage& other) noexcept;
     SVExceptionMessage& operator=(const SVExceptionMessage& other) noexcept;
@@ -43,25 +41,20 @@ private:
 };
 
 /// Reports a failure of any class of the library; thrown by value. It can also be caught as an
-/// SVObject.
+/// SVObject. Neither making nor copying one fails, even when there is no memory at all.
+///
+/// Signal context: any for reading; otherwise normal context only.
 class SORVANE_API SVException : public SVObject {
 public:
-    /// Makes the report.
-    /// Parameters: message and file, zero-terminated; line, the fixed number of the throw's site;
-    ///   type, the kind; code, errno for a failed call of the operating system and 0 otherwise.
-    /// Ownership: the texts are copied. Result: the exception.
-    /// Errors: none thrown, also when there is no memory at all. Guarantee: no exception.
-    /// Threads: any. Signal context: normal context only.
+    /// Copies both texts; null counts as empty. The line is the fixed number of the throw's site.
+    /// The code is errno for a failed call of the operating system and 0 otherwise.
     SVException(const char* message, const char* file, unsigned int line, svexceptiontype type,
                 int code) noexcept;
     SVException(const SVException&) noexcept = default;
     SVException& operator=(const SVException&) noexcept = default;
     ~SVException() noexcept override;
 
-    /// Read the report back.
-    /// Ownership: the texts belong to the exception and live as long as it does.
-    /// Errors: none. Guarantee: no exception. Threads: any, as for a constant object.
-    /// Signal context: any context.
+    /// Read the report back. The texts live as long as the exception.
     const char* getMessage() const noexcept { return m_message.getMessage(); }
     const char* getFile() const noexcept { return m_message.getFile(); }
     unsigned int getLine() const noexcept { return m_line; }

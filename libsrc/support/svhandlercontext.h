@@ -1,8 +1,8 @@
-// Whether this thread is inside a signal handler that the library runs.
+// Whether the ordinary heap is out of bounds for this thread.
 //
-// What is interrupted by a signal may be anything, the heap's own code included. So inside a
-// handler storage comes from the operating system directly and the heap is left alone; this is how
-// the allocation operators know.
+// What a signal has interrupted may be anything, the heap's own code included. So inside a dispatch
+// the heap is left alone; and so it is while an operation keeps others waiting, because whoever
+// waits may have interrupted the heap as well. The allocation operators ask here.
 #ifndef SORVANE_SVHANDLERCONTEXT_H
 #define SORVANE_SVHANDLERCONTEXT_H
 
@@ -10,9 +10,10 @@ namespace Sorvane {
 
 namespace SVHandlerContext {
 
-/// How many dispatches this thread is inside of. The model of thread-local storage is the one
-/// whose access never allocates. A handler that leaves by siglongjmp leaves its dispatch counted:
-/// the thread then goes on getting its storage from the operating system, which is only slower.
+/// How many dispatches and changes of the shared state this thread is inside of. The model of
+/// thread-local storage is the one whose access never allocates. A handler that leaves by
+/// siglongjmp leaves its dispatch counted: the thread then goes on getting its storage from the
+/// library's own store, which does no harm. Its address also tells threads apart.
 extern constinit thread_local unsigned int depth __attribute__((tls_model("initial-exec")));
 
 /// Signal context: any context.
@@ -20,7 +21,7 @@ inline bool insideQ() noexcept {
     return depth != 0;
 }
 
-/// Lasts as long as one dispatch. Signal context: handler only.
+/// Lasts as long as one dispatch or change. Signal context: any context.
 class Scope {
 public:
     Scope() noexcept { depth = depth + 1; }
@@ -28,6 +29,11 @@ public:
     Scope& operator=(const Scope&) = delete;
     ~Scope() { depth = depth - 1; }
 };
+
+/// Tells this thread from every other one; the same in a child that it forks.
+inline const void* thisThread() noexcept {
+    return &depth;
+}
 
 }  // namespace SVHandlerContext
 

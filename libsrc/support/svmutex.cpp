@@ -20,31 +20,63 @@ int posixType(_svmutex kind) noexcept {
 
 }  // namespace
 
-// With glibc none of the calls below can fail for these attributes, and none allocates.
-SVMutexHandle::SVMutexHandle(_svmutex kind, bool processPrivate) noexcept {
-    pthread_mutexattr_t attributes;
-    pthread_mutexattr_init(&attributes);
-    pthread_mutexattr_settype(&attributes, posixType(kind));
-    pthread_mutexattr_setpshared(&attributes,
-                                 processPrivate ? PTHREAD_PROCESS_PRIVATE : PTHREAD_PROCESS_SHARED);
-    pthread_mutex_init(&m_mutex, &attributes);
-    pthread_mutexattr_destroy(&attributes);
+SVMutexHandle::SVMutexHandle(_svmutex kind, bool processPrivate) noexcept
+    : m_kind(kind), m_processPrivate(processPrivate) {
+    makeMutex();
 }
 
 SVMutexHandle::~SVMutexHandle() noexcept {
     pthread_mutex_destroy(&m_mutex);
 }
 
+// With glibc none of the calls below can fail for these attributes, and none allocates.
+void SVMutexHandle::makeMutex() noexcept {
+    pthread_mutexattr_t attributes;
+    pthread_mutexattr_init(&attributes);
+    pthread_mutexattr_settype(&attributes, posixType(m_kind));
+    pthread_mutexattr_setpshared(
+        &attributes, m_processPrivate ? PTHREAD_PROCESS_PRIVATE : PTHREAD_PROCESS_SHARED);
+    pthread_mutex_init(&m_mutex, &attributes);
+    pthread_mutexattr_destroy(&attributes);
+}
+
+void SVMutexHandle::taken() noexcept {
+    m_holder.store(pthread_self(), std::memory_order_relaxed);
+    m_held.store(true, std::memory_order_relaxed);
+    ++m_timesHeld;
+}
+
 bool SVMutexHandle::tryLock() {
-    return pthread_mutex_trylock(&m_mutex) == 0;
+    if (pthread_mutex_trylock(&m_mutex) != 0) {
+        return false;
+    }
+    taken();
+    return true;
 }
 
 void SVMutexHandle::lock() {
-    pthread_mutex_lock(&m_mutex);
+    if (pthread_mutex_lock(&m_mutex) == 0) {
+        taken();
+    }
 }
 
 void SVMutexHandle::unlock() {
+    if (--m_timesHeld == 0) {
+        m_held.store(false, std::memory_order_relaxed);
+    }
     pthread_mutex_unlock(&m_mutex);
+}
+
+// The C library's lock knows its holder by a number that the child's thread does not have.
+void SVMutexHandle::goOnInChild() noexcept {
+    const bool heldHere = m_held.load(std::memory_order_relaxed) &&
+                          m_holder.load(std::memory_order_relaxed) == pthread_self();
+    m_timesHeld = heldHere ? m_timesHeld : 0;
+    m_held.store(heldHere, std::memory_order_relaxed);
+    makeMutex();
+    for (unsigned int times = 0; times < m_timesHeld; ++times) {
+        pthread_mutex_lock(&m_mutex);
+    }
 }
 
 }  // namespace Sorvane

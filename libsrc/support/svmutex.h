@@ -4,6 +4,8 @@
 
 #include <pthread.h>
 
+#include <atomic>
+
 #include "svexport.h"
 #include "svobject.h"
 
@@ -13,40 +15,50 @@ namespace Sorvane {
 enum _svmutex : int {
     svmutexDefault = 0,
     svmutexNormal = 1,
-    svmutexErrorCheck = 2,
-    svmutexRecursive = 3,  ///< the thread that holds it may lock it again
+    svmutexErrorCheck = 2,  ///< refuses the thread that holds it; lock() does not report that
+    svmutexRecursive = 3,   ///< the thread that holds it may lock it again
 };
 
 /// An unnamed lock of the operating system. Its virtual operations are in the order that binary
 /// clients know: the destructors, tryLock, lock, unlock.
+///
+/// Threads: any, at once. Signal context: normal context only.
 class SORVANE_API SVMutexHandle : public SVObject {
 public:
-    /// Makes the lock, open.
-    /// Parameters: kind; processPrivate, false for a lock in memory that several processes share.
-    /// Ownership: of the operating system's lock, until the destructor. Result: the handle.
-    /// Errors: none. Guarantee: no exception. Threads: any. Signal context: normal context only.
+    /// Makes the lock, open. processPrivate is false for one in memory that processes share.
     explicit SVMutexHandle(_svmutex kind = svmutexRecursive, bool processPrivate = true) noexcept;
     SVMutexHandle(const SVMutexHandle&) = delete;
     SVMutexHandle& operator=(const SVMutexHandle&) = delete;
     ~SVMutexHandle() noexcept override;
 
-    /// Take the lock: tryLock only if that needs no waiting, lock whatever it takes.
-    /// Ownership: of the lock, by the calling thread, once for each unlock.
-    /// Result: tryLock, whether the lock was taken. Errors: none thrown. Guarantee: no exception.
-    /// Threads: any. Signal context: normal context only.
+    /// Take the lock: tryLock() only if that needs no waiting, and it tells whether it did; lock()
+    /// waits for it.
     virtual bool tryLock();
     virtual void lock();
 
-    /// Gives the lock back, once for each time it was taken.
-    /// Ownership: ends. Result: none. Errors: none thrown. Guarantee: no exception.
-    /// Threads: the one that holds the lock. Signal context: normal context only.
+    /// Gives the lock back, once for each time it was taken. Threads: the one that holds it.
     virtual void unlock();
 
+    /// Makes the lock, in the only thread of a forked child, what it was to that thread before:
+    /// held as often, and free of all other threads.
+    void goOnInChild() noexcept;
+
 private:
+    void makeMutex() noexcept;
+    void taken() noexcept;
+
     pthread_mutex_t m_mutex;
+    const _svmutex m_kind;
+    const bool m_processPrivate;
+    std::atomic<bool> m_held{false};
+    std::atomic<pthread_t> m_holder{};  ///< of the thread that holds it, if one does
+    unsigned int m_timesHeld = 0;       ///< by that thread
 };
 
 /// A scoped lock: releases what it holds on every way out of a scope, exceptions included.
+///
+/// Threads: the scope's own. Signal context: any for one that holds nothing; otherwise normal
+/// context only.
 class SORVANE_API SVMutex : public SVObject {
 public:
     SVMutex() noexcept = default;
@@ -60,11 +72,8 @@ public:
         }
     }
 
-    /// Locks a handle and keeps it until the end of the scope; called once for each scope.
-    /// Parameters: handle; null holds nothing.
-    /// Ownership: the handle stays the caller's and must outlive this object.
-    /// Result: none. Errors: none thrown. Guarantee: no exception.
-    /// Threads: the scope's own. Signal context: normal context only.
+    /// Locks a handle and holds it until the end of the scope; null holds nothing. Called at most
+    /// once. The handle stays the caller's and must outlive this object.
     void setHandle(SVMutexHandle* handle) {
         if (handle != nullptr) {
             handle->lock();

@@ -13,6 +13,18 @@ namespace Sorvane {
 ///
 /// The destructor may let an exception out, because the manager's may (see
 /// ~SVSignalHandlerManager()); every other class declares its own destructor noexcept.
+///
+/// In every class, for every operation that does not say otherwise:
+/// - Threads: any. An object is used by one thread at a time, or by several that only read it.
+/// - Ownership: an argument that is kept is copied; what is returned by pointer or reference stays
+///   the object's.
+/// - Errors: none.
+/// - Signal context: each class says which. "Any" means any signal handler, whatever it
+///   interrupted. "Inside a handler that the library dispatched" means one that the library calls,
+///   or normal context. "Normal context only" means no signal handler at all.
+///
+/// Throwing takes memory from the heap. What may throw is therefore safe in a signal handler only
+/// as long as it succeeds.
 class SORVANE_API SVObject {
 public:
     constexpr SVObject() noexcept = default;
@@ -21,24 +33,26 @@ public:
 
     virtual ~SVObject() noexcept(false) {}
 
-    /// Allocates the storage of one object, or of an array of objects.
-    /// Parameters: size, in bytes.
-    /// Ownership: the caller's; give it back with the matching operator delete.
-    /// Result: the storage, aligned for any object; null when memory can't be had, so that a
-    ///   new-expression yields null too and its result is to be tested.
-    /// Errors: none thrown. Guarantee: no exception.
-    /// Threads: any. Signal context: normal context only.
+    /// Storage of so many bytes, aligned for any object; null when memory can't be had. The
+    /// new-expression then yields null too, so test its result.
+    ///
+    /// In normal context the storage comes from malloc. Inside a handler that the library runs, and
+    /// inside its own operations, it comes from a store of the library's own, because malloc may be
+    /// what was interrupted.
+    /// Signal context: inside a handler that the library dispatched.
     static void* operator new(std::size_t size) noexcept;
+    /// The same for an array.
     static void* operator new[](std::size_t size) noexcept;
 
-    /// Gives storage back.
-    /// Parameters: storage, from the matching operator new; null is allowed and does nothing.
-    /// Ownership: taken. Result: none. Errors: none thrown. Guarantee: no exception.
-    /// Threads: any. Signal context: normal context only.
+    /// Gives back what the matching operator new gave, on whatever thread and in whatever context
+    /// that was; null is allowed.
+    /// Signal context: inside a handler that the library dispatched.
     static void operator delete(void* storage) noexcept;
+    /// The same for an array.
     static void operator delete[](void* storage) noexcept;
 
     /// The placement forms, which the class's own operators would hide otherwise.
+    /// Signal context: any.
     static void* operator new(std::size_t, void* place) noexcept { return place; }
     static void* operator new[](std::size_t, void* place) noexcept { return place; }
     static void operator delete(void*, void*) noexcept {}

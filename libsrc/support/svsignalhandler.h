@@ -17,8 +17,8 @@ namespace Sorvane {
 /// A handler record: a signal number, a whole sigaction record of the operating system, and three
 /// flags. A plain value; copies share nothing.
 ///
-/// Everything here but the text form may be used in a signal handler. All of it is inline and the
-/// destructor, although virtual, is never called virtually by the tables or by dispatch.
+/// Signal context: any. All of it is inline, takes no lock and allocates nothing; the destructor,
+/// although virtual, is never called virtually by the tables or by dispatch.
 class SORVANE_API SVSignalHandler : public SVObject {
 public:
     /// The handler functions that a record can hold.
@@ -28,16 +28,14 @@ public:
     /// Makes the value of an empty table slot: signal 0, an all-zero record, no flag set.
     SVSignalHandler() noexcept = default;
 
-    /// Make a record from a function, or from a whole record of the operating system.
-    /// Parameters: signalNumber, any, not tested; handler, the function (for the one-argument form
-    ///   also SIG_DFL and SIG_IGN), or osRecord, copied whole; preExists, whether this was there
-    ///   before the library and is what it puts back; external, which dispatch treats alike;
-    ///   valid, whether it counts at all.
-    /// Ownership: nothing is kept of the arguments.
-    /// Result: the record. From a function: an empty mask, and the flags SA_RESTART, so that the
-    ///   host's system calls are not torn up, and SA_ONSTACK, so that a thread with an alternate
-    ///   stack is served on it; SA_SIGINFO for a three-argument function.
-    /// Errors: none. Guarantee: no exception. Threads: any. Signal context: any context.
+    /// Makes a record from a three-argument function. The signal number is not tested.
+    ///
+    /// preExists says that it was installed before the library took the signal, and is what the
+    /// library puts back; external, that dispatch treats it alike; valid, that dispatch calls it
+    /// at all.
+    ///
+    /// The mask is empty. The flags are SA_RESTART, so that the host's system calls are not torn
+    /// up, SA_ONSTACK, so that a thread with an alternate stack is served on it, and SA_SIGINFO.
     SVSignalHandler(int signalNumber, InformationFunction handler, bool preExists, bool external,
                     bool valid) noexcept
         : m_signalNumber(signalNumber),
@@ -47,6 +45,7 @@ public:
         m_osRecord.sa_sigaction = handler;
         m_osRecord.sa_flags = functionFlags | SA_SIGINFO;
     }
+    /// The same from a one-argument function, SIG_DFL or SIG_IGN, without SA_SIGINFO.
     SVSignalHandler(int signalNumber, SimpleFunction handler, bool preExists, bool external,
                     bool valid) noexcept
         : m_signalNumber(signalNumber),
@@ -56,6 +55,7 @@ public:
         m_osRecord.sa_handler = handler;
         m_osRecord.sa_flags = functionFlags;
     }
+    /// The same from a record of the operating system, which is copied whole, mask and flags too.
     SVSignalHandler(int signalNumber, struct sigaction& osRecord, bool preExists, bool external,
                     bool valid) noexcept
         : m_signalNumber(signalNumber),
@@ -68,29 +68,25 @@ public:
     SVSignalHandler& operator=(const SVSignalHandler&) noexcept = default;
     ~SVSignalHandler() noexcept override {}
 
-    /// Read the record's fields.
-    /// Ownership: results are values. Result: the field; getHandlerFunction gives the function's
-    ///   address whichever form it has, 0 for SIG_DFL and 1 for SIG_IGN.
-    /// Errors: none. Guarantee: no exception. Threads: any, as for a plain value.
-    /// Signal context: any context.
+    /// The whole record of the operating system, as sigaction takes it.
     struct sigaction getOSStruct() noexcept {
         return m_osRecord;
     }
     int getSignalNumber() const noexcept { return m_signalNumber; }
+    /// The function's address, whichever form it has; 0 for SIG_DFL and 1 for SIG_IGN.
     void* getHandlerFunction() const noexcept {
         return informationFormQ() ? reinterpret_cast<void*>(m_osRecord.sa_sigaction)
                                   : reinterpret_cast<void*>(m_osRecord.sa_handler);
     }
+    /// The flags, as they were given.
     bool preExistsQ() const noexcept { return m_preExists; }
     bool externalQ() const noexcept { return m_external; }
     bool validQ() const noexcept { return m_valid; }
 
-    /// Calls the handler for the record's own signal. SIG_DFL and SIG_IGN are no functions, and
-    /// calling a record that holds one does nothing.
-    /// Parameters: information and context, as the operating system gave them; a three-argument
-    ///   function gets both unchanged, a one-argument function the signal number alone.
-    /// Ownership: none. Result: none. Errors: what the handler throws. Guarantee: the record is
-    ///   unchanged. Threads: any. Signal context: any context, as far as the handler allows.
+    /// Calls the handler for the record's own signal, whatever the flags. A three-argument function
+    /// gets information and context unchanged, a one-argument function the signal number alone;
+    /// SIG_DFL and SIG_IGN are no functions, and nothing is called for them.
+    /// Errors: what the handler throws. Signal context: any, as far as the handler allows.
     void operator()(void* information, void* context) {
         if (specialValueQ()) {
             return;
@@ -121,9 +117,8 @@ private:
 
 /// Writes a record as one line of markup that a person can read: signal number and name, how many
 /// arguments the handler takes, its function and module as far as they are known, and the flags.
-/// Parameters: stream, whose number formats do not matter; record.
-/// Ownership: none. Result: the stream. Errors: what the stream throws. Guarantee: basic.
-/// Threads: any, as far as the stream allows. Signal context: normal context only.
+/// The stream's number formats do not matter.
+/// Errors: what the stream throws; the text so far stays. Signal context: normal context only.
 SORVANE_API std::ostream& operator<<(std::ostream& stream, const SVSignalHandler& record);
 
 }  // namespace Sorvane

@@ -14,6 +14,8 @@ namespace Sorvane {
 
 /// Gives standard containers their storage from SVObject's operators. All allocators are alike:
 /// storage from one may be given back through any other.
+///
+/// Signal context: inside a handler that the library dispatched.
 template <typename T>
 class SORVANE_API SVStdAllocator : public SVObject {
 public:
@@ -28,13 +30,9 @@ public:
     constexpr SVStdAllocator(const SVStdAllocator<U>&) noexcept {}
     ~SVStdAllocator() noexcept override {}
 
-    /// Allocates storage for elements, without constructing them.
-    /// Parameters: count, in elements.
-    /// Ownership: the caller's; give it back with deallocate().
-    /// Result: the storage.
+    /// Storage for so many elements, none of them constructed; give it back with deallocate().
     /// Errors: std::bad_alloc when memory can't be had, as standard containers demand;
-    ///   std::bad_array_new_length when the size can't be expressed.
-    /// Guarantee: strong. Threads: any. Signal context: normal context only.
+    /// std::bad_array_new_length when the size can't be expressed.
     T* allocate(std::size_t count) {
         if (count > std::numeric_limits<std::size_t>::max() / sizeof(T)) {
             throw std::bad_array_new_length();
@@ -46,16 +44,13 @@ public:
         return static_cast<T*>(storage);
     }
 
-    /// Gives storage back.
-    /// Parameters: storage, from allocate(); the count is not needed.
-    /// Ownership: taken. Result: none. Errors: none. Guarantee: no exception.
-    /// Threads: any. Signal context: normal context only.
+    /// Gives back what allocate() gave; the count is not needed.
     void deallocate(T* storage, std::size_t) noexcept { SVObject::operator delete(storage); }
 };
 
 /// Characters are what exceptions keep their texts in, and an exception about missing memory must
 /// not fail for want of it: when memory can't be had, the library's strings take what they need
-/// from a small reserve, and fail with std::bad_alloc only when that is used up too.
+/// from a small reserve, and fail with std::bad_alloc only when that has no room either.
 template <>
 SORVANE_API char* SVStdAllocator<char>::allocate(std::size_t count);
 template <>

@@ -9,16 +9,15 @@
 namespace Sorvane {
 
 /// Makes lock handles; has no state, and is made on the stack and dropped right after.
+///
+/// Signal context: normal context only.
 class SORVANE_API SVThreadsFactory : public SVObject {
 public:
     SVThreadsFactory() noexcept = default;
     ~SVThreadsFactory() noexcept override;
 
-    /// Makes a new lock without a name, open.
-    /// Parameters: kind; processPrivate, false for a lock in memory that several processes share.
-    /// Ownership: the handle is the caller's, to be deleted.
-    /// Result: the handle; null when there is no memory for it. Errors: none thrown.
-    /// Guarantee: no exception. Threads: any. Signal context: normal context only.
+    /// A new lock without a name, open, for the caller to delete; null when there is no memory for
+    /// it. processPrivate is false for one in memory that processes share.
     SVMutexHandle* CreateUnnamedHandle(_svmutex kind, bool processPrivate) noexcept;
 };
 

@@ -2,16 +2,19 @@
 #ifndef SORVANE_SVMANAGERFAILURE_H
 #define SORVANE_SVMANAGERFAILURE_H
 
-#include "../support/svexception.h"
+#include "../support/svfailure.h"
 
 namespace Sorvane {
 
-/// Makes an exception of the manager's.
-/// Parameters: message; line, the fixed number of the throw's site; type, the kind; code.
-/// Ownership: the message is copied. Result: the exception, to be thrown. Errors: none.
-inline SVException managerFailure(const char* message, unsigned int line, svexceptiontype type,
-                                  int code) noexcept {
-    return SVException(message, "libsrc/utilities/svsignalhandlermanager", line, type, code);
+/// A failure of the manager's. Parameters: line, the fixed number of its site.
+constexpr SVFailure svmanagerFailure(const char* message, unsigned int line, svexceptiontype type,
+                                     int code) noexcept {
+    return SVFailure(message, "libsrc/utilities/svsignalhandlermanager", line, type, code);
+}
+
+/// That there is no memory for a signal's table.
+constexpr SVFailure svnoTableFailure(unsigned int line) noexcept {
+    return svmanagerFailure("Unable to allocate new table", line, svexceptionAllocationFailed, 0);
 }
 
 }  // namespace Sorvane

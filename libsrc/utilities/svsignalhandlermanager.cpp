@@ -4,12 +4,10 @@
 
 #include <iostream>  // the stream library is initialised before this module's own statics
 
-#include "../support/svatomicref.h"
-#include "svlifecycle.h"
-#include "svownership.h"
-#include "svregistry.h"
+#include "../support/svhandlercontext.h"
 #include "svsharedlock.h"
-#include "svwalk.h"
+#include "svsharedstate.h"
+#include "svsystemactions.h"
 
 namespace Sorvane {
 
@@ -19,27 +17,55 @@ SVSignalTable* SVSignalHandlerManager::handlerTables = nullptr;
 SVMutexHandle* SVSignalHandlerManager::handlerTableLock = nullptr;
 constinit SVSignalHandlerDispositionSet SVSignalHandlerManager::signalDispositionSet;
 
+constinit SVRegistry svregistry(SVSignalHandlerManager::handlerTables);
+
+static_assert(SVAtomicRef<unsigned int>::is_always_lock_free);
+static_assert(SVAtomicRef<bool>::is_always_lock_free);
+
 namespace {
 
-bool noTablesQ() noexcept {
-    return SVAtomicRef<SVSignalTable*>(SVSignalHandlerManager::handlerTables).load() == nullptr;
+// Those of the managers that are not a dispatch's own. A forked child has these, and its thread's
+// dispatches.
+constinit std::atomic<unsigned int> managersOutsideDispatch{0};
+
+void goOnInChild() {
+    SVGate::goOnInChild();
+    SVPin::forgetOtherThreads();
+    const unsigned int dispatches = SVHandlerContext::depth - SVGate::nestingOfThisThread();
+    svnumberOfManagers().store(managersOutsideDispatch.load() + dispatches);
+    if (SVMutexHandle* const handle = svhandlerTableLock().load()) {
+        handle->goOnInChild();
+    }
 }
 
-// The dispositions are reset before the tables are published, so that whoever finds the tables does
-// not have an answer of his own reset.
-void makeSharedTables() {
-    SVSignalHandlerDispositionSet& dispositions = SVSignalHandlerManager::signalDispositionSet;
-    const SVLifecycle::Teardown teardown = SVLifecycle::currentTeardown();
-    const SVSignalHandlerDispositionSet seen(dispositions);
-    if (!noTablesQ()) {
-        return;
+// Once for each process, by the first manager that locks.
+void prepareForFork() {
+    static constinit std::atomic<bool> prepared{false};
+    if (!prepared.exchange(true)) {
+        pthread_atfork(nullptr, nullptr, &goOnInChild);
     }
-    if (teardown != 0) {
-        SVLifecycle::resetDispositions(teardown);
-    } else {
-        dispositions.resetSince(seen);
+}
+
+SVFailure makeSharedTables() noexcept {
+    if (svhandlerTables().load() == nullptr) {
+        svregistry.begin();
+        SVSignalHandlerManager::signalDispositionSet.reset();
     }
-    SVRegistry::create();
+    return SVFailure();
+}
+
+// A signal may have made a manager since the count was found to be 0, and destroyed it again.
+SVFailure tearDownIfLast() noexcept {
+    if (svnumberOfManagers().load() != 0 || !svcurrentlyHandlingSignals().load()) {
+        return SVFailure();
+    }
+    if (const SVFailure failure = SVSystemActions::handBackPreexisting()) {
+        return failure;
+    }
+    svcurrentlyHandlingSignals().store(false);
+    svregistry.end();
+    SVSignalHandlerManager::signalDispositionSet.reset();
+    return SVFailure();
 }
 
 }  // namespace
@@ -47,24 +73,25 @@ void makeSharedTables() {
 // Locks the handle directly rather than for a scope: an exception out of the last manager's
 // destructor leaves the lock held, because the state it guards is then not one that others should
 // go on with. Nothing in the constructor throws.
-SVSignalHandlerManager::SVSignalHandlerManager(bool locking) : m_locking(locking) {
-    SVMutexHandle* handle = nullptr;
+SVSignalHandlerManager::SVSignalHandlerManager(bool locking)
+    : m_locking(locking), m_dispatching(false) {
     if (m_locking) {
-        SVSharedLock::enter();
-        handle = SVSharedLock::handleMadeIfNone();
+        prepareForFork();
+        SVSharedLock::beginUse();
     }
+    SVMutexHandle* const handle = lockHandle();
     if (handle != nullptr) {
         handle->lock();
     }
-    // Counted in first: a teardown that finds no tables wanted has then not seen this manager, and
-    // this manager sees that there are none.
-    SVLifecycle::managerMade();
-    if (noTablesQ()) {
-        makeSharedTables();
-    }
+    enter();
     if (handle != nullptr) {
         handle->unlock();
     }
+}
+
+SVSignalHandlerManager::SVSignalHandlerManager(Dispatching)
+    : m_locking(false), m_dispatching(true) {
+    enter();
 }
 
 SVSignalHandlerManager::~SVSignalHandlerManager() noexcept(false) {
@@ -73,73 +100,43 @@ SVSignalHandlerManager::~SVSignalHandlerManager() noexcept(false) {
     if (handle != nullptr) {
         handle->lock();
     }
-    if (const SVLifecycle::Teardown teardown = SVLifecycle::managerGone()) {
-        tearDown(teardown);
-    }
+    leave();
     if (handle != nullptr) {
         handle->unlock();
     }
     lastUse.letHandleGo();
 }
 
+// Counted before the gate is looked at: either whoever tears the state down sees this manager, or
+// this manager sees the gate closed and comes after the end of that.
+void SVSignalHandlerManager::enter() {
+    svnumberOfManagers().fetch_add(1);
+    if (!m_dispatching) {
+        managersOutsideDispatch.fetch_add(1);
+    }
+    if (!SVGate::openQ() || svhandlerTables().load() == nullptr) {
+        SVGate::pass(makeSharedTables);
+    }
+}
+
+// The last manager takes the lock once more, as restorePreviouslyExistingHandlers() does, but
+// before the gate is closed.
+void SVSignalHandlerManager::leave() {
+    SVMutex scope;
+    if (svnumberOfManagers().load() == 1 && svcurrentlyHandlingSignals().load()) {
+        scope.setHandle(lockHandle());
+    }
+    if (!m_dispatching) {
+        managersOutsideDispatch.fetch_sub(1);
+    }
+    if (svnumberOfManagers().fetch_sub(1) == 1 && svcurrentlyHandlingSignals().load()) {
+        SVGate::pass(tearDownIfLast);
+    }
+}
+
 // Null for a manager that does not lock, and when there was no memory for a lock.
 SVMutexHandle* SVSignalHandlerManager::lockHandle() const {
-    return m_locking ? SVSharedLock::handle() : nullptr;
-}
-
-namespace {
-
-// A teardown that is left before it is complete has failed: a handler could not be put back.
-class FailedUnlessComplete {
-public:
-    explicit FailedUnlessComplete(SVLifecycle::Teardown teardown) : m_teardown(teardown) {}
-    FailedUnlessComplete(const FailedUnlessComplete&) = delete;
-    FailedUnlessComplete& operator=(const FailedUnlessComplete&) = delete;
-    ~FailedUnlessComplete() { SVLifecycle::teardownFailed(m_teardown); }
-
-private:
-    const SVLifecycle::Teardown m_teardown;
-};
-
-}  // namespace
-
-// At every step somebody else may have completed this teardown, in a handler or on another thread,
-// and gone on; then the rest is none of its business any more. What each step is to change is read
-// before asking, so that a step that comes too late finds it changed.
-void SVSignalHandlerManager::tearDown(unsigned int teardown) {
-    const auto wanted = [teardown] { return SVLifecycle::currentTeardown() == teardown; };
-    {
-        const SVRegistryPin pin;
-        const FailedUnlessComplete failedUnlessComplete(teardown);
-        SVMutex scope;
-        scope.setHandle(lockHandle());
-        forEachPreexisting(pin, [&](SVSignalHandler& record) {
-            const SVOwnership::Count seen = SVOwnership::count(record.getSignalNumber());
-            if (wanted() && SVOwnership::giveToHost(record.getSignalNumber(), seen)) {
-                const SVSignalHandler displaced = installHandlerInSystem(record);
-                if (!wanted()) {
-                    SVOwnership::settleLateHandBack(*this, displaced, seen);
-                }
-            }
-            return wanted();
-        });
-        SVLifecycle::resetDispositions(teardown);
-        if (!wanted()) {
-            return;
-        }
-        SVRegistry::retire(pin, SVLifecycle::managerCount() != 0);
-        if (SVLifecycle::managerCount() != 0) {
-            SVRegistry::create();
-        }
-        SVLifecycle::teardownComplete(teardown);
-    }
-    SVRegistry::tidy();
-}
-
-void SVSignalHandlerManager::completeTeardown() {
-    if (const SVLifecycle::Teardown teardown = SVLifecycle::currentTeardown()) {
-        tearDown(teardown);
-    }
+    return m_locking ? svhandlerTableLock().load() : nullptr;
 }
 
 }  // namespace Sorvane

@@ -4,9 +4,8 @@
 
 #include <csignal>
 #include <iosfwd>
-#include <list>
 
-#include "../datastructures/svhashtable.h"
+#include "../registry/svsignaltables.h"
 #include "../support/svexception.h"
 #include "../support/svexport.h"
 #include "../support/svmutex.h"
@@ -33,15 +32,6 @@ extern "C" SORVANE_API void actualSignalHandler(int signalNumber, siginfo* infor
 namespace Sorvane {
 
 using ::actualSignalHandler;
-
-/// The handler records of one signal, by the address of their function.
-using SVSignalHandlerTable = SVHashTable<void*, SVSignalHandler, SVGenericHashFunction<void*>>;
-
-/// The table of every signal that ever had a handler or was taken over, by signal number less one.
-using SVSignalTable = SVHashTable<int, SVSignalHandlerTable*, SVGenericHashFunction<int>>;
-
-/// A batch of handler records.
-using SVSignalHandlerList = std::list<SVSignalHandler, SVStdAllocator<SVSignalHandler>>;
 
 /// A handle onto the process's signal-handling state, which all managers share. The first manager
 /// makes the shared tables; the last one tears them down if signals are being handled then.
@@ -234,11 +224,18 @@ public:
     static SVSignalHandlerDispositionSet signalDispositionSet;  ///< whole before any code runs
 
 private:
+    friend void ::actualSignalHandler(int, siginfo*, void*);
+
+    /// Makes the manager of a dispatch.
+    struct Dispatching {};
+    explicit SVSignalHandlerManager(Dispatching);
+
+    void enter();
+    void leave();
     SVMutexHandle* lockHandle() const;
-    void tearDown(unsigned int teardown);
-    void completeTeardown();
 
     const bool m_locking;
+    const bool m_dispatching;
 };
 
 /// Writes a manager as print() does.

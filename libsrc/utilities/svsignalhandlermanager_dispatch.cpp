@@ -1,7 +1,4 @@
-// What happens when a signal arrives, and how one signal is taken over so that it can arrive here.
-//
-// All of it can be reached by a signal, handleSignal() by way of a handler that calls it: it leaves
-// the heap alone then, takes no lock when the manager's locking flag is false, and formats nothing.
+// What happens when a signal arrives. All of it can be reached by a signal.
 
 #include <unistd.h>
 
@@ -9,16 +6,13 @@
 #include <csignal>
 
 #include "../support/svhandlercontext.h"
-#include "svownership.h"
-#include "svregistry.h"
+#include "svarrival.h"
+#include "svsharedstate.h"
 #include "svsignalhandlermanager.h"
-#include "svtakeover.h"
 
 namespace Sorvane {
 
 namespace {
-
-constexpr unsigned int lineNoTableForSignal = 302;
 
 // The signals that end the process unless the host had a handler for them. SIGILL, SIGFPE and
 // SIGABRT are not among them: they go the ordinary way.
@@ -46,13 +40,11 @@ bool inTableQ(const SVSignalHandlerTable* table, const void* function) noexcept 
 
 // The walk over one signal's records. It begins with the table as it is when the signal arrives,
 // and sees what its handlers do to the table on the way, slot by slot. If the records have been
-// moved to other slots, or the registry has ended, it keeps to the slots that it has.
+// moved to other slots, it keeps to the slots that it has.
 class Dispatch {
 public:
     explicit Dispatch(int signalNumber) noexcept
         : m_signalNumber(signalNumber), m_table(m_pin.tableOf(signalNumber)) {}
-
-    bool recordsQ() const { return m_table != nullptr && m_table->used != 0; }
 
     bool hasHostsOwnQ() const {
         if (m_table == nullptr) {
@@ -115,9 +107,9 @@ private:
 
     // Goes on with what is published now, if the records there stand in the same slots.
     bool follow(const Slot*& slot, const Slot*& end) noexcept {
-        SVRegistryPin now;
+        SVTablesPin now;
         SVSignalHandlerTable* const table = now.tableOf(m_signalNumber);
-        if (!SVRegistry::sameSlotsQ(table, m_table)) {
+        if (table == nullptr || !svsameSlotsQ(*m_table, *table)) {
             return false;
         }
         slot = table->table + (slot - m_table->table);
@@ -128,38 +120,30 @@ private:
     }
 
     // Whoever clears a handler whose turn has not come does not see it called any more: its module
-    // may be about to go. The end of the whole registry is no clearing.
+    // may be about to go.
     bool clearedMeanwhileQ(const SVSignalHandler& record) const noexcept {
-        const SVRegistryPin now;
-        return now.version() != nullptr &&
-               now.version()->registry() == m_pin.version()->registry() &&
+        const SVTablesPin now;
+        return now.tables() != nullptr &&
                !inTableQ(now.tableOf(m_signalNumber), record.getHandlerFunction());
     }
 
-    SVRegistryPin m_pin;
+    SVTablesPin m_pin;
     const int m_signalNumber;
     SVSignalHandlerTable* m_table;
 };
 
-// What is to be called is decided from one version of the registry, whatever other threads do to it
-// meanwhile. False: the signal belongs elsewhere, and arrives there.
-bool dispatchSignal(int signalNumber, siginfo* information, void* context,
-                    SVOwnership::Count seen) {
+// What is to be called is decided from what is published at one instant, whatever other threads do
+// to it meanwhile.
+void dispatchSignal(int signalNumber, siginfo* information, void* context) {
     Dispatch dispatch(signalNumber);
-    if (information != nullptr &&
-        SVOwnership::belongsElsewhereQ(signalNumber, seen, dispatch.recordsQ())) {
-        SVTakeOver::sendAgain(signalNumber, *information);
-        return false;
-    }
     if (fatalQ(signalNumber) && dispatch.hasHostsOwnQ()) {
         dispatch.callHostsOwn(information, context);
-        return true;
+        return;
     }
     dispatch.callValid(information, context);
     if (fatalQ(signalNumber)) {
         _exit(0);
     }
-    return true;
 }
 
 // The interrupted code must not find errno changed, whatever handlers and installations do to it.
@@ -196,23 +180,6 @@ bool SVSignalHandlerManager::hasPreexistingOrExternalHandlerQ(int signalNumber) 
     return Dispatch(signalNumber).hasHostsOwnQ();
 }
 
-void SVSignalHandlerManager::handleSignal(int signalNumber) {
-    SVMutex scope;
-    scope.setHandle(lockHandle());
-    completeTeardown();
-    SVRegistry::addTable(signalNumber, lineNoTableForSignal);
-    if (!signalDispositionSet.getSignalDisposition(signalNumber)) {
-        return;
-    }
-    const SVTakeOver takeOver(signalNumber);
-    SVOwnership::takeFromHost(signalNumber);
-    SVSignalHandler own = theSVHandler(signalNumber);
-    const SVSignalHandler previous = installHandlerInSystem(own);
-    if (!nobodysHandlerQ(previous)) {
-        SVRegistry::storeRecord(previous, false, lineNoTableForSignal);
-    }
-}
-
 SVSignalHandler SVSignalHandlerManager::theSVHandler(int signalNumber) {
     return SVSignalHandler(signalNumber, &actualSignalHandler, false, false, true);
 }
@@ -236,20 +203,17 @@ extern "C" void actualSignalHandler(int signalNumber, siginfo* information, void
     using namespace Sorvane;
     const ErrnoKeeper errnoKeeper;
     const SVHandlerContext::Scope handlerScope;
-    const SVOwnership::Count seen = SVOwnership::countAtArrival(signalNumber);
     // No locking: the thread that was interrupted, or another one, may hold the lock.
-    SVSignalHandlerManager manager(false);
-    if (SVTakeOver::keptQ(signalNumber, information)) {
-        return;
-    }
+    SVSignalHandlerManager manager{SVSignalHandlerManager::Dispatching()};
     SVSignalHandler own(signalNumber, &actualSignalHandler, false, false, true);
-    if (!dispatchSignal(signalNumber, information, context, seen)) {
+    SVArrival arrival(signalNumber);
+    if (arrival.lateQ() && arrival.sendOn(information, context)) {
         return;
     }
+    dispatchSignal(signalNumber, information, context);
     // A handler may have changed the operating system's action; the signal stays taken over.
-    if (SVOwnership::staysOursQ(signalNumber, seen)) {
-        manager.installHandlerInSystem(own);
-    } else {
-        SVOwnership::installAfterDispatch(manager, signalNumber, seen);
+    const SVSignalHandler displaced = manager.installHandlerInSystem(own);
+    if (arrival.ownerChangedQ()) {
+        arrival.settle(displaced);
     }
 }

@@ -3,10 +3,8 @@
 
 #include <ostream>
 
-#include "svlifecycle.h"
-#include "svregistry.h"
+#include "svsharedstate.h"
 #include "svsignalhandlermanager.h"
-#include "svwalk.h"
 
 namespace Sorvane {
 
@@ -14,12 +12,12 @@ std::ostream& SVSignalHandlerManager::print(std::ostream& stream) const {
     SVMutex scope;
     scope.setHandle(lockHandle());
     stream << "<SVSignalHandlerManager>";
-    stream << "<numberOfManagers>" << static_cast<unsigned long>(SVLifecycle::managerCount())
+    stream << "<numberOfManagers>" << static_cast<unsigned long>(svnumberOfManagers().load())
            << "</numberOfManagers>";
-    stream << "<currentlyHandlingSignals>" << SVLifecycle::handlingQ()
+    stream << "<currentlyHandlingSignals>" << svcurrentlyHandlingSignals().load()
            << "</currentlyHandlingSignals>";
-    const SVRegistryPin pin;
-    forEachSignal([&](int signalNumber) {
+    const SVTablesPin pin;
+    svforEachSignal([&](int signalNumber) {
         const SVSignalHandlerTable* const table = pin.tableOf(signalNumber);
         if (table != nullptr && table->used != 0) {
             table->WriteTable(stream);

@@ -1,46 +1,69 @@
 // How handler records come into the tables and out again.
 
-#include "svlifecycle.h"
-#include "svownership.h"
-#include "svregistry.h"
+#include "../registry/svownership.h"
+#include "svmanagerfailure.h"
+#include "svsharedstate.h"
 #include "svsignalhandlermanager.h"
+#include "svsystemactions.h"
 
 namespace Sorvane {
 
 namespace {
 
-constexpr unsigned int lineNoTableForHandler = 144;
+constexpr SVFailure noTable = svnoTableFailure(144);
 
-bool onlyRecordQ(int signalNumber, void* function) noexcept {
-    const SVRegistryPin pin;
-    const SVSignalHandlerTable* const table = pin.tableOf(signalNumber);
-    return table != nullptr && table->has_key(function) && table->used == 1;
+// While signals are being handled, the action that the operating system had for the signal is not
+// kept: only taking a signal over with handleSignal() makes a pre-existing record of it.
+SVFailure store(const SVSignalHandler& record, SVSignalHandler& own) noexcept {
+    const int signalNumber = record.getSignalNumber();
+    if (!SVSignalHandlerManager::signalDispositionSet.getSignalDisposition(signalNumber)) {
+        return SVFailure();
+    }
+    if (const SVFailure failure = svregistry.addTable(signalNumber, noTable)) {
+        return failure;
+    }
+    if (const SVFailure failure = svregistry.store(record, noTable)) {
+        return failure;
+    }
+    if (!svcurrentlyHandlingSignals().load()) {
+        return SVFailure();
+    }
+    struct sigaction displaced;
+    const SVFailure failure = SVSystemActions::install(own, displaced);
+    if (!failure) {
+        SVOwnership::take(signalNumber);
+    }
+    return failure;
+}
+
+// The flag that counts is the given record's, not the stored one's: whoever clears says whether
+// the signal goes back to that handler.
+SVFailure clear(SVSignalHandler& record) noexcept {
+    const int signalNumber = record.getSignalNumber();
+    if (!SVSignalHandlerManager::signalDispositionSet.getSignalDisposition(signalNumber)) {
+        return SVFailure();
+    }
+    void* const function = record.getHandlerFunction();
+    const SVSignalHandlerTable* const table = svregistry.tableOf(signalNumber);
+    if (table == nullptr || !table->has_key(function)) {
+        return SVFailure();
+    }
+    if (record.preExistsQ() && table->used == 1) {
+        if (const SVFailure failure = SVSystemActions::handBack(record)) {
+            return failure;
+        }
+    }
+    return svregistry.remove(signalNumber, function, noTable);
 }
 
 }  // namespace
 
-// While signals are being handled, the action that the operating system had for the signal is not
-// kept: only taking a signal over with handleSignal() makes a pre-existing record of it.
 void SVSignalHandlerManager::setHandler(SVSignalHandler& handler) {
+    const SVSignalHandler record(handler);
     SVMutex scope;
     scope.setHandle(lockHandle());
-    completeTeardown();
-    const int signalNumber = handler.getSignalNumber();
-    if (!signalDispositionSet.getSignalDisposition(signalNumber)) {
-        return;
-    }
-    SVRegistry::storeRecord(handler, true, lineNoTableForHandler);
-    SVOwnership::Registrations::add(signalNumber);
-    if (!SVLifecycle::handlingQ()) {
-        return;
-    }
-    SVOwnership::takeFromHost(signalNumber);
-    SVSignalHandler own = theSVHandler(signalNumber);
-    SVSignalHandler displaced = installHandlerInSystem(own);
-    // Somebody who has stopped the handling since then has handed the signal back already.
-    if (!SVLifecycle::handlingQ() && !ownHandlerQ(displaced)) {
-        installHandlerInSystem(displaced);
-    }
+    SVSignalHandler own = theSVHandler(record.getSignalNumber());
+    SVGate::pass([&] { return store(record, own); });
 }
 
 void SVSignalHandlerManager::setHandlerFromFunction(int signalNumber,
@@ -65,25 +88,11 @@ void SVSignalHandlerManager::setHandlers(SVSignalHandlerList& handlers) {
     }
 }
 
-// The flag that counts is the given record's, not the stored one's: whoever clears says whether
-// the signal goes back to that handler.
 void SVSignalHandlerManager::clearHandler(SVSignalHandler& handler) {
+    SVSignalHandler record(handler);
     SVMutex scope;
     scope.setHandle(lockHandle());
-    completeTeardown();
-    const int signalNumber = handler.getSignalNumber();
-    if (!signalDispositionSet.getSignalDisposition(signalNumber)) {
-        return;
-    }
-    void* const function = handler.getHandlerFunction();
-    if (handler.preExistsQ() && onlyRecordQ(signalNumber, function)) {
-        SVSignalHandler displaced = installHandlerInSystem(handler);
-        // Another handler that was registered meanwhile is not to be cut off.
-        if (ownHandlerQ(displaced) && !onlyRecordQ(signalNumber, function)) {
-            installHandlerInSystem(displaced);
-        }
-    }
-    SVRegistry::removeRecord(signalNumber, function, lineNoTableForHandler);
+    SVGate::pass([&] { return clear(record); });
 }
 
 void SVSignalHandlerManager::clearHandlerWithFunction(int signalNumber,

@@ -3,10 +3,11 @@
 #include <cerrno>
 #include <csignal>
 
+#include "../registry/svownership.h"
 #include "svmanagerfailure.h"
-#include "svregistry.h"
+#include "svsharedstate.h"
 #include "svsignalhandlermanager.h"
-#include "svwalk.h"
+#include "svsystemactions.h"
 
 namespace Sorvane {
 
@@ -14,31 +15,74 @@ namespace {
 
 constexpr unsigned int lineSigactionFailed = 346;
 
+SVFailure failureOf(int result) noexcept {
+    if (result == 0) {
+        return SVFailure();
+    }
+    return svmanagerFailure("installHandlerInSystem caught an error from sigaction.",
+                            lineSigactionFailed, svexceptionOperatingSystemCallFailed, errno);
+}
+
 }  // namespace
 
-SVSignalHandler SVSignalHandlerManager::installHandlerInSystem(SVSignalHandler& handler) {
-    const int signalNumber = handler.getSignalNumber();
-    const struct sigaction wanted = handler.getOSStruct();
+SVFailure SVSystemActions::ask(int signalNumber, struct sigaction& current) noexcept {
+    return failureOf(sigaction(signalNumber, nullptr, &current));
+}
+
+SVFailure SVSystemActions::install(SVSignalHandler& record, struct sigaction& previous) noexcept {
+    const struct sigaction wanted = record.getOSStruct();
+    return failureOf(sigaction(record.getSignalNumber(), &wanted, &previous));
+}
+
+SVFailure SVSystemActions::handBack(SVSignalHandler& record) noexcept {
+    const int signalNumber = record.getSignalNumber();
+    const bool librarys = SVOwnership::librarysQ(SVOwnership::count(signalNumber));
     struct sigaction previous;
-    if (sigaction(signalNumber, &wanted, &previous) != 0) {
-        // Read before the exception is made: that may ask for memory, and fail, and change it.
-        const int code = errno;
-        throw managerFailure("installHandlerInSystem caught an error from sigaction.",
-                             lineSigactionFailed, svexceptionOperatingSystemCallFailed, code);
+    SVOwnership::handBack(signalNumber, record.getOSStruct());
+    const SVFailure failure = install(record, previous);
+    if (failure && librarys) {
+        SVOwnership::take(signalNumber);
     }
-    return SVSignalHandler(signalNumber, previous, true, true, true);
+    return failure;
 }
 
 // No disposition is asked: what was taken over when a signal was allowed is put back even if it is
 // forbidden by now.
+SVFailure SVSystemActions::handBackPreexisting() noexcept {
+    SVFailure failure;
+    svforEachSignal([&](int signalNumber) {
+        const SVSignalHandlerTable* const table = svregistry.tableOf(signalNumber);
+        if (table == nullptr) {
+            return;
+        }
+        for (auto position = table->begin(); !failure && position != table->end(); position++) {
+            SVSignalHandler record(position.GetValue());
+            if (record.preExistsQ() && record.validQ()) {
+                failure = handBack(record);
+            }
+        }
+    });
+    return failure;
+}
+
+bool svownActionQ(const struct sigaction& action) noexcept {
+    return action.sa_sigaction == &actualSignalHandler;
+}
+
+bool svnobodysActionQ(const struct sigaction& action) noexcept {
+    return svownActionQ(action) || action.sa_handler == SIG_DFL || action.sa_handler == SIG_IGN;
+}
+
+SVSignalHandler SVSignalHandlerManager::installHandlerInSystem(SVSignalHandler& handler) {
+    struct sigaction previous;
+    SVSystemActions::install(handler, previous).throwIfAny();
+    return SVSignalHandler(handler.getSignalNumber(), previous, true, true, true);
+}
+
 void SVSignalHandlerManager::restorePreviouslyExistingHandlers() {
     SVMutex scope;
     scope.setHandle(lockHandle());
-    const SVRegistryPin pin;
-    forEachPreexisting(pin, [this](SVSignalHandler& record) {
-        installHandlerInSystem(record);
-        return true;
-    });
+    SVGate::pass([] { return SVSystemActions::handBackPreexisting(); });
 }
 
 }  // namespace Sorvane

@@ -1,63 +1,130 @@
-// Switching signal handling on and off, and the dispositions that say for which signals.
+// Taking signals over and handing them back, and the dispositions that say which ones.
 
-#include <cstdint>
-
-#include "svlifecycle.h"
-#include "svownership.h"
-#include "svregistry.h"
+#include "../registry/svownership.h"
+#include "svmanagerfailure.h"
+#include "svsharedstate.h"
 #include "svsignalhandlermanager.h"
-#include "svtakeover.h"
-#include "svwalk.h"
+#include "svsystemactions.h"
 
 namespace Sorvane {
 
 namespace {
 
-bool hasRecordsQ(int signalNumber) noexcept {
-    const SVRegistryPin pin;
-    const SVSignalHandlerTable* const table = pin.tableOf(signalNumber);
+constexpr unsigned int lineNoTableForSignal = 302;
+
+bool hasRecordsQ(const SVSignalHandlerTable* table) noexcept {
     return table != nullptr && table->used != 0;
 }
 
-// Those of the signals that walks cover.
-class SignalNumbers {
-public:
-    void add(int signalNumber) noexcept { m_numbers |= bitOf(signalNumber); }
-    bool hasQ(int signalNumber) const noexcept { return (m_numbers & bitOf(signalNumber)) != 0; }
+bool librarysQ(int signalNumber) noexcept {
+    return SVOwnership::librarysQ(SVOwnership::count(signalNumber));
+}
 
-private:
-    static constexpr std::uint64_t bitOf(int signalNumber) noexcept {
-        return std::uint64_t{1} << static_cast<unsigned int>(signalNumber);
+bool allowedQ(int signalNumber) noexcept {
+    return SVSignalHandlerManager::signalDispositionSet.getSignalDisposition(signalNumber);
+}
+
+// What the host has for a signal that is to be taken over. A dispatch that has installed the
+// library and not yet looked whose the signal is hides that; see svownership.h.
+SVFailure askForActionOfHost(int signalNumber, struct sigaction& action) noexcept {
+    const SVFailure failure = SVSystemActions::ask(signalNumber, action);
+    if (!failure && svownActionQ(action) &&
+        SVOwnership::handedBackQ(SVOwnership::count(signalNumber))) {
+        action = SVOwnership::actionOfHost(signalNumber);
     }
+    return failure;
+}
 
-    std::uint64_t m_numbers = 0;
-};
+// The host's handler is put on record before the swap, so that it is on record, for whoever looks,
+// as soon as the library is installed. If the host replaces it just between, its new one counts.
+SVFailure takeOver(int signalNumber, SVSignalHandler& own) noexcept {
+    constexpr SVFailure noTable = svnoTableFailure(lineNoTableForSignal);
+    if (const SVFailure failure = svregistry.addTable(signalNumber, noTable)) {
+        return failure;
+    }
+    if (!allowedQ(signalNumber)) {
+        return SVFailure();
+    }
+    struct sigaction host;
+    if (const SVFailure failure = askForActionOfHost(signalNumber, host)) {
+        return failure;
+    }
+    const SVSignalHandler previous(signalNumber, host, true, true, true);
+    void* const function = previous.getHandlerFunction();
+    const bool kept =
+        !svnobodysActionQ(host) && !svregistry.tableOf(signalNumber)->has_key(function);
+    SVFailure failure = kept ? svregistry.store(previous, noTable) : SVFailure();
+    struct sigaction displaced;
+    if (!failure) {
+        failure = SVSystemActions::install(own, displaced);
+        if (failure && kept) {
+            svregistry.remove(signalNumber, function, noTable);
+        }
+    }
+    if (failure) {
+        return failure;
+    }
+    SVOwnership::take(signalNumber);
+    if (svnobodysActionQ(displaced) || svsameActionQ(displaced, host)) {
+        return SVFailure();
+    }
+    if (kept) {
+        svregistry.remove(signalNumber, function, noTable);
+    }
+    const SVSignalHandler newer(signalNumber, displaced, true, true, true);
+    return svregistry.tableOf(signalNumber)->has_key(newer.getHandlerFunction())
+               ? SVFailure()
+               : svregistry.store(newer, noTable);
+}
 
-// Finds the first pre-existing record of a signal, if there is one. Result: whether the signal has
-// a table at all.
-bool findPreexisting(int signalNumber, SVSignalHandler& found) noexcept {
-    const SVRegistryPin pin;
-    const SVSignalHandlerTable* const table = pin.tableOf(signalNumber);
-    if (table == nullptr) {
-        return false;
+// The first pre-existing record goes back, valid or not: the user hands this one signal back
+// deliberately, and an invalid record is still what the host had. Without one the signal is left
+// ignored and not at its default action, which would end the process for most signals that are
+// still on their way.
+SVFailure handBack(int signalNumber, SVSignalHandler wanted) noexcept {
+    const SVSignalHandlerTable* const table = svregistry.tableOf(signalNumber);
+    if (!allowedQ(signalNumber) || table == nullptr) {
+        return SVFailure();
     }
     for (auto position = table->begin(); position != table->end(); position++) {
         if (position.GetValue().preExistsQ()) {
-            found = position.GetValue();
-            return true;
+            wanted = position.GetValue();
+            break;
         }
     }
-    return true;
+    return SVSystemActions::handBack(wanted);
+}
+
+// Switches handling on, unless a signal with records is not the library's: it had its first record,
+// or was handed back, by another thread after its turn.
+bool switchOn() noexcept {
+    const SVGate gate;
+    bool complete = true;
+    svforEachSignal([&](int signalNumber) {
+        if (hasRecordsQ(svregistry.tableOf(signalNumber)) && allowedQ(signalNumber) &&
+            !librarysQ(signalNumber)) {
+            complete = false;
+        }
+    });
+    if (complete) {
+        svcurrentlyHandlingSignals().store(true);
+    }
+    return complete;
 }
 
 }  // namespace
 
+void SVSignalHandlerManager::handleSignal(int signalNumber) {
+    SVMutex scope;
+    scope.setHandle(lockHandle());
+    SVSignalHandler own = theSVHandler(signalNumber);
+    SVGate::pass([&] { return takeOver(signalNumber, own); });
+}
+
 // The lock is let go around each handleSignal(), which takes it by itself, so that an exception
 // out of it leaves nothing locked.
 void SVSignalHandlerManager::startHandlingSignals() {
-    // A teardown that was begun may not have said yet that nothing is handled any more.
-    completeTeardown();
-    if (SVLifecycle::handlingQ()) {
+    if (svcurrentlyHandlingSignals().load()) {
         return;
     }
     SVMutexHandle* const handle = lockHandle();
@@ -71,93 +138,51 @@ void SVSignalHandlerManager::startHandlingSignals() {
             handle->unlock();
         }
     };
-    SignalNumbers walked;
-    const auto takeOverTheRest = [&] {
-        forEachSignal([&](int signalNumber) {
-            if (!walked.hasQ(signalNumber) && hasRecordsQ(signalNumber)) {
-                walked.add(signalNumber);
+    bool first = true;
+    lock();
+    do {
+        svforEachSignal([&](int signalNumber) {
+            if (hasRecordsQ(SVTablesPin().tableOf(signalNumber)) &&
+                (first || !librarysQ(signalNumber))) {
                 unlock();
                 handleSignal(signalNumber);
                 lock();
             }
         });
-    };
-    bool counts = false;
-    lock();
-    try {
-        unsigned int stops = 0;
-        do {
-            stops = SVLifecycle::timesStopped();
-            walked = SignalNumbers();
-            takeOverTheRest();
-            SVLifecycle::setHandling(true);
-            counts = true;
-            // A registration that came after its signal's turn, and before this, installed nothing.
-            takeOverTheRest();
-            // Whoever has started and stopped meanwhile has handed back what was taken over here.
-        } while (stops != SVLifecycle::timesStopped() && SVLifecycle::handlingQ());
-    } catch (...) {
-        // What somebody else has begun meanwhile goes on.
-        if (counts) {
-            SVLifecycle::setHandling(false);
-        }
-        throw;
-    }
+        first = false;
+    } while (!switchOn());
     unlock();
 }
 
-// The first pre-existing record goes back, valid or not: the user hands this one signal back
-// deliberately, and an invalid record is still what the host had. Without one the signal is left
-// ignored and not at its default action, which would end the process for most signals that are
-// still on their way.
 void SVSignalHandlerManager::stopHandlingSignal(int signalNumber) {
     SVMutex scope;
     scope.setHandle(lockHandle());
-    completeTeardown();
-    if (!signalDispositionSet.getSignalDisposition(signalNumber)) {
-        return;
-    }
-    SVSignalHandler wanted = ignoreHandler(signalNumber);
-    if (!findPreexisting(signalNumber, wanted)) {
-        return;
-    }
-    // A handler that hands back a signal which the code it interrupted is just taking over comes
-    // before that: what the host had is not on record yet, and must not be lost.
-    if (!wanted.preExistsQ() && SVTakeOver::underWayQ(signalNumber)) {
-        return;
-    }
-    SVSignalHandler displaced = installHandlerInSystem(wanted);
-    if (wanted.preExistsQ()) {
-        return;
-    }
-    // The same if it has been taken over since, or is just being; then this comes after it if the
-    // host's handler is on record, and before it if not.
-    if (SVTakeOver::underWayQ(signalNumber) && ownHandlerQ(displaced)) {
-        installHandlerInSystem(displaced);
-    } else if (findPreexisting(signalNumber, wanted) && wanted.preExistsQ()) {
-        installHandlerInSystem(wanted);
-    }
+    SVGate::pass([&] { return handBack(signalNumber, ignoreHandler(signalNumber)); });
 }
 
 void SVSignalHandlerManager::stopHandlingSignals() {
-    if (!SVLifecycle::handlingQ()) {
+    if (!svcurrentlyHandlingSignals().load()) {
         return;
     }
-    SVOwnership::Registrations before;
-    forEachSignal([this](int signalNumber) { stopHandlingSignal(signalNumber); });
+    svforEachSignal([this](int signalNumber) { stopHandlingSignal(signalNumber); });
     SVMutex scope;
     scope.setHandle(lockHandle());
-    SVLifecycle::setHandling(false);
-    // A registration that came after its signal's turn, and before this, has installed the library.
-    forEachSignal([&](int signalNumber) {
-        if (before.changedQ(signalNumber)) {
-            stopHandlingSignal(signalNumber);
+    SVGate::pass([this] {
+        SVFailure failure;
+        // Another thread's registration after its signal's turn has installed the library again.
+        svforEachSignal([&](int signalNumber) {
+            if (!failure && librarysQ(signalNumber)) {
+                failure = handBack(signalNumber, ignoreHandler(signalNumber));
+            }
+        });
+        if (!failure) {
+            svcurrentlyHandlingSignals().store(false);
         }
+        return failure;
     });
 }
 
 void SVSignalHandlerManager::setSignalDisposition(int signalNumber, bool handle) {
-    SVLifecycle::resetDispositionsIfTornDown();
     if (handle) {
         signalDispositionSet.handleSignal(signalNumber);
     } else {
@@ -166,12 +191,10 @@ void SVSignalHandlerManager::setSignalDisposition(int signalNumber, bool handle)
 }
 
 void SVSignalHandlerManager::setSignalDispositions(SVSignalHandlerDispositionSet dispositions) {
-    SVLifecycle::resetDispositionsIfTornDown();
     signalDispositionSet = dispositions;
 }
 
 bool SVSignalHandlerManager::getSignalDisposition(int signalNumber) {
-    SVLifecycle::resetDispositionsIfTornDown();
     return signalDispositionSet.getSignalDisposition(signalNumber);
 }
 

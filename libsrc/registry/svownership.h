@@ -1,0 +1,81 @@
+// Whose a signal is: the library's, or the host's again.
+//
+// The problem. One thread hands a signal back while another one dispatches it. The dispatch ends
+// with installing the library again, and would take the signal back; and a signal for which the
+// kernel has already chosen the library comes to a dispatch when it is the host's by then. Neither
+// can be told from what the system has installed.
+//
+// The mechanism. Each signal has a count, even while it is the host's and odd while it is the
+// library's, and beside it the action to which it was handed back last, and by which thread. They
+// change inside the gate only. Handing back always changes the count, also when the signal is the
+// host's already, and does so before it installs the host's action.
+//
+// A dispatch reads the count when it is a live manager, so that nothing is torn down any more.
+// - The count is even, and the signal was handed back: this arrival is late and belongs to whom the
+//   signal belongs by now. It is sent on, as it came, to the same thread, once for each count.
+//   Should it come here again all the same, somebody has called the library by hand, and has an
+//   ordinary dispatch, unless the library is what is still installed; then the host's action is put
+//   back.
+// - Otherwise the records are called, the library is installed again, and the count is read once
+//   more. If it has not changed, nobody has handed the signal back before that installation. If it
+//   has, the rest is done inside the gate: what the installation displaced is put back, as it is
+//   the host's, unless this thread itself handed the signal back, in a handler of this dispatch;
+//   that is undone by the installation, as always. Of several dispatches that meet there, the one
+//   that displaced the host's action puts it back.
+// A take-over that finds the library installed although the signal is the host's has come between a
+// dispatch's installation and its last look; it takes the remembered action for what the host had.
+#ifndef SORVANE_SVOWNERSHIP_H
+#define SORVANE_SVOWNERSHIP_H
+
+#include <atomic>
+#include <csignal>
+
+#include "../support/svsignalnumber.h"
+
+namespace Sorvane {
+
+/// For all signal numbers; those that do not exist are nobody's. No exceptions.
+namespace SVOwnership {
+
+using Count = unsigned int;
+extern std::atomic<Count> counts[highestSignal + 1];
+
+/// The count of a signal. Threads: any. Signal context: any context.
+inline Count count(int signalNumber) noexcept {
+    return counts[signalExistsQ(signalNumber) ? signalNumber : 0].load(std::memory_order_seq_cst);
+}
+constexpr bool librarysQ(Count count) noexcept {
+    return count % 2 == 1;
+}
+/// Whether the signal is the host's because it was handed back. One that never was taken over is
+/// not, although the library may have been installed for it by hand.
+constexpr bool handedBackQ(Count count) noexcept {
+    return count % 2 == 0 && count != 0;
+}
+
+// --- Signal context of the rest: inside the gate.
+
+/// The signal becomes the library's.
+void take(int signalNumber) noexcept;
+
+/// The signal becomes the host's, with this action; said before that is installed.
+void handBack(int signalNumber, const struct sigaction& action) noexcept;
+
+/// The action that a signal was handed back to, and what it has become since.
+const struct sigaction& actionOfHost(int signalNumber) noexcept;
+void setActionOfHost(int signalNumber, const struct sigaction& action) noexcept;
+
+/// Whether this thread was the last one to hand the signal back.
+bool handedBackByThisThreadQ(int signalNumber) noexcept;
+
+/// Whether this thread sends the signal on for the first time since it was handed back.
+bool sendsOnFirstQ(int signalNumber) noexcept;
+
+}  // namespace SVOwnership
+
+/// Whether two actions do the same.
+bool svsameActionQ(const struct sigaction& one, const struct sigaction& other) noexcept;
+
+}  // namespace Sorvane
+
+#endif

@@ -1,0 +1,120 @@
+#include "svpin.h"
+
+#include <cstdint>
+
+#include "../support/svatomicref.h"
+#include "../support/svhandlercontext.h"
+#include "svgate.h"
+
+namespace Sorvane {
+
+constinit SVPin::Slot SVPin::slots[slotCount];
+constinit std::atomic<unsigned int> SVPin::withoutSlot{0};
+
+namespace {
+
+using Place = SVAtomicRef<SVSignalTable*>;
+
+static_assert(Place::is_always_lock_free);
+static_assert(std::atomic<const void*>::is_always_lock_free);
+
+// Where a thread's search begins: at the beginning of a cache line, which not many threads share.
+unsigned int firstSlotOf(const void* thread, unsigned int slotsInLine,
+                         unsigned int lines) noexcept {
+    constexpr std::uint32_t spreading = 2654435769U;
+    const auto bits = static_cast<std::uint32_t>(reinterpret_cast<std::uintptr_t>(thread) >> 6U);
+    return ((bits * spreading) >> 16U) % lines * slotsInLine;
+}
+
+}  // namespace
+
+SVPin::SVPin(SVSignalTable*& place) noexcept : m_place(&place) {
+    for (;;) {
+        m_tables = Place(place).load(std::memory_order_acquire);
+        if (m_tables != nullptr) {
+            pin();
+        }
+        if (SVGate::openQ() && publishedQ()) {
+            return;
+        }
+        letGo();
+        SVGate::waitUntilOpen();
+    }
+}
+
+void SVPin::pin() noexcept {
+    constexpr unsigned int slotsInLine = 64 / sizeof(Slot);
+    const void* const thread = SVHandlerContext::thisThread();
+    const unsigned int first = firstSlotOf(thread, slotsInLine, slotCount / slotsInLine);
+    for (unsigned int i = 0; i < slotCount; ++i) {
+        Slot& slot = slots[(first + i) % slotCount];
+        const void* none = slot.tables.load(std::memory_order_relaxed);
+        if (none == nullptr && slot.tables.compare_exchange_strong(none, m_tables)) {
+            slot.thread.store(thread, std::memory_order_relaxed);
+            m_slot = &slot;
+            return;
+        }
+    }
+    withoutSlot.fetch_add(1);
+}
+
+// Release pairs with the search for pins: whoever finds none comes after all that was read.
+void SVPin::letGo() noexcept {
+    if (m_tables == nullptr) {
+        return;
+    }
+    if (m_slot != nullptr) {
+        m_slot->thread.store(nullptr, std::memory_order_relaxed);
+        m_slot->tables.store(nullptr, std::memory_order_release);
+        m_slot = nullptr;
+    } else {
+        withoutSlot.fetch_sub(1, std::memory_order_release);
+    }
+    m_tables = nullptr;
+}
+
+bool SVPin::publishedQ() const noexcept {
+    return Place(*m_place).load(std::memory_order_seq_cst) == m_tables;
+}
+
+SVSignalHandlerTable* SVPin::tableOf(int signalNumber) const noexcept {
+    if (m_tables == nullptr) {
+        return nullptr;
+    }
+    const SVSignalTable::Entry* const entry = m_tables->get(signalKey(signalNumber));
+    return entry == nullptr ? nullptr : entry->value;
+}
+
+void SVPin::swap(SVPin& other) noexcept {
+    SVSignalTable* const tables = m_tables;
+    Slot* const slot = m_slot;
+    m_tables = other.m_tables;
+    m_slot = other.m_slot;
+    other.m_tables = tables;
+    other.m_slot = slot;
+}
+
+bool SVPin::pinnedQ(const SVSignalTable* tables) noexcept {
+    for (const Slot& slot : slots) {
+        if (slot.tables.load(std::memory_order_seq_cst) == tables) {
+            return true;
+        }
+    }
+    return withoutSlot.load(std::memory_order_seq_cst) != 0;
+}
+
+// A slot that was taken at the very instant of the fork does not tell by whom, and stays.
+void SVPin::forgetOtherThreads() noexcept {
+    for (Slot& slot : slots) {
+        const void* const thread = slot.thread.load(std::memory_order_relaxed);
+        if (thread != nullptr && thread != SVHandlerContext::thisThread()) {
+            slot.thread.store(nullptr, std::memory_order_relaxed);
+            slot.tables.store(nullptr, std::memory_order_relaxed);
+        }
+    }
+    if (!SVHandlerContext::insideQ()) {
+        withoutSlot.store(0, std::memory_order_relaxed);
+    }
+}
+
+}  // namespace Sorvane

@@ -1,0 +1,75 @@
+// Who reads the published tables.
+//
+// A reader writes the address of the tables that it reads into a slot that nobody else uses; that
+// is its pin. Whoever changes the tables, inside the gate, looks through the slots, and neither
+// changes nor releases what is pinned. A reader looks at the gate after it has pinned, and only
+// then at what it pinned (svgate.h says why that suffices), so an address may be pinned for a
+// moment behind which there is nothing any more.
+//
+// There are many more slots than threads are likely to dispatch at once. A thread begins its search
+// at a place of its own, so that threads do not keep taking a cache line from each other. Where no
+// slot is left, a count takes its place, and everything is pinned as long as it is not zero.
+//
+// A handler that leaves by siglongjmp leaves its pin behind: those tables then stay for good.
+#ifndef SORVANE_SVPIN_H
+#define SORVANE_SVPIN_H
+
+#include <atomic>
+
+#include "svsignaltables.h"
+
+namespace Sorvane {
+
+/// Keeps the published tables, if there are any, as they are for the length of a scope. May sleep
+/// at the gate for a moment when it is made. Threads: any. Signal context: any context.
+class SVPin {
+public:
+    /// Parameters: place, where the published tables are.
+    explicit SVPin(SVSignalTable*& place) noexcept;
+    SVPin(const SVPin&) = delete;
+    SVPin& operator=(const SVPin&) = delete;
+    ~SVPin() { letGo(); }
+
+    SVSignalTable* tables() const noexcept { return m_tables; }
+
+    /// The table of a signal, or null.
+    SVSignalHandlerTable* tableOf(int signalNumber) const noexcept;
+
+    /// Whether nothing else has been published since.
+    bool publishedQ() const noexcept;
+
+    /// Exchanges what two pins keep.
+    void swap(SVPin& other) noexcept;
+
+    /// Whether somebody reads these tables. Signal context: inside the gate.
+    static bool pinnedQ(const SVSignalTable* tables) noexcept;
+
+    /// Forgets the pins of other threads, for the only thread of a forked child.
+    static void forgetOtherThreads() noexcept;
+
+private:
+    struct Slot {
+        std::atomic<const void*> tables;  ///< null: free
+        std::atomic<const void*> thread;  ///< null just after it was taken
+    };
+    static constexpr unsigned int slotCount = 128;
+    alignas(64) static Slot slots[slotCount];
+    static std::atomic<unsigned int> withoutSlot;
+
+    void pin() noexcept;
+    void letGo() noexcept;
+
+    SVSignalTable** m_place;
+    SVSignalTable* m_tables = nullptr;
+    Slot* m_slot = nullptr;
+};
+
+/// The key of a signal in the outer table. Defined for every int: the lowest one wraps.
+/// Signal context: any context.
+inline int signalKey(int signalNumber) noexcept {
+    return static_cast<int>(static_cast<unsigned int>(signalNumber) - 1U);
+}
+
+}  // namespace Sorvane
+
+#endif

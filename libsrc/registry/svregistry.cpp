@@ -1,0 +1,260 @@
+#include "svregistry.h"
+
+#include <atomic>
+#include <csignal>
+
+#include "../support/svatomicref.h"
+#include "svjournal.h"
+
+namespace Sorvane {
+
+/// Tables that have been displaced while somebody read them.
+struct SVRegistry::Retired final : public SVObject {
+    ~Retired() noexcept override {}
+
+    SVSignalTable* tables = nullptr;
+    Retired* next = nullptr;
+};
+
+namespace {
+
+// What a pointer to a table is changed to must be complete by then, also for a child that is split
+// off just then, and for a debugger.
+template <typename Table>
+void letPointTo(Table*& place, Table* table) noexcept {
+    std::atomic_signal_fence(std::memory_order_seq_cst);
+    place = table;
+    std::atomic_signal_fence(std::memory_order_seq_cst);
+}
+
+// A table with the same slots, the deleted ones included; null without memory.
+template <typename Table>
+Table* copyOf(const Table& table) noexcept {
+    auto* const copy = new Table;
+    if (copy == nullptr) {
+        return nullptr;
+    }
+    if (table.mask != copy->mask) {
+        auto* const slots = new typename Table::Entry[table.mask + 2];
+        if (slots == nullptr) {
+            delete copy;
+            return nullptr;
+        }
+        copy->table = slots;
+        copy->mask = table.mask;
+    }
+    for (unsigned int i = 0; i <= table.mask; ++i) {
+        copy->table[i] = table.table[i];
+    }
+    copy->used = table.used;
+    copy->fill = table.fill;
+    return copy;
+}
+
+SVSignalHandlerTable** placeIn(const SVSignalTable* tables, int key) noexcept {
+    SVSignalTable::Entry* const entry = tables == nullptr ? nullptr : tables->get(key);
+    return entry == nullptr ? nullptr : &entry->value;
+}
+
+}  // namespace
+
+void SVRegistry::publish(SVSignalTable* tables) noexcept {
+    std::atomic_signal_fence(std::memory_order_seq_cst);
+    SVAtomicRef<SVSignalTable*>(m_place).store(tables, std::memory_order_seq_cst);
+    std::atomic_signal_fence(std::memory_order_seq_cst);
+}
+
+void SVRegistry::begin() noexcept {
+    publish(new SVSignalTable);
+}
+
+void SVRegistry::end() noexcept {
+    SVSignalTable* const tables = m_place;
+    publish(nullptr);
+    for (auto position = tables->begin(); position != tables->end(); position++) {
+        delete position.GetValue();
+    }
+    delete tables;
+}
+
+SVSignalHandlerTable* SVRegistry::tableOf(int signalNumber) const noexcept {
+    SVSignalHandlerTable** const place = placeIn(m_place, signalKey(signalNumber));
+    return place == nullptr ? nullptr : *place;
+}
+
+bool SVRegistry::retiredTablesHaveQ(int key, const SVSignalHandlerTable* table) const noexcept {
+    for (const Retired* retired = m_retired; retired != nullptr; retired = retired->next) {
+        SVSignalHandlerTable** const place = placeIn(retired->tables, key);
+        if (place != nullptr && *place == table) {
+            return true;
+        }
+    }
+    return false;
+}
+
+bool SVRegistry::readQ(int key, const SVSignalHandlerTable* table) const noexcept {
+    return SVPin::pinnedQ(m_place) || retiredTablesHaveQ(key, table);
+}
+
+// An inner table goes with the last of the outer ones that have it.
+void SVRegistry::releaseWhatNobodyReads() noexcept {
+    Retired** link = &m_retired;
+    while (Retired* const retired = *link) {
+        SVSignalTable* const tables = retired->tables;
+        if (SVPin::pinnedQ(tables)) {
+            link = &retired->next;
+            continue;
+        }
+        letPointTo(*link, retired->next);
+        for (auto position = tables->begin(); position != tables->end(); position++) {
+            const int key = position.entries[position.index].key;
+            SVSignalHandlerTable* const table = position.GetValue();
+            SVSignalHandlerTable** const place = placeIn(m_place, key);
+            if ((place == nullptr || *place != table) && !retiredTablesHaveQ(key, table)) {
+                delete table;
+            }
+        }
+        delete tables;
+        delete retired;
+    }
+}
+
+// Publishes other tables, and retires those that were. False without memory.
+bool SVRegistry::publishInstead(SVSignalTable* tables) noexcept {
+    auto* const retired = new Retired;
+    if (retired == nullptr) {
+        return false;
+    }
+    retired->tables = m_place;
+    retired->next = m_retired;
+    publish(tables);
+    letPointTo(m_retired, retired);
+    return true;
+}
+
+SVFailure SVRegistry::addTable(int signalNumber, const SVFailure& noTable) noexcept {
+    if (tableOf(signalNumber) != nullptr) {
+        return SVFailure();
+    }
+    SVSignalTable* const tables = m_place;
+    auto* const table = tables == nullptr ? nullptr : new SVSignalHandlerTable;
+    SVSignalTable* const copy = table == nullptr ? nullptr : copyOf(*tables);
+    if (copy == nullptr) {
+        delete table;
+        return noTable;
+    }
+    const int key = signalKey(signalNumber);
+    SVFailure failure;
+    if (SVPin::pinnedQ(tables)) {
+        failure = copy->tryInsert(key, table);
+        if (!failure && publishInstead(copy)) {
+            return SVFailure();
+        }
+        failure = failure ? failure : noTable;
+    } else {
+        publish(copy);
+        failure = tables->tryInsert(key, table);
+        publish(tables);
+    }
+    delete copy;
+    if (failure) {
+        delete table;
+    }
+    return failure;
+}
+
+// Puts another table in the place of a signal's own. False without memory.
+bool SVRegistry::replace(int key, SVSignalHandlerTable* table) noexcept {
+    if (!SVPin::pinnedQ(m_place)) {
+        letPointTo(*placeIn(m_place, key), table);
+        return true;
+    }
+    SVSignalTable* const tables = copyOf(*m_place);
+    if (tables == nullptr) {
+        return false;
+    }
+    *placeIn(tables, key) = table;
+    if (!publishInstead(tables)) {
+        delete tables;
+        return false;
+    }
+    return true;
+}
+
+template <typename Make>
+SVFailure SVRegistry::changeOutOfSight(SVSignalHandlerTable*& place, const SVFailure& noTable,
+                                       Make make) noexcept {
+    SVSignalHandlerTable* const table = place;
+    SVSignalHandlerTable* const standIn = copyOf(*table);
+    if (standIn == nullptr) {
+        return noTable;
+    }
+    letPointTo(place, standIn);
+    const SVFailure failure = make(*table);
+    letPointTo(place, table);
+    delete standIn;
+    return failure;
+}
+
+template <typename Change>
+SVFailure SVRegistry::change(int signalNumber, bool rebuilds, void* function,
+                             const SVFailure& noTable, Change make) noexcept {
+    releaseWhatNobodyReads();
+    const int key = signalKey(signalNumber);
+    SVSignalHandlerTable*& place = *placeIn(m_place, key);
+    SVSignalHandlerTable* const table = place;
+    if (!readQ(key, table)) {
+        if (rebuilds || signalNumber == SIGTRAP) {
+            return changeOutOfSight(place, noTable, make);
+        }
+        const SVJournal journal(*table, table->lookup(function, table->hashFunction(function)));
+        return make(*table);
+    }
+    SVSignalHandlerTable* const copy = copyOf(*table);
+    if (copy == nullptr) {
+        return noTable;
+    }
+    SVFailure failure = make(*copy);
+    if (!failure && !replace(key, copy)) {
+        failure = noTable;
+    }
+    if (failure) {
+        delete copy;
+    }
+    return failure;
+}
+
+SVFailure SVRegistry::store(const SVSignalHandler& record, const SVFailure& noTable) noexcept {
+    const int signalNumber = record.getSignalNumber();
+    void* const function = record.getHandlerFunction();
+    return change(signalNumber, tableOf(signalNumber)->growsWithQ(function), function, noTable,
+                  [&](SVSignalHandlerTable& table) { return table.tryInsert(function, record); });
+}
+
+SVFailure SVRegistry::remove(int signalNumber, void* function, const SVFailure& noTable) noexcept {
+    return change(signalNumber, false, function, noTable, [&](SVSignalHandlerTable& table) {
+        table.remove(function);
+        return SVFailure();
+    });
+}
+
+bool svsameSlotsQ(const SVSignalHandlerTable& one, const SVSignalHandlerTable& other) noexcept {
+    if (one.mask != other.mask) {
+        return false;
+    }
+    for (unsigned int i = 0; i <= one.mask; ++i) {
+        const SVSignalHandlerTable::Entry& before = one.table[i];
+        const SVSignalHandlerTable::Entry& now = other.table[i];
+        // Only a rebuild empties a slot, and only a rebuild moves a key to another one.
+        if (before.state != svslotEmpty && now.state == svslotEmpty) {
+            return false;
+        }
+        if (before.state == svslotOccupied && now.state == svslotOccupied &&
+            before.key != now.key && other.has_key(before.key)) {
+            return false;
+        }
+    }
+    return true;
+}
+
+}  // namespace Sorvane

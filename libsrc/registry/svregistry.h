@@ -1,0 +1,81 @@
+// The registry: the published tables, and how they change inside the gate.
+//
+// What is published is one outer table with an inner table for each signal. It changes in one of
+// three ways, and is whole at every instruction on each of them, with the change made or not:
+// - Nobody reads the table that changes, and it need not be rebuilt: its slot is changed in place.
+//   The journal keeps the slot meanwhile, for a child that is split off just then.
+// - Nobody reads it, and it is rebuilt: a copy stands in for it, the table itself is changed where
+//   nobody can find it, and takes its place again. So whoever watches the tables undisturbed sees
+//   the objects that it knows change, rather than others take their place. A change for SIGTRAP
+//   goes this way, too, because a debugger's handler may be stepping through it.
+// - Somebody reads it: a copy is changed and published in its place. What it displaces is retired,
+//   and released by the first change that finds it read no more. Inner tables that do not change
+//   are shared between what is published and what is retired.
+// The memory for a copy is had before anything changes; without it the change fails, and nothing
+// has changed.
+#ifndef SORVANE_SVREGISTRY_H
+#define SORVANE_SVREGISTRY_H
+
+#include "../support/svfailure.h"
+#include "svpin.h"
+#include "svsignaltables.h"
+
+namespace Sorvane {
+
+/// Threads: any that has closed the gate. Signal context: inside the gate. No exceptions.
+class SVRegistry {
+public:
+    /// Parameters: place, where the published tables are; null for none.
+    constexpr explicit SVRegistry(SVSignalTable*& place) noexcept : m_place(place) {}
+    SVRegistry(const SVRegistry&) = delete;
+    SVRegistry& operator=(const SVRegistry&) = delete;
+
+    /// Publishes empty tables. There are still none if there is no memory.
+    void begin() noexcept;
+
+    /// Forgets and releases everything. No live manager is left that might be reading.
+    void end() noexcept;
+
+    /// The table of a signal, or null.
+    SVSignalHandlerTable* tableOf(int signalNumber) const noexcept;
+
+    /// Makes sure that a signal has a table.
+    /// Errors: the one that is given, when a table can't be had; those of the outer table's
+    /// insert().
+    SVFailure addTable(int signalNumber, const SVFailure& noTable) noexcept;
+
+    /// Stores a record, under its function's address, in the table of its signal, which must have
+    /// one. Errors: as above.
+    SVFailure store(const SVSignalHandler& record, const SVFailure& noTable) noexcept;
+
+    /// Takes a record that is there out of the table of its signal. Errors: as above, when it is
+    /// being read and there is no memory for a copy.
+    SVFailure remove(int signalNumber, void* function, const SVFailure& noTable) noexcept;
+
+private:
+    struct Retired;
+
+    template <typename Change>
+    SVFailure change(int signalNumber, bool rebuilds, void* function, const SVFailure& noTable,
+                     Change make) noexcept;
+    template <typename Make>
+    SVFailure changeOutOfSight(SVSignalHandlerTable*& place, const SVFailure& noTable,
+                               Make make) noexcept;
+    bool replace(int key, SVSignalHandlerTable* table) noexcept;
+    bool readQ(int key, const SVSignalHandlerTable* table) const noexcept;
+    bool retiredTablesHaveQ(int key, const SVSignalHandlerTable* table) const noexcept;
+    bool publishInstead(SVSignalTable* tables) noexcept;
+    void publish(SVSignalTable* tables) noexcept;
+    void releaseWhatNobodyReads() noexcept;
+
+    SVSignalTable*& m_place;
+    Retired* m_retired = nullptr;
+};
+
+/// Whether the records of two tables of one signal stand in the same slots, as far as both have
+/// them: whether a walk over one of them can go on with the other. Signal context: any, pinned.
+bool svsameSlotsQ(const SVSignalHandlerTable& one, const SVSignalHandlerTable& other) noexcept;
+
+}  // namespace Sorvane
+
+#endif

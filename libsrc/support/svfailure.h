@@ -1,0 +1,45 @@
+// A failure that is told before it is thrown.
+//
+// Making and throwing an exception allocates and runs the C++ runtime's own code, which is not
+// possible everywhere where something can fail. Such code returns its failure, and whoever called
+// it throws it where that is safe.
+#ifndef SORVANE_SVFAILURE_H
+#define SORVANE_SVFAILURE_H
+
+#include "svexception.h"
+
+namespace Sorvane {
+
+/// What an SVException will say, or nothing when nothing failed. A plain value; the texts are
+/// literals. Signal context: any, but for what makes or throws the exception.
+class SVFailure {
+public:
+    /// Nothing failed.
+    constexpr SVFailure() noexcept = default;
+
+    constexpr SVFailure(const char* message, const char* file, unsigned int line,
+                        svexceptiontype type, int code) noexcept
+        : m_message(message), m_file(file), m_line(line), m_type(type), m_code(code) {}
+
+    constexpr explicit operator bool() const noexcept { return m_message != nullptr; }
+
+    SVException exception() const noexcept {
+        return SVException(m_message, m_file, m_line, m_type, m_code);
+    }
+    void throwIfAny() const {
+        if (m_message != nullptr) {
+            throw exception();
+        }
+    }
+
+private:
+    const char* m_message = nullptr;
+    const char* m_file = nullptr;
+    unsigned int m_line = 0;
+    svexceptiontype m_type = svexceptionInternalTableError;
+    int m_code = 0;
+};
+
+}  // namespace Sorvane
+
+#endif

@@ -1,0 +1,104 @@
+#include "svarrival.h"
+
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <csignal>
+
+#include "svmanagerfailure.h"
+#include "svsharedstate.h"
+#include "svsystemactions.h"
+
+namespace Sorvane {
+
+namespace {
+
+// The same as that of a take-over, of which this is the rest.
+constexpr unsigned int lineNoTableForDisplaced = 302;
+
+// Whether the signal is being delivered to this thread, and its handler is not just called: the
+// kernel holds it back meanwhile.
+bool heldBackQ(int signalNumber) noexcept {
+    sigset_t heldBack;
+    pthread_sigmask(SIG_BLOCK, nullptr, &heldBack);
+    return sigismember(&heldBack, signalNumber) == 1;
+}
+
+// Such a fault is that of the instruction that was interrupted, which runs again.
+bool comesAgainQ(int signalNumber, const siginfo& information) noexcept {
+    const bool byTheCode = signalNumber == SIGSEGV || signalNumber == SIGBUS ||
+                           signalNumber == SIGILL || signalNumber == SIGFPE;
+    // A defect of memory that nobody has touched does not come again.
+    const bool onlyReported = signalNumber == SIGBUS && information.si_code == BUS_MCEERR_AO;
+    return byTheCode && information.si_code > 0 && !onlyReported;
+}
+
+bool sendToThisThread(int signalNumber, siginfo& information) noexcept {
+    return syscall(SYS_rt_tgsigqueueinfo, getpid(), syscall(SYS_gettid), signalNumber,
+                   &information) == 0;
+}
+
+}  // namespace
+
+bool SVArrival::sendOn(siginfo* information, void* context) {
+    const bool delivered = information != nullptr && heldBackQ(m_signalNumber);
+    SVSignalHandler host;
+    {
+        const SVGate gate;
+        m_seen = SVOwnership::count(m_signalNumber);
+        if (!lateQ()) {
+            return false;
+        }
+        struct sigaction action = SVOwnership::actionOfHost(m_signalNumber);
+        host = SVSignalHandler(m_signalNumber, action, true, true, true);
+        const bool first = delivered && SVOwnership::sendsOnFirstQ(m_signalNumber);
+        struct sigaction current;
+        const bool known = !SVSystemActions::ask(m_signalNumber, current);
+        const bool installed = known && svownActionQ(current);
+        // Nobody's failure: the action was in force before, and is installed as it was.
+        const bool putBack = installed && !SVSystemActions::install(host, current);
+        if (!first && !(delivered && putBack)) {
+            SVOwnership::take(m_signalNumber);
+            m_seen = SVOwnership::count(m_signalNumber);
+            return false;
+        }
+    }
+    // Where the system's queue is full the host's handler is called from here.
+    if (!comesAgainQ(m_signalNumber, *information) &&
+        !sendToThisThread(m_signalNumber, *information)) {
+        host(information, context);
+    }
+    return true;
+}
+
+void SVArrival::settle(SVSignalHandler displaced) {
+    const int signalNumber = m_signalNumber;
+    struct sigaction action = displaced.getOSStruct();
+    SVGate::pass([&] {
+        const bool byThisThread = SVOwnership::handedBackByThisThreadQ(signalNumber);
+        if (!SVOwnership::librarysQ(SVOwnership::count(signalNumber))) {
+            if (byThisThread) {
+                SVOwnership::take(signalNumber);
+                return SVFailure();
+            }
+            struct sigaction current;
+            const SVFailure failure = SVSystemActions::ask(signalNumber, current);
+            if (failure || svownActionQ(action) ||
+                !(svownActionQ(current) ||
+                  svsameActionQ(current, SVOwnership::actionOfHost(signalNumber)))) {
+                return failure;
+            }
+            SVOwnership::setActionOfHost(signalNumber, action);
+            return SVSystemActions::install(displaced, current);
+        }
+        // Taken over again meanwhile, when the host's action was hidden by the library's.
+        const SVSignalHandlerTable* const table = svregistry.tableOf(signalNumber);
+        if (byThisThread || svnobodysActionQ(action) || table == nullptr ||
+            table->has_key(displaced.getHandlerFunction())) {
+            return SVFailure();
+        }
+        return svregistry.store(displaced, svnoTableFailure(lineNoTableForDisplaced));
+    });
+}
+
+}  // namespace Sorvane

@@ -1,0 +1,39 @@
+// One arrival of a signal here, and whose the signal is meanwhile (see svownership.h).
+#ifndef SORVANE_SVARRIVAL_H
+#define SORVANE_SVARRIVAL_H
+
+#include "../registry/svownership.h"
+#include "svsignalhandlermanager.h"
+
+namespace Sorvane {
+
+/// Made when the dispatch's manager is alive, so that nothing is torn down any more.
+/// Signal context: handler only.
+class SVArrival {
+public:
+    explicit SVArrival(int signalNumber) noexcept
+        : m_signalNumber(signalNumber), m_seen(SVOwnership::count(signalNumber)) {}
+
+    /// Whether the signal had been handed back before it arrived.
+    bool lateQ() const noexcept { return SVOwnership::handedBackQ(m_seen); }
+
+    /// Sends a late arrival on to whom the signal belongs. False when it is to be dispatched all
+    /// the same, because the library was called by hand, or has the signal again.
+    bool sendOn(siginfo* information, void* context);
+
+    /// Whether the signal has changed hands since it arrived, or has been handed back once more.
+    bool ownerChangedQ() const noexcept { return SVOwnership::count(m_signalNumber) != m_seen; }
+
+    /// Sets right what the system has for a signal that has changed hands, after the library was
+    /// installed for it.
+    /// Errors: SVException: that of installHandlerInSystem(), and those of the tables' insert().
+    void settle(SVSignalHandler displaced);
+
+private:
+    const int m_signalNumber;
+    SVOwnership::Count m_seen;
+};
+
+}  // namespace Sorvane
+
+#endif

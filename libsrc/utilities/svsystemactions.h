@@ -1,0 +1,40 @@
+// The operating system's signal table, as the manager's operations see it inside the gate, where
+// nothing is thrown. All of it is in the file of installHandlerInSystem().
+#ifndef SORVANE_SVSYSTEMACTIONS_H
+#define SORVANE_SVSYSTEMACTIONS_H
+
+#include <csignal>
+
+#include "../support/svfailure.h"
+#include "../support/svsignalhandler.h"
+
+namespace Sorvane {
+
+/// Threads: any. Signal context: any context. May change errno.
+namespace SVSystemActions {
+
+/// Asks for the action that is in force for a signal; installs nothing.
+/// Errors: that of installHandlerInSystem().
+SVFailure ask(int signalNumber, struct sigaction& current) noexcept;
+
+/// Installs a record's action, and tells the action before. Errors: as above.
+SVFailure install(SVSignalHandler& record, struct sigaction& previous) noexcept;
+
+/// Installs a record's action, and the signal is the host's from now on. Errors: as above; it is
+/// then whose it was. Signal context: inside the gate.
+SVFailure handBack(SVSignalHandler& record) noexcept;
+
+/// Puts back, for every signal from 1 to 60, its valid pre-existing records, up to the first that
+/// fails. Errors: as above. Signal context: inside the gate.
+SVFailure handBackPreexisting() noexcept;
+
+}  // namespace SVSystemActions
+
+/// Whether an action's handler is the library's own; whether it is none that the host has to get
+/// back: the library's own, the default action, or the ignoring one.
+bool svownActionQ(const struct sigaction& action) noexcept;
+bool svnobodysActionQ(const struct sigaction& action) noexcept;
+
+}  // namespace Sorvane
+
+#endif
