@@ -185,47 +185,6 @@ TEST(DispositionSet, AssignmentToItselfChangesNothing) {
     EXPECT_EQ(handledSignals(dispositions), before);
 }
 
-TEST(DispositionSet, ResetSinceAnswersWereSeenLeavesThoseThatWereResetOrReplacedMeanwhile) {
-    SVSignalHandlerDispositionSet dispositions;
-    setAll(dispositions, false);
-    const SVSignalHandlerDispositionSet seen(dispositions);
-    dispositions.reset();
-    setAll(dispositions, false);
-    dispositions.resetSince(seen);
-    EXPECT_TRUE(handledSignals(dispositions).empty()) << "the same answers, given anew";
-    dispositions.resetSince(SVSignalHandlerDispositionSet(dispositions));
-    EXPECT_EQ(handledSignals(dispositions), handledAtFirst());
-}
-
-void resetOn(unsigned int occasion, SVSignalHandlerDispositionSet& dispositions) {
-    const SVSignalHandlerDispositionSet seen(dispositions);
-    dispositions.resetOnce(seen, occasion);
-}
-
-TEST(DispositionSet, ResetOnAnOccasionIsMadeOnceForEach) {
-    SVSignalHandlerDispositionSet dispositions;
-    for (unsigned int occasion = 1; occasion <= 200; ++occasion) {
-        setAll(dispositions, false);
-        resetOn(occasion, dispositions);
-        ASSERT_EQ(handledSignals(dispositions), handledAtFirst()) << occasion;
-        setAll(dispositions, false);
-        resetOn(occasion, dispositions);
-        ASSERT_TRUE(handledSignals(dispositions).empty()) << occasion;
-    }
-}
-
-TEST(DispositionSet, ResetOnAnOccasionIsMadeOnceHoweverOftenTheAnswersAreReplaced) {
-    SVSignalHandlerDispositionSet dispositions;
-    resetOn(1, dispositions);
-    SVSignalHandlerDispositionSet none;
-    setAll(none, false);
-    for (int i = 0; i < 100; ++i) {
-        dispositions = none;
-        resetOn(1, dispositions);
-        ASSERT_TRUE(handledSignals(dispositions).empty()) << i;
-    }
-}
-
 // Each thread changes one signal only; the answers of the others must survive that.
 TEST(DispositionSet, ThreadsThatSetDifferentSignalsDoNotDisturbEachOther) {
     constexpr int rounds = 250000;

@@ -116,8 +116,8 @@ public:
 
     /// Whether inserting a key rebuilds the table.
     bool growsWithQ(const K& key) const {
-        const bool newSlot = lookup(key, hashFunction(key))->state == svslotEmpty;
-        return tooFullWith(fill + (newSlot ? 1 : 0));
+        const Entry* const entry = lookup(key, hashFunction(key));
+        return entry != nullptr && tooFullWith(fill + (entry->state == svslotEmpty ? 1 : 0));
     }
 
     /// The value of a key, which is inserted first when it is absent; its value then means nothing
@@ -374,7 +374,7 @@ SVFailure SVHashTable<K, V, H>::tryInsert(const K& key, const V& value) {
         const bool grows = growsWithQ(key);
         Room room;
         if (grows) {
-            const unsigned int usedThen = used + (has_key(key) ? 0 : 1);
+            const unsigned int usedThen = used + (get(key) == nullptr ? 1 : 0);
             if (const SVFailure failure = room.take(*this, growthTarget(usedThen))) {
                 return failure;
             }

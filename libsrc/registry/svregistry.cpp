@@ -70,6 +70,15 @@ void SVRegistry::begin() noexcept {
 
 void SVRegistry::end() noexcept {
     SVSignalTable* const tables = m_place;
+    m_timesEnded.fetch_add(1);
+    if (m_retired != nullptr || SVPin::pinnedQ(tables)) {
+        // Without memory to retire them, the tables stay for good.
+        if (!publishInstead(nullptr)) {
+            publish(nullptr);
+        }
+        releaseWhatNobodyReads();
+        return;
+    }
     publish(nullptr);
     for (auto position = tables->begin(); position != tables->end(); position++) {
         delete position.GetValue();

@@ -16,6 +16,8 @@
 #ifndef SORVANE_SVREGISTRY_H
 #define SORVANE_SVREGISTRY_H
 
+#include <atomic>
+
 #include "../support/svfailure.h"
 #include "svpin.h"
 #include "svsignaltables.h"
@@ -33,8 +35,12 @@ public:
     /// Publishes empty tables. There are still none if there is no memory.
     void begin() noexcept;
 
-    /// Forgets and releases everything. No live manager is left that might be reading.
+    /// Forgets everything, and releases it when nobody reads it any more: a handler that has
+    /// destroyed the last manager returns to a walk.
     void end() noexcept;
+
+    /// How often the registry has ended. Signal context: any.
+    unsigned int timesEnded() const noexcept { return m_timesEnded.load(); }
 
     /// The table of a signal, or null.
     SVSignalHandlerTable* tableOf(int signalNumber) const noexcept;
@@ -69,6 +75,7 @@ private:
     void releaseWhatNobodyReads() noexcept;
 
     SVSignalTable*& m_place;
+    std::atomic<unsigned int> m_timesEnded{0};
     Retired* m_retired = nullptr;
 };
 

@@ -63,12 +63,14 @@ void* SVObject::operator new(std::size_t size) noexcept {
         return nullptr;
     }
     const std::size_t wanted = sizeof(Header) + size;
-    const bool stored = SVHandlerContext::insideQ();
-    if (!stored) {
+    if (!SVHandlerContext::insideQ()) {
         freeWhatWasPutAside();
+        if (void* const block = std::malloc(wanted)) {
+            return new (block) Header{0, nullptr} + 1;
+        }
     }
-    void* const block = stored ? SVStore::take(wanted) : std::malloc(wanted);
-    return block == nullptr ? nullptr : new (block) Header{stored ? wanted : 0, nullptr} + 1;
+    void* const block = SVStore::take(wanted);
+    return block == nullptr ? nullptr : new (block) Header{wanted, nullptr} + 1;
 }
 
 void* SVObject::operator new[](std::size_t size) noexcept {

@@ -24,6 +24,11 @@ bool heldBackQ(int signalNumber) noexcept {
     return sigismember(&heldBack, signalNumber) == 1;
 }
 
+// Whether there is another dispatch than this one, which may have installed the library just now.
+bool othersDispatchQ() noexcept {
+    return svnumberOfManagers().load() - svmanagersOutsideDispatch.load() > 1;
+}
+
 // Such a fault is that of the instruction that was interrupted, which runs again.
 bool comesAgainQ(int signalNumber, const siginfo& information) noexcept {
     const bool byTheCode = signalNumber == SIGSEGV || signalNumber == SIGBUS ||
@@ -49,15 +54,13 @@ bool SVArrival::sendOn(siginfo* information, void* context) {
         if (!lateQ()) {
             return false;
         }
-        struct sigaction action = SVOwnership::actionOfHost(m_signalNumber);
-        host = SVSignalHandler(m_signalNumber, action, true, true, true);
-        const bool first = delivered && SVOwnership::sendsOnFirstQ(m_signalNumber);
-        struct sigaction current;
-        const bool known = !SVSystemActions::ask(m_signalNumber, current);
-        const bool installed = known && svownActionQ(current);
-        // Nobody's failure: the action was in force before, and is installed as it was.
-        const bool putBack = installed && !SVSystemActions::install(host, current);
-        if (!first && !(delivered && putBack)) {
+        struct sigaction current = SVOwnership::actionOfHost(m_signalNumber);
+        host = SVSignalHandler(m_signalNumber, current, true, true, true);
+        const bool installed =
+            !SVSystemActions::ask(m_signalNumber, current) && svownActionQ(current);
+        const bool first = SVOwnership::sendsOnFirstQ(m_signalNumber);
+        const bool byHand = installed ? !othersDispatchQ() : !first;
+        if (!delivered || byHand || (installed && SVSystemActions::install(host, current))) {
             SVOwnership::take(m_signalNumber);
             m_seen = SVOwnership::count(m_signalNumber);
             return false;
@@ -71,9 +74,9 @@ bool SVArrival::sendOn(siginfo* information, void* context) {
     return true;
 }
 
-void SVArrival::settle(SVSignalHandler displaced) {
+void SVArrival::settle(struct sigaction displaced) {
     const int signalNumber = m_signalNumber;
-    struct sigaction action = displaced.getOSStruct();
+    SVSignalHandler host(signalNumber, displaced, true, true, true);
     SVGate::pass([&] {
         const bool byThisThread = SVOwnership::handedBackByThisThreadQ(signalNumber);
         if (!SVOwnership::librarysQ(SVOwnership::count(signalNumber))) {
@@ -83,21 +86,21 @@ void SVArrival::settle(SVSignalHandler displaced) {
             }
             struct sigaction current;
             const SVFailure failure = SVSystemActions::ask(signalNumber, current);
-            if (failure || svownActionQ(action) ||
+            if (failure || svownActionQ(displaced) ||
                 !(svownActionQ(current) ||
                   svsameActionQ(current, SVOwnership::actionOfHost(signalNumber)))) {
                 return failure;
             }
-            SVOwnership::setActionOfHost(signalNumber, action);
-            return SVSystemActions::install(displaced, current);
+            SVOwnership::setActionOfHost(signalNumber, displaced);
+            return SVSystemActions::install(host, current);
         }
         // Taken over again meanwhile, when the host's action was hidden by the library's.
         const SVSignalHandlerTable* const table = svregistry.tableOf(signalNumber);
-        if (byThisThread || svnobodysActionQ(action) || table == nullptr ||
-            table->has_key(displaced.getHandlerFunction())) {
+        if (byThisThread || svnobodysActionQ(displaced) || table == nullptr ||
+            table->has_key(host.getHandlerFunction())) {
             return SVFailure();
         }
-        return svregistry.store(displaced, svnoTableFailure(lineNoTableForDisplaced));
+        return svregistry.store(host, svnoTableFailure(lineNoTableForDisplaced));
     });
 }
 

@@ -25,9 +25,9 @@ public:
     bool ownerChangedQ() const noexcept { return SVOwnership::count(m_signalNumber) != m_seen; }
 
     /// Sets right what the system has for a signal that has changed hands, after the library was
-    /// installed for it.
+    /// installed for it. Parameters: displaced, the action that this has displaced.
     /// Errors: SVException: that of installHandlerInSystem(), and those of the tables' insert().
-    void settle(SVSignalHandler displaced);
+    void settle(struct sigaction displaced);
 
 private:
     const int m_signalNumber;

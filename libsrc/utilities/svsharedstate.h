@@ -3,6 +3,8 @@
 #ifndef SORVANE_SVSHAREDSTATE_H
 #define SORVANE_SVSHAREDSTATE_H
 
+#include <atomic>
+
 #include "../registry/svgate.h"
 #include "../registry/svpin.h"
 #include "../registry/svregistry.h"
@@ -13,6 +15,9 @@ namespace Sorvane {
 
 /// Changes the published tables. Signal context: inside the gate.
 extern constinit SVRegistry svregistry;
+
+/// How many of the managers are not a dispatch's own. Threads: any. Signal context: any context.
+extern constinit std::atomic<unsigned int> svmanagersOutsideDispatch;
 
 /// The shared members that others change meanwhile.
 /// Threads: any. Signal context: any context.

@@ -18,21 +18,19 @@ SVMutexHandle* SVSignalHandlerManager::handlerTableLock = nullptr;
 constinit SVSignalHandlerDispositionSet SVSignalHandlerManager::signalDispositionSet;
 
 constinit SVRegistry svregistry(SVSignalHandlerManager::handlerTables);
+constinit std::atomic<unsigned int> svmanagersOutsideDispatch{0};
 
 static_assert(SVAtomicRef<unsigned int>::is_always_lock_free);
 static_assert(SVAtomicRef<bool>::is_always_lock_free);
 
 namespace {
 
-// Those of the managers that are not a dispatch's own. A forked child has these, and its thread's
-// dispatches.
-constinit std::atomic<unsigned int> managersOutsideDispatch{0};
-
+// The child has the managers outside dispatches, and its own thread's dispatches.
 void goOnInChild() {
     SVGate::goOnInChild();
     SVPin::forgetOtherThreads();
     const unsigned int dispatches = SVHandlerContext::depth - SVGate::nestingOfThisThread();
-    svnumberOfManagers().store(managersOutsideDispatch.load() + dispatches);
+    svnumberOfManagers().store(svmanagersOutsideDispatch.load() + dispatches);
     if (SVMutexHandle* const handle = svhandlerTableLock().load()) {
         handle->goOnInChild();
     }
@@ -112,7 +110,7 @@ SVSignalHandlerManager::~SVSignalHandlerManager() noexcept(false) {
 void SVSignalHandlerManager::enter() {
     svnumberOfManagers().fetch_add(1);
     if (!m_dispatching) {
-        managersOutsideDispatch.fetch_add(1);
+        svmanagersOutsideDispatch.fetch_add(1);
     }
     if (!SVGate::openQ() || svhandlerTables().load() == nullptr) {
         SVGate::pass(makeSharedTables);
@@ -127,7 +125,7 @@ void SVSignalHandlerManager::leave() {
         scope.setHandle(lockHandle());
     }
     if (!m_dispatching) {
-        managersOutsideDispatch.fetch_sub(1);
+        svmanagersOutsideDispatch.fetch_sub(1);
     }
     if (svnumberOfManagers().fetch_sub(1) == 1 && svcurrentlyHandlingSignals().load()) {
         SVGate::pass(tearDownIfLast);

@@ -9,6 +9,7 @@
 #include "svarrival.h"
 #include "svsharedstate.h"
 #include "svsignalhandlermanager.h"
+#include "svsystemactions.h"
 
 namespace Sorvane {
 
@@ -109,7 +110,7 @@ private:
     bool follow(const Slot*& slot, const Slot*& end) noexcept {
         SVTablesPin now;
         SVSignalHandlerTable* const table = now.tableOf(m_signalNumber);
-        if (table == nullptr || !svsameSlotsQ(*m_table, *table)) {
+        if (endedQ() || table == nullptr || !svsameSlotsQ(*m_table, *table)) {
             return false;
         }
         slot = table->table + (slot - m_table->table);
@@ -120,13 +121,14 @@ private:
     }
 
     // Whoever clears a handler whose turn has not come does not see it called any more: its module
-    // may be about to go.
+    // may be about to go. The end of the whole registry is no clearing.
     bool clearedMeanwhileQ(const SVSignalHandler& record) const noexcept {
         const SVTablesPin now;
-        return now.tables() != nullptr &&
-               !inTableQ(now.tableOf(m_signalNumber), record.getHandlerFunction());
+        return !endedQ() && !inTableQ(now.tableOf(m_signalNumber), record.getHandlerFunction());
     }
+    bool endedQ() const noexcept { return svregistry.timesEnded() != m_timesEnded; }
 
+    const unsigned int m_timesEnded = svregistry.timesEnded();
     SVTablesPin m_pin;
     const int m_signalNumber;
     SVSignalHandlerTable* m_table;
@@ -212,7 +214,8 @@ extern "C" void actualSignalHandler(int signalNumber, siginfo* information, void
     }
     dispatchSignal(signalNumber, information, context);
     // A handler may have changed the operating system's action; the signal stays taken over.
-    const SVSignalHandler displaced = manager.installHandlerInSystem(own);
+    struct sigaction displaced;
+    SVSystemActions::install(own, displaced).throwIfAny();
     if (arrival.ownerChangedQ()) {
         arrival.settle(displaced);
     }

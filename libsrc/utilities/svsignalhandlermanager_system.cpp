@@ -73,10 +73,17 @@ bool svnobodysActionQ(const struct sigaction& action) noexcept {
     return svownActionQ(action) || action.sa_handler == SIG_DFL || action.sa_handler == SIG_IGN;
 }
 
+// Whoever installs the library by hand for a signal that was handed back wants it to have that.
 SVSignalHandler SVSignalHandlerManager::installHandlerInSystem(SVSignalHandler& handler) {
+    const int signalNumber = handler.getSignalNumber();
     struct sigaction previous;
     SVSystemActions::install(handler, previous).throwIfAny();
-    return SVSignalHandler(handler.getSignalNumber(), previous, true, true, true);
+    if (SVOwnership::handedBackQ(SVOwnership::count(signalNumber)) &&
+        svownActionQ(handler.getOSStruct())) {
+        const SVGate gate;
+        SVOwnership::take(signalNumber);
+    }
+    return SVSignalHandler(signalNumber, previous, true, true, true);
 }
 
 void SVSignalHandlerManager::restorePreviouslyExistingHandlers() {
