@@ -2,7 +2,6 @@
 
 #include <cstdint>
 
-#include "../support/svatomicref.h"
 #include "../support/svhandlercontext.h"
 #include "svgate.h"
 
@@ -13,9 +12,7 @@ constinit std::atomic<unsigned int> SVPin::withoutSlot{0};
 
 namespace {
 
-using Place = SVAtomicRef<SVSignalTable*>;
-
-static_assert(Place::is_always_lock_free);
+static_assert(SVAtomicRef<SVSignalTable*>::is_always_lock_free);
 static_assert(std::atomic<const void*>::is_always_lock_free);
 
 // Where a thread's search begins: at the beginning of a cache line, which not many threads share.
@@ -28,9 +25,9 @@ unsigned int firstSlotOf(const void* thread, unsigned int slotsInLine,
 
 }  // namespace
 
-SVPin::SVPin(SVSignalTable*& place) noexcept : m_place(&place) {
+SVPin::SVPin(SVSignalTable*& place) noexcept : m_place(place) {
     for (;;) {
-        m_tables = Place(place).load(std::memory_order_acquire);
+        m_tables = SVAtomicRef<SVSignalTable*>(place).load(std::memory_order_acquire);
         if (m_tables != nullptr) {
             pin();
         }
@@ -71,18 +68,6 @@ void SVPin::letGo() noexcept {
         withoutSlot.fetch_sub(1, std::memory_order_release);
     }
     m_tables = nullptr;
-}
-
-bool SVPin::publishedQ() const noexcept {
-    return Place(*m_place).load(std::memory_order_seq_cst) == m_tables;
-}
-
-SVSignalHandlerTable* SVPin::tableOf(int signalNumber) const noexcept {
-    if (m_tables == nullptr) {
-        return nullptr;
-    }
-    const SVSignalTable::Entry* const entry = m_tables->get(signalKey(signalNumber));
-    return entry == nullptr ? nullptr : entry->value;
 }
 
 void SVPin::swap(SVPin& other) noexcept {

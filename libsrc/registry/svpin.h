@@ -16,9 +16,16 @@
 
 #include <atomic>
 
+#include "../support/svatomicref.h"
 #include "svsignaltables.h"
 
 namespace Sorvane {
+
+/// The key of a signal in the outer table. Defined for every int: the lowest one wraps.
+/// Signal context: any context.
+inline int signalKey(int signalNumber) noexcept {
+    return static_cast<int>(static_cast<unsigned int>(signalNumber) - 1U);
+}
 
 /// Keeps the published tables, if there are any, as they are for the length of a scope. May sleep
 /// at the gate for a moment when it is made. Threads: any. Signal context: any context.
@@ -33,10 +40,16 @@ public:
     SVSignalTable* tables() const noexcept { return m_tables; }
 
     /// The table of a signal, or null.
-    SVSignalHandlerTable* tableOf(int signalNumber) const noexcept;
+    SVSignalHandlerTable* tableOf(int signalNumber) const noexcept {
+        const SVSignalTable::Entry* const entry =
+            m_tables == nullptr ? nullptr : m_tables->get(signalKey(signalNumber));
+        return entry == nullptr ? nullptr : entry->value;
+    }
 
     /// Whether nothing else has been published since.
-    bool publishedQ() const noexcept;
+    bool publishedQ() const noexcept {
+        return SVAtomicRef<SVSignalTable*>(m_place).load() == m_tables;
+    }
 
     /// Exchanges what two pins keep.
     void swap(SVPin& other) noexcept;
@@ -59,16 +72,10 @@ private:
     void pin() noexcept;
     void letGo() noexcept;
 
-    SVSignalTable** m_place;
+    SVSignalTable*& m_place;
     SVSignalTable* m_tables = nullptr;
     Slot* m_slot = nullptr;
 };
-
-/// The key of a signal in the outer table. Defined for every int: the lowest one wraps.
-/// Signal context: any context.
-inline int signalKey(int signalNumber) noexcept {
-    return static_cast<int>(static_cast<unsigned int>(signalNumber) - 1U);
-}
 
 }  // namespace Sorvane
 

@@ -47,20 +47,21 @@ bool sendToThisThread(int signalNumber, siginfo& information) noexcept {
 
 bool SVArrival::sendOn(siginfo* information, void* context) {
     const bool delivered = information != nullptr && heldBackQ(m_signalNumber);
-    SVSignalHandler host;
+    struct sigaction host;
     {
         const SVGate gate;
         m_seen = SVOwnership::count(m_signalNumber);
         if (!lateQ()) {
             return false;
         }
-        struct sigaction current = SVOwnership::actionOfHost(m_signalNumber);
-        host = SVSignalHandler(m_signalNumber, current, true, true, true);
+        host = SVOwnership::actionOfHost(m_signalNumber);
+        struct sigaction current;
         const bool installed =
             !SVSystemActions::ask(m_signalNumber, current) && svownActionQ(current);
         const bool first = SVOwnership::sendsOnFirstQ(m_signalNumber);
         const bool byHand = installed ? !othersDispatchQ() : !first;
-        if (!delivered || byHand || (installed && SVSystemActions::install(host, current))) {
+        if (!delivered || byHand ||
+            (installed && SVSystemActions::install(m_signalNumber, host, current))) {
             SVOwnership::take(m_signalNumber);
             m_seen = SVOwnership::count(m_signalNumber);
             return false;
@@ -69,14 +70,14 @@ bool SVArrival::sendOn(siginfo* information, void* context) {
     // Where the system's queue is full the host's handler is called from here.
     if (!comesAgainQ(m_signalNumber, *information) &&
         !sendToThisThread(m_signalNumber, *information)) {
-        host(information, context);
+        SVSignalHandler(m_signalNumber, host, true, true, true)(information, context);
     }
     return true;
 }
 
 void SVArrival::settle(struct sigaction displaced) {
     const int signalNumber = m_signalNumber;
-    SVSignalHandler host(signalNumber, displaced, true, true, true);
+    const SVSignalHandler host(signalNumber, displaced, true, true, true);
     SVGate::pass([&] {
         const bool byThisThread = SVOwnership::handedBackByThisThreadQ(signalNumber);
         if (!SVOwnership::librarysQ(SVOwnership::count(signalNumber))) {
@@ -92,7 +93,7 @@ void SVArrival::settle(struct sigaction displaced) {
                 return failure;
             }
             SVOwnership::setActionOfHost(signalNumber, displaced);
-            return SVSystemActions::install(host, current);
+            return SVSystemActions::install(signalNumber, displaced, current);
         }
         // Taken over again meanwhile, when the host's action was hidden by the library's.
         const SVSignalHandlerTable* const table = svregistry.tableOf(signalNumber);

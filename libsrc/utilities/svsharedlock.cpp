@@ -20,10 +20,7 @@ void SVSharedLock::beginUse() noexcept {
 }
 
 // Deleted outside the gate, because a handle may be of a class of its user's.
-SVSharedLock::LastUse::~LastUse() {
-    if (!m_used) {
-        return;
-    }
+void SVSharedLock::LastUse::end() noexcept {
     SVMutexHandle* going = nullptr;
     {
         const SVGate gate;

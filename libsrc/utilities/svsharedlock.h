@@ -26,12 +26,18 @@ public:
     explicit LastUse(bool used) noexcept : m_used(used) {}
     LastUse(const LastUse&) = delete;
     LastUse& operator=(const LastUse&) = delete;
-    ~LastUse();
+    ~LastUse() {
+        if (m_used) {
+            end();
+        }
+    }
 
     /// That the handle need not be kept.
     void letHandleGo() noexcept { m_handleGoes = true; }
 
 private:
+    void end() noexcept;
+
     const bool m_used;
     bool m_handleGoes = false;
 };

@@ -121,7 +121,7 @@ void SVSignalHandlerManager::enter() {
 // before the gate is closed.
 void SVSignalHandlerManager::leave() {
     SVMutex scope;
-    if (svnumberOfManagers().load() == 1 && svcurrentlyHandlingSignals().load()) {
+    if (m_locking && svnumberOfManagers().load() == 1 && svcurrentlyHandlingSignals().load()) {
         scope.setHandle(lockHandle());
     }
     if (!m_dispatching) {

@@ -21,11 +21,8 @@
 /// such records are called, and the process goes on; otherwise every valid record is called and
 /// the process ends at once with status 0. For every other signal every valid record is called.
 ///
-/// Parameters: signalNumber, information and context, as the operating system gives them.
-/// Ownership: none. Result: none; errno is left as it was.
-/// Errors: what a handler throws, and a failed installation's SVException, leave it.
-/// Guarantee: nothing of the shared state is lost. Threads: any, without a lock.
-/// Signal context: handler only.
+/// What a handler throws leaves it. errno is left as it was.
+/// Signal context: handler only. Threads: any, without a lock.
 extern "C" SORVANE_API void actualSignalHandler(int signalNumber, siginfo* information,
                                                 void* context);
 
@@ -36,72 +33,70 @@ using ::actualSignalHandler;
 /// A handle onto the process's signal-handling state, which all managers share. The first manager
 /// makes the shared tables; the last one tears them down if signals are being handled then.
 ///
-/// A manager made with its locking flag true takes the process-wide lock around its work, and any
-/// number of threads may use such managers at once. One with the flag false takes no lock ever; it
-/// is for single-threaded programs and for signal handlers, and its caller makes sure that no
-/// other thread changes the tables meanwhile.
+/// What holds for every operation unless it says otherwise:
 ///
-/// Requests that cannot apply (for a forbidden signal, a missing table, a missing entry) are
-/// silently ignored. Every failure is an SVException of the file
-/// "libsrc/utilities/svsignalhandlermanager", or one of the tables'.
+/// Threads. A manager made with its locking flag true takes the process-wide lock around its work.
+/// One with the flag false never does. Either way an operation is whole: no handler of this thread
+/// comes in between, and a dispatch or another operation on another thread comes before or after
+/// it. For that an operation that changes something holds this thread's signals back for the few
+/// microseconds that it takes; it waits for no handler. What walks over several signals or records
+/// (start, stop, the lists) is whole for each of them.
+///
+/// Signal context. Any, in every handler of every thread, for a manager with the locking flag
+/// false; normal context only for one that locks. An operation that fails throws, and throwing
+/// allocates.
+///
+/// Ownership. Everything that is passed is copied, and left unchanged.
+///
+/// Requests. Those that can't apply (a forbidden signal, a missing table, a missing entry) are
+/// silently ignored. Nothing reports success.
+///
+/// Errors. SVException with the file "libsrc/utilities/svsignalhandlermanager", or a table's:
+/// - "Unable to allocate new table", kind 5, code 0: no memory for a table, or for the copy of one
+///   that is being read. Nothing has changed but that a new, empty table may be there.
+/// - "installHandlerInSystem caught an error from sigaction.", kind 4, code errno: the operating
+///   system refuses, as it does for SIGKILL. What was done before stays done.
+/// - those of the tables' insert(), for a table that can't grow.
 class SORVANE_API SVSignalHandlerManager : public SVObject {
 public:
     // --- Lifetime ------------------------------------------------------------------------------
 
-    /// Makes a manager; the first one also makes the tables and resets the dispositions.
-    /// Parameters: locking, whether this manager's operations take the process-wide lock.
-    /// Ownership: of the manager, the caller's; of the shared state, nobody's.
-    /// Result: the manager. Errors: none thrown; without memory for the tables, later operations
-    ///   that must store fail, and those that only look find nothing.
-    /// Guarantee: no exception. Threads: any. Signal context: any context with locking false.
+    /// The first manager makes the tables and resets the dispositions. Throws nothing: without
+    /// memory for the tables, operations that must store fail later, and those that look find
+    /// nothing. Parameters: locking, whether this manager's operations take the process-wide lock.
     explicit SVSignalHandlerManager(bool locking);
 
     SVSignalHandlerManager(const SVSignalHandlerManager&) = delete;
     SVSignalHandlerManager& operator=(const SVSignalHandlerManager&) = delete;
 
-    /// Lets the manager go. The last one, while signals are being handled, puts every valid
-    /// pre-existing handler back, forgets all records and resets the dispositions; while signals
-    /// are not being handled, all records stay for the next manager.
-    /// Result: none.
-    /// Errors: SVException "installHandlerInSystem caught an error from sigaction.", kind 4, code
-    ///   errno, when a handler can't be put back. The lock then stays held, and the tables stay.
-    /// Guarantee: basic. Threads: any. Signal context: any context with locking false.
+    /// The last manager, while signals are being handled, puts every valid pre-existing handler
+    /// back, forgets all records and resets the dispositions. While signals are not being handled,
+    /// all records stay for the next manager. Errors: a handler can't be put back. The lock then
+    /// stays held, and the tables stay.
     ~SVSignalHandlerManager() noexcept(false) override;
 
     // --- Taking over and handing back signals --------------------------------------------------
 
-    /// Takes over every signal from 1 to 60 that has records, and keeps what was installed for it
-    /// as a pre-existing record. Does nothing when signals are being handled already.
-    /// Ownership: none. Result: none. Errors: those of handleSignal(); the signals before are then
-    ///   taken over, and signals do not count as being handled.
-    /// Guarantee: basic. Threads: any. Signal context: any context with locking false.
+    /// Takes over every signal from 1 to 60 that has records, as handleSignal() does. Does nothing
+    /// when signals are being handled already. Errors: those of handleSignal(); the signals before
+    /// are then taken over, and signals do not count as being handled.
     void startHandlingSignals();
 
-    /// Hands one signal back: to its first pre-existing record, valid or not, or, when it has
-    /// none, to SIG_IGN. The records stay. Does nothing for a signal without a table.
-    /// Parameters: signalNumber. Ownership: none. Result: none.
-    /// Errors: SVException "installHandlerInSystem caught an error from sigaction.", kind 4, code
-    ///   errno. Guarantee: strong. Threads: any. Signal context: any context with locking false.
+    /// Hands one signal back: to its first pre-existing record, valid or not, or, when it has none,
+    /// to SIG_IGN. The records stay. Does nothing for a signal without a table.
     void stopHandlingSignal(int signalNumber);
 
-    /// Hands every signal from 1 to 60 back, as stopHandlingSignal() does, one by one. Does
-    /// nothing when signals are not being handled.
-    /// Ownership: none. Result: none. Errors: those of stopHandlingSignal(); signals then still
-    ///   count as being handled.
-    /// Guarantee: basic. Threads: any. Signal context: any context with locking false.
+    /// Hands every signal from 1 to 60 back, one by one, and with it everybody's. Does nothing when
+    /// signals are not being handled. After an error signals still count as being handled.
     void stopHandlingSignals();
 
-    /// Say whether the library may handle a signal; takes effect at the next operation that asks.
-    /// Parameters: signalNumber, from 1 to 60, others change nothing; handle, the answer; or a
-    ///   whole set of answers.
-    /// Ownership: none. Result: none. Errors: none. Guarantee: no exception.
-    /// Threads: any, without the lock. Signal context: any context.
+    /// Say whether the library may handle a signal; this takes effect at the next operation that
+    /// asks. Numbers outside 1 to 60 change nothing. These four take no lock, may be called in any
+    /// context by any manager, and throw nothing.
     void setSignalDisposition(int signalNumber, bool handle);
     void setSignalDispositions(SVSignalHandlerDispositionSet dispositions);
 
     /// Whether the library may handle a signal. The two are the same.
-    /// Parameters: signalNumber. Ownership: none. Result: the answer. Errors: none.
-    /// Guarantee: no exception. Threads: any, without the lock. Signal context: any context.
     bool getSignalDisposition(int signalNumber);
     bool canHandleSignalFromDisposition(int signalNumber);
 
@@ -110,104 +105,66 @@ public:
     /// Takes over one signal: makes sure that it has a table and, if its disposition allows,
     /// installs actualSignalHandler and keeps the handler that was there before as a pre-existing
     /// record, unless it was SIG_DFL, SIG_IGN, actualSignalHandler or a function already recorded.
-    /// Parameters: signalNumber. Ownership: none. Result: none.
-    /// Errors: SVException "Unable to allocate new table", kind 5, code 0;
-    ///   "installHandlerInSystem caught an error from sigaction.", kind 4, code errno; those of
-    ///   the tables' insert().
-    /// Guarantee: basic; a table that was made stays. Threads: any.
-    /// Signal context: any context with locking false.
     void handleSignal(int signalNumber);
 
     /// Call the signal's valid records, in slot order: all of them, or only the pre-existing and
-    /// external ones.
-    /// Parameters: signalNumber; information and context, handed on unchanged.
-    /// Ownership: none. Result: none. Errors: what a handler throws. Guarantee: none is called
-    ///   twice. Threads: any. Signal context: any context with locking false.
+    /// external ones. Signals are not held back meanwhile. What a handler throws leaves them.
+    /// Parameters: information and context are handed on unchanged.
     void callHandlers(int signalNumber, void* information, void* context);
     void callOnlyPreexistingOrExternalHandlers(int signalNumber, void* information, void* context);
 
-    /// Whether the signal has a valid record that is pre-existing or external.
-    /// Parameters: signalNumber. Ownership: none. Result: the answer. Errors: none thrown.
-    /// Guarantee: no exception. Threads: any. Signal context: any context with locking false.
+    /// Whether the signal has a valid record that is pre-existing or external. Throws nothing.
     bool hasPreexistingOrExternalHandlerQ(int signalNumber);
 
     /// Make a record: the manager's own, one that ignores the signal, one with its default action.
-    /// Parameters: signalNumber. Ownership: the caller's. Result: the record. Errors: none.
-    /// Guarantee: no exception. Threads: any. Signal context: any context.
+    /// Signal context: any. Throw nothing.
     SVSignalHandler theSVHandler(int signalNumber);
     SVSignalHandler ignoreHandler(int signalNumber);
     SVSignalHandler defaultHandler(int signalNumber);
 
     /// Ignores a signal with the operating system, and nowhere else.
-    /// Parameters: signalNumber. Ownership: the record is the caller's.
-    /// Result: the record of what was installed before.
-    /// Errors: SVException "installHandlerInSystem caught an error from sigaction.", kind 4, code
-    ///   errno. Guarantee: strong. Threads: any, without the lock. Signal context: any context.
+    /// Result: the record of what was installed before. Signal context: any, without the lock.
     SVSignalHandler ignoreSignal(int signalNumber);
 
     // --- Registration --------------------------------------------------------------------------
 
-    /// Register a handler for a signal: a record, or a function or a record of the operating
-    /// system from which a valid record is made, which is neither pre-existing nor external. A
-    /// signal has one record for each function address; a later one replaces an earlier one. While
-    /// signals are being handled, actualSignalHandler is installed for the signal at once.
-    /// Parameters: handler, a record; or signalNumber and a function or osRecord. None is changed.
-    /// Ownership: everything is copied. Result: none; nothing happens for a forbidden signal.
-    /// Errors: SVException "Unable to allocate new table", kind 5, code 0; those of the tables'
-    ///   insert(); "installHandlerInSystem caught an error from sigaction.", kind 4, code errno,
-    ///   and the record then stays.
-    /// Guarantee: basic: a new table, or the record, may stay, as above. Threads: any.
-    /// Signal context: any context with locking false.
+    /// Register a handler for a signal: a record, or a function or a record of the operating system
+    /// from which a valid record is made that is neither pre-existing nor external. A signal has
+    /// one record for each function address; a later one replaces an earlier one. While signals are
+    /// being handled, actualSignalHandler is installed for the signal at once; if that fails, the
+    /// record stays. A list is registered front to back, each record by itself, up to the first
+    /// error.
     void setHandler(SVSignalHandler& handler);
     void setHandlerFromFunction(int signalNumber, void (*handler)(int, siginfo*, void*));
     void setHandlerFromFunction(int signalNumber, void (*handler)(int));
     void setHandlerFromOSStruct(int signalNumber, struct sigaction& osRecord);
+    void setHandlers(SVSignalHandlerList& handlers);
 
-    /// Takes a record out again: the one of the same signal and function address. If the record
+    /// Take a record out again: the one of the same signal and function address. If the record
     /// given is marked pre-existing and it is the signal's last one, it is installed with the
-    /// operating system first.
-    /// Parameters: handler, a record, or signalNumber and a function. None is changed.
-    /// Ownership: none. Result: none; nothing happens when there is none, or the signal is
-    ///   forbidden.
-    /// Errors: SVException "installHandlerInSystem caught an error from sigaction.", kind 4, code
-    ///   errno, and the record then stays.
-    /// Guarantee: strong. Threads: any. Signal context: any context with locking false.
+    /// operating system first; if that fails, it stays registered. A list is cleared as one is
+    /// registered.
     void clearHandler(SVSignalHandler& handler);
     void clearHandlerWithFunction(int signalNumber, void (*handler)(int, siginfo*, void*));
     void clearHandlerWithFunction(int signalNumber, void (*handler)(int));
-
-    /// Register, or clear, every record of a list, front to back. The lock is taken for each by
-    /// itself.
-    /// Parameters: handlers; unchanged. Ownership: none. Result: none.
-    /// Errors: those of setHandler() and clearHandler(), at which the walk stops.
-    /// Guarantee: basic: what came before stays done. Threads: any.
-    /// Signal context: any context with locking false.
-    void setHandlers(SVSignalHandlerList& handlers);
     void clearHandlers(SVSignalHandlerList& handlers);
 
     // --- Dump ----------------------------------------------------------------------------------
 
     /// Writes the whole shared state as markup: the managers' count, whether signals are being
-    /// handled, and the records of every signal from 1 to 60.
-    /// Parameters: stream, whose formats apply. Ownership: none. Result: the stream.
-    /// Errors: what the stream throws; the text so far stays. Guarantee: the state is unchanged.
-    /// Threads: any; the lock is held throughout. Signal context: normal context only.
+    /// handled, and the records of every signal from 1 to 60. The stream's formats apply; what it
+    /// throws leaves the text so far. The lock is held throughout, and signals are not held back.
+    /// Signal context: normal context only.
     std::ostream& print(std::ostream& stream) const;
 
     // --- The operating system ------------------------------------------------------------------
 
-    /// Installs a record's action for its signal. The one place that calls sigaction.
-    /// Parameters: handler, a record; unchanged. Ownership: the result is the caller's.
+    /// Installs a record's action for its signal. Signal context: any, without the lock.
     /// Result: the record of the action before, pre-existing, external and valid.
-    /// Errors: SVException "installHandlerInSystem caught an error from sigaction.", kind 4, code
-    ///   errno. Guarantee: strong. Threads: any, without the lock. Signal context: any context.
     SVSignalHandler installHandlerInSystem(SVSignalHandler& handler);
 
     /// Puts back, for every signal from 1 to 60, its valid pre-existing records; the last one of a
-    /// signal stays in force. Signals without one keep what they have.
-    /// Ownership: none. Result: none. Errors: those of installHandlerInSystem(); the signals
-    ///   before are then changed. Guarantee: basic. Threads: any.
-    /// Signal context: any context with locking false.
+    /// signal stays in force. Signals without one keep what they have. Up to the first error.
     void restorePreviouslyExistingHandlers();
 
     // --- The shared state ----------------------------------------------------------------------

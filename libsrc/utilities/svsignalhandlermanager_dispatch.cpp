@@ -207,7 +207,8 @@ extern "C" void actualSignalHandler(int signalNumber, siginfo* information, void
     const SVHandlerContext::Scope handlerScope;
     // No locking: the thread that was interrupted, or another one, may hold the lock.
     SVSignalHandlerManager manager{SVSignalHandlerManager::Dispatching()};
-    SVSignalHandler own(signalNumber, &actualSignalHandler, false, false, true);
+    const struct sigaction own =
+        SVSignalHandler(signalNumber, &actualSignalHandler, false, false, true).getOSStruct();
     SVArrival arrival(signalNumber);
     if (arrival.lateQ() && arrival.sendOn(information, context)) {
         return;
@@ -215,7 +216,7 @@ extern "C" void actualSignalHandler(int signalNumber, siginfo* information, void
     dispatchSignal(signalNumber, information, context);
     // A handler may have changed the operating system's action; the signal stays taken over.
     struct sigaction displaced;
-    SVSystemActions::install(own, displaced).throwIfAny();
+    SVSystemActions::install(signalNumber, own, displaced).throwIfAny();
     if (arrival.ownerChangedQ()) {
         arrival.settle(displaced);
     }

@@ -14,7 +14,7 @@ constexpr SVFailure noTable = svnoTableFailure(144);
 
 // While signals are being handled, the action that the operating system had for the signal is not
 // kept: only taking a signal over with handleSignal() makes a pre-existing record of it.
-SVFailure store(const SVSignalHandler& record, SVSignalHandler& own) noexcept {
+SVFailure store(const SVSignalHandler& record, const struct sigaction& own) noexcept {
     const int signalNumber = record.getSignalNumber();
     if (!SVSignalHandlerManager::signalDispositionSet.getSignalDisposition(signalNumber)) {
         return SVFailure();
@@ -29,7 +29,7 @@ SVFailure store(const SVSignalHandler& record, SVSignalHandler& own) noexcept {
         return SVFailure();
     }
     struct sigaction displaced;
-    const SVFailure failure = SVSystemActions::install(own, displaced);
+    const SVFailure failure = SVSystemActions::install(signalNumber, own, displaced);
     if (!failure) {
         SVOwnership::take(signalNumber);
     }
@@ -62,7 +62,7 @@ void SVSignalHandlerManager::setHandler(SVSignalHandler& handler) {
     const SVSignalHandler record(handler);
     SVMutex scope;
     scope.setHandle(lockHandle());
-    SVSignalHandler own = theSVHandler(record.getSignalNumber());
+    const struct sigaction own = theSVHandler(record.getSignalNumber()).getOSStruct();
     SVGate::pass([&] { return store(record, own); });
 }
 

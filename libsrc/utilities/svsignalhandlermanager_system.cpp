@@ -29,17 +29,18 @@ SVFailure SVSystemActions::ask(int signalNumber, struct sigaction& current) noex
     return failureOf(sigaction(signalNumber, nullptr, &current));
 }
 
-SVFailure SVSystemActions::install(SVSignalHandler& record, struct sigaction& previous) noexcept {
-    const struct sigaction wanted = record.getOSStruct();
-    return failureOf(sigaction(record.getSignalNumber(), &wanted, &previous));
+SVFailure SVSystemActions::install(int signalNumber, const struct sigaction& wanted,
+                                   struct sigaction& previous) noexcept {
+    return failureOf(sigaction(signalNumber, &wanted, &previous));
 }
 
 SVFailure SVSystemActions::handBack(SVSignalHandler& record) noexcept {
     const int signalNumber = record.getSignalNumber();
     const bool librarys = SVOwnership::librarysQ(SVOwnership::count(signalNumber));
+    const struct sigaction action = record.getOSStruct();
     struct sigaction previous;
-    SVOwnership::handBack(signalNumber, record.getOSStruct());
-    const SVFailure failure = install(record, previous);
+    SVOwnership::handBack(signalNumber, action);
+    const SVFailure failure = install(signalNumber, action, previous);
     if (failure && librarys) {
         SVOwnership::take(signalNumber);
     }
@@ -76,10 +77,10 @@ bool svnobodysActionQ(const struct sigaction& action) noexcept {
 // Whoever installs the library by hand for a signal that was handed back wants it to have that.
 SVSignalHandler SVSignalHandlerManager::installHandlerInSystem(SVSignalHandler& handler) {
     const int signalNumber = handler.getSignalNumber();
+    const struct sigaction wanted = handler.getOSStruct();
     struct sigaction previous;
-    SVSystemActions::install(handler, previous).throwIfAny();
-    if (SVOwnership::handedBackQ(SVOwnership::count(signalNumber)) &&
-        svownActionQ(handler.getOSStruct())) {
+    SVSystemActions::install(signalNumber, wanted, previous).throwIfAny();
+    if (SVOwnership::handedBackQ(SVOwnership::count(signalNumber)) && svownActionQ(wanted)) {
         const SVGate gate;
         SVOwnership::take(signalNumber);
     }

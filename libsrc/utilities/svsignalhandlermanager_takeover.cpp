@@ -37,7 +37,7 @@ SVFailure askForActionOfHost(int signalNumber, struct sigaction& action) noexcep
 
 // The host's handler is put on record before the swap, so that it is on record, for whoever looks,
 // as soon as the library is installed. If the host replaces it just between, its new one counts.
-SVFailure takeOver(int signalNumber, SVSignalHandler& own) noexcept {
+SVFailure takeOver(int signalNumber, const struct sigaction& own) noexcept {
     constexpr SVFailure noTable = svnoTableFailure(lineNoTableForSignal);
     if (const SVFailure failure = svregistry.addTable(signalNumber, noTable)) {
         return failure;
@@ -56,7 +56,7 @@ SVFailure takeOver(int signalNumber, SVSignalHandler& own) noexcept {
     SVFailure failure = kept ? svregistry.store(previous, noTable) : SVFailure();
     struct sigaction displaced;
     if (!failure) {
-        failure = SVSystemActions::install(own, displaced);
+        failure = SVSystemActions::install(signalNumber, own, displaced);
         if (failure && kept) {
             svregistry.remove(signalNumber, function, noTable);
         }
@@ -117,7 +117,7 @@ bool switchOn() noexcept {
 void SVSignalHandlerManager::handleSignal(int signalNumber) {
     SVMutex scope;
     scope.setHandle(lockHandle());
-    SVSignalHandler own = theSVHandler(signalNumber);
+    const struct sigaction own = theSVHandler(signalNumber).getOSStruct();
     SVGate::pass([&] { return takeOver(signalNumber, own); });
 }
 

@@ -17,8 +17,9 @@ namespace SVSystemActions {
 /// Errors: that of installHandlerInSystem().
 SVFailure ask(int signalNumber, struct sigaction& current) noexcept;
 
-/// Installs a record's action, and tells the action before. Errors: as above.
-SVFailure install(SVSignalHandler& record, struct sigaction& previous) noexcept;
+/// Installs an action, and tells the one before. Errors: as above.
+SVFailure install(int signalNumber, const struct sigaction& wanted,
+                  struct sigaction& previous) noexcept;
 
 /// Installs a record's action, and the signal is the host's from now on. Errors: as above; it is
 /// then whose it was. Signal context: inside the gate.
