@@ -122,10 +122,6 @@ void SVGate::waitUntilOpen() noexcept {
     unlock();
 }
 
-unsigned int SVGate::nestingOfThisThread() noexcept {
-    return closedByThisThreadQ() ? nesting : 0;
-}
-
 void SVGate::goOnInChild() noexcept {
     if (closedByThisThreadQ()) {
         word.store(numberOfThisThread(), std::memory_order_relaxed);

@@ -84,9 +84,6 @@ public:
     /// Sleeps until the gate is open, unless this thread has closed it.
     static void waitUntilOpen() noexcept;
 
-    /// How often this thread has closed the gate, one inside another.
-    static unsigned int nestingOfThisThread() noexcept;
-
     /// For the only thread of a child after fork().
     static void goOnInChild() noexcept;
 

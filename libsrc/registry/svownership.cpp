@@ -1,6 +1,7 @@
 #include "svownership.h"
 
 #include <cstdint>
+#include <cstring>
 
 #include "../support/svhandlercontext.h"
 
@@ -36,25 +37,20 @@ SentOn& placeOf(const void* thread, int signalNumber) noexcept {
 }  // namespace
 
 void SVOwnership::take(int signalNumber) noexcept {
-    if (signalExistsQ(signalNumber) && !librarysQ(count(signalNumber))) {
+    if (signalExistsQ(signalNumber) && !librarysQ(signalNumber)) {
         counts[signalNumber].fetch_add(1);
     }
 }
 
 void SVOwnership::handBack(int signalNumber, const struct sigaction& action) noexcept {
     if (signalExistsQ(signalNumber)) {
-        setActionOfHost(signalNumber, action);
-        handBacks[signalNumber].thread = SVHandlerContext::thisThread();
-        counts[signalNumber].fetch_add(librarysQ(count(signalNumber)) ? 1 : 2);
+        handBacks[signalNumber] = HandBack{action, SVHandlerContext::thisThread()};
+        counts[signalNumber].fetch_add(librarysQ(signalNumber) ? 1 : 2);
     }
 }
 
-const struct sigaction& SVOwnership::actionOfHost(int signalNumber) noexcept {
+struct sigaction& SVOwnership::actionOfHost(int signalNumber) noexcept {
     return handBacks[signalNumber].action;
-}
-
-void SVOwnership::setActionOfHost(int signalNumber, const struct sigaction& action) noexcept {
-    handBacks[signalNumber].action = action;
 }
 
 bool SVOwnership::handedBackByThisThreadQ(int signalNumber) noexcept {
@@ -72,16 +68,10 @@ bool SVOwnership::sendsOnFirstQ(int signalNumber) noexcept {
     return true;
 }
 
+// The C library's mask has room for more signals than there are.
 bool svsameActionQ(const struct sigaction& one, const struct sigaction& other) noexcept {
-    if (one.sa_flags != other.sa_flags || one.sa_handler != other.sa_handler) {
-        return false;
-    }
-    for (int signalNumber = 1; signalNumber <= highestSignal; ++signalNumber) {
-        if (sigismember(&one.sa_mask, signalNumber) != sigismember(&other.sa_mask, signalNumber)) {
-            return false;
-        }
-    }
-    return true;
+    return one.sa_flags == other.sa_flags && one.sa_handler == other.sa_handler &&
+           std::memcmp(&one.sa_mask, &other.sa_mask, highestSignal / 8) == 0;
 }
 
 }  // namespace Sorvane

@@ -44,8 +44,8 @@ extern std::atomic<Count> counts[highestSignal + 1];
 inline Count count(int signalNumber) noexcept {
     return counts[signalExistsQ(signalNumber) ? signalNumber : 0].load(std::memory_order_seq_cst);
 }
-constexpr bool librarysQ(Count count) noexcept {
-    return count % 2 == 1;
+inline bool librarysQ(int signalNumber) noexcept {
+    return count(signalNumber) % 2 == 1;
 }
 /// Whether the signal is the host's because it was handed back. One that never was taken over is
 /// not, although the library may have been installed for it by hand.
@@ -61,9 +61,8 @@ void take(int signalNumber) noexcept;
 /// The signal becomes the host's, with this action; said before that is installed.
 void handBack(int signalNumber, const struct sigaction& action) noexcept;
 
-/// The action that a signal was handed back to, and what it has become since.
-const struct sigaction& actionOfHost(int signalNumber) noexcept;
-void setActionOfHost(int signalNumber, const struct sigaction& action) noexcept;
+/// The action that a signal was handed back to, or what it has become since.
+struct sigaction& actionOfHost(int signalNumber) noexcept;
 
 /// Whether this thread was the last one to hand the signal back.
 bool handedBackByThisThreadQ(int signalNumber) noexcept;

@@ -1,6 +1,7 @@
 #include "svpin.h"
 
 #include <cstdint>
+#include <utility>
 
 #include "../support/svhandlercontext.h"
 #include "svgate.h"
@@ -71,12 +72,8 @@ void SVPin::letGo() noexcept {
 }
 
 void SVPin::swap(SVPin& other) noexcept {
-    SVSignalTable* const tables = m_tables;
-    Slot* const slot = m_slot;
-    m_tables = other.m_tables;
-    m_slot = other.m_slot;
-    other.m_tables = tables;
-    other.m_slot = slot;
+    std::swap(m_tables, other.m_tables);
+    std::swap(m_slot, other.m_slot);
 }
 
 bool SVPin::pinnedQ(const SVSignalTable* tables) noexcept {

@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <csignal>
+#include <type_traits>
 
 #include "../support/svatomicref.h"
 #include "svjournal.h"
@@ -21,9 +22,9 @@ namespace {
 // What a pointer to a table is changed to must be complete by then, also for a child that is split
 // off just then, and for a debugger.
 template <typename Table>
-void letPointTo(Table*& place, Table* table) noexcept {
+void letPointTo(Table*& place, std::type_identity_t<Table>* table) noexcept {
     std::atomic_signal_fence(std::memory_order_seq_cst);
-    place = table;
+    SVAtomicRef<Table*>(place).store(table);
     std::atomic_signal_fence(std::memory_order_seq_cst);
 }
 
@@ -56,16 +57,25 @@ SVSignalHandlerTable** placeIn(const SVSignalTable* tables, int key) noexcept {
     return entry == nullptr ? nullptr : &entry->value;
 }
 
-}  // namespace
-
-void SVRegistry::publish(SVSignalTable* tables) noexcept {
-    std::atomic_signal_fence(std::memory_order_seq_cst);
-    SVAtomicRef<SVSignalTable*>(m_place).store(tables, std::memory_order_seq_cst);
-    std::atomic_signal_fence(std::memory_order_seq_cst);
+// Makes a change where nobody can find the table, for which a copy stands in meanwhile.
+template <typename Table, typename Make>
+SVFailure changeOutOfSight(Table*& place, const SVFailure& noTable, Make make) noexcept {
+    Table* const table = place;
+    Table* const standIn = copyOf(*table);
+    if (standIn == nullptr) {
+        return noTable;
+    }
+    letPointTo(place, standIn);
+    const SVFailure failure = make(*table);
+    letPointTo(place, table);
+    delete standIn;
+    return failure;
 }
 
+}  // namespace
+
 void SVRegistry::begin() noexcept {
-    publish(new SVSignalTable);
+    letPointTo(m_place, new SVSignalTable);
 }
 
 void SVRegistry::end() noexcept {
@@ -73,13 +83,13 @@ void SVRegistry::end() noexcept {
     m_timesEnded.fetch_add(1);
     if (m_retired != nullptr || SVPin::pinnedQ(tables)) {
         // Without memory to retire them, the tables stay for good.
-        if (!publishInstead(nullptr)) {
-            publish(nullptr);
+        if (!retireFor(nullptr)) {
+            letPointTo(m_place, nullptr);
         }
         releaseWhatNobodyReads();
         return;
     }
-    publish(nullptr);
+    letPointTo(m_place, nullptr);
     for (auto position = tables->begin(); position != tables->end(); position++) {
         delete position.GetValue();
     }
@@ -99,10 +109,6 @@ bool SVRegistry::retiredTablesHaveQ(int key, const SVSignalHandlerTable* table) 
         }
     }
     return false;
-}
-
-bool SVRegistry::readQ(int key, const SVSignalHandlerTable* table) const noexcept {
-    return SVPin::pinnedQ(m_place) || retiredTablesHaveQ(key, table);
 }
 
 // An inner table goes with the last of the outer ones that have it.
@@ -129,15 +135,29 @@ void SVRegistry::releaseWhatNobodyReads() noexcept {
 }
 
 // Publishes other tables, and retires those that were. False without memory.
-bool SVRegistry::publishInstead(SVSignalTable* tables) noexcept {
+bool SVRegistry::retireFor(SVSignalTable* successor) noexcept {
     auto* const retired = new Retired;
     if (retired == nullptr) {
         return false;
     }
     retired->tables = m_place;
     retired->next = m_retired;
-    publish(tables);
+    letPointTo(m_place, successor);
     letPointTo(m_retired, retired);
+    return true;
+}
+
+// Leaves the published tables to those who read them, and publishes a copy. False without memory.
+bool SVRegistry::leaveToReaders() noexcept {
+    releaseWhatNobodyReads();
+    if (!SVPin::pinnedQ(m_place)) {
+        return true;
+    }
+    SVSignalTable* const copy = copyOf(*m_place);
+    if (copy == nullptr || !retireFor(copy)) {
+        delete copy;
+        return false;
+    }
     return true;
 }
 
@@ -145,74 +165,29 @@ SVFailure SVRegistry::addTable(int signalNumber, const SVFailure& noTable) noexc
     if (tableOf(signalNumber) != nullptr) {
         return SVFailure();
     }
-    SVSignalTable* const tables = m_place;
-    auto* const table = tables == nullptr ? nullptr : new SVSignalHandlerTable;
-    SVSignalTable* const copy = table == nullptr ? nullptr : copyOf(*tables);
-    if (copy == nullptr) {
-        delete table;
+    auto* const table = m_place == nullptr ? nullptr : new SVSignalHandlerTable;
+    if (table == nullptr) {
         return noTable;
     }
-    const int key = signalKey(signalNumber);
-    SVFailure failure;
-    if (SVPin::pinnedQ(tables)) {
-        failure = copy->tryInsert(key, table);
-        if (!failure && publishInstead(copy)) {
-            return SVFailure();
-        }
-        failure = failure ? failure : noTable;
-    } else {
-        publish(copy);
-        failure = tables->tryInsert(key, table);
-        publish(tables);
-    }
-    delete copy;
+    const auto add = [&](SVSignalTable& tables) {
+        return tables.tryInsert(signalKey(signalNumber), table);
+    };
+    const SVFailure failure = leaveToReaders() ? changeOutOfSight(m_place, noTable, add) : noTable;
     if (failure) {
         delete table;
     }
     return failure;
 }
 
-// Puts another table in the place of a signal's own. False without memory.
-bool SVRegistry::replace(int key, SVSignalHandlerTable* table) noexcept {
-    if (!SVPin::pinnedQ(m_place)) {
-        letPointTo(*placeIn(m_place, key), table);
-        return true;
-    }
-    SVSignalTable* const tables = copyOf(*m_place);
-    if (tables == nullptr) {
-        return false;
-    }
-    *placeIn(tables, key) = table;
-    if (!publishInstead(tables)) {
-        delete tables;
-        return false;
-    }
-    return true;
-}
-
 template <typename Make>
-SVFailure SVRegistry::changeOutOfSight(SVSignalHandlerTable*& place, const SVFailure& noTable,
-                                       Make make) noexcept {
-    SVSignalHandlerTable* const table = place;
-    SVSignalHandlerTable* const standIn = copyOf(*table);
-    if (standIn == nullptr) {
+SVFailure SVRegistry::change(int signalNumber, bool rebuilds, void* function,
+                             const SVFailure& noTable, Make make) noexcept {
+    if (!leaveToReaders()) {
         return noTable;
     }
-    letPointTo(place, standIn);
-    const SVFailure failure = make(*table);
-    letPointTo(place, table);
-    delete standIn;
-    return failure;
-}
-
-template <typename Change>
-SVFailure SVRegistry::change(int signalNumber, bool rebuilds, void* function,
-                             const SVFailure& noTable, Change make) noexcept {
-    releaseWhatNobodyReads();
-    const int key = signalKey(signalNumber);
-    SVSignalHandlerTable*& place = *placeIn(m_place, key);
+    SVSignalHandlerTable*& place = *placeIn(m_place, signalKey(signalNumber));
     SVSignalHandlerTable* const table = place;
-    if (!readQ(key, table)) {
+    if (!retiredTablesHaveQ(signalKey(signalNumber), table)) {
         if (rebuilds || signalNumber == SIGTRAP) {
             return changeOutOfSight(place, noTable, make);
         }
@@ -220,15 +195,11 @@ SVFailure SVRegistry::change(int signalNumber, bool rebuilds, void* function,
         return make(*table);
     }
     SVSignalHandlerTable* const copy = copyOf(*table);
-    if (copy == nullptr) {
-        return noTable;
-    }
-    SVFailure failure = make(*copy);
-    if (!failure && !replace(key, copy)) {
-        failure = noTable;
-    }
+    const SVFailure failure = copy == nullptr ? noTable : make(*copy);
     if (failure) {
         delete copy;
+    } else {
+        letPointTo(place, copy);
     }
     return failure;
 }

@@ -61,17 +61,12 @@ public:
 private:
     struct Retired;
 
-    template <typename Change>
-    SVFailure change(int signalNumber, bool rebuilds, void* function, const SVFailure& noTable,
-                     Change make) noexcept;
     template <typename Make>
-    SVFailure changeOutOfSight(SVSignalHandlerTable*& place, const SVFailure& noTable,
-                               Make make) noexcept;
-    bool replace(int key, SVSignalHandlerTable* table) noexcept;
-    bool readQ(int key, const SVSignalHandlerTable* table) const noexcept;
+    SVFailure change(int signalNumber, bool rebuilds, void* function, const SVFailure& noTable,
+                     Make make) noexcept;
     bool retiredTablesHaveQ(int key, const SVSignalHandlerTable* table) const noexcept;
-    bool publishInstead(SVSignalTable* tables) noexcept;
-    void publish(SVSignalTable* tables) noexcept;
+    bool retireFor(SVSignalTable* successor) noexcept;
+    bool leaveToReaders() noexcept;
     void releaseWhatNobodyReads() noexcept;
 
     SVSignalTable*& m_place;

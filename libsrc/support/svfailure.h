@@ -23,6 +23,12 @@ public:
 
     constexpr explicit operator bool() const noexcept { return m_message != nullptr; }
 
+    /// The same failure, or what comes next if nothing failed yet.
+    template <typename Next>
+    SVFailure then(Next next) const {
+        return m_message != nullptr ? *this : next();
+    }
+
     SVException exception() const noexcept {
         return SVException(m_message, m_file, m_line, m_type, m_code);
     }

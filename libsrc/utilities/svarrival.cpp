@@ -5,16 +5,12 @@
 
 #include <csignal>
 
-#include "svmanagerfailure.h"
 #include "svsharedstate.h"
 #include "svsystemactions.h"
 
 namespace Sorvane {
 
 namespace {
-
-// The same as that of a take-over, of which this is the rest.
-constexpr unsigned int lineNoTableForDisplaced = 302;
 
 // Whether the signal is being delivered to this thread, and its handler is not just called: the
 // kernel holds it back meanwhile.
@@ -26,7 +22,9 @@ bool heldBackQ(int signalNumber) noexcept {
 
 // Whether there is another dispatch than this one, which may have installed the library just now.
 bool othersDispatchQ() noexcept {
-    return svnumberOfManagers().load() - svmanagersOutsideDispatch.load() > 1;
+    return svshared(SVSignalHandlerManager::numberOfManagers).load() -
+               svmanagersOutsideDispatch.load() >
+           1;
 }
 
 // Such a fault is that of the instruction that was interrupted, which runs again.
@@ -75,33 +73,31 @@ bool SVArrival::sendOn(siginfo* information, void* context) {
     return true;
 }
 
-void SVArrival::settle(struct sigaction displaced) {
-    const int signalNumber = m_signalNumber;
-    const SVSignalHandler host(signalNumber, displaced, true, true, true);
+void SVArrival::settle(const struct sigaction& displaced) {
     SVGate::pass([&] {
-        const bool byThisThread = SVOwnership::handedBackByThisThreadQ(signalNumber);
-        if (!SVOwnership::librarysQ(SVOwnership::count(signalNumber))) {
-            if (byThisThread) {
-                SVOwnership::take(signalNumber);
-                return SVFailure();
-            }
-            struct sigaction current;
-            const SVFailure failure = SVSystemActions::ask(signalNumber, current);
-            if (failure || svownActionQ(displaced) ||
-                !(svownActionQ(current) ||
-                  svsameActionQ(current, SVOwnership::actionOfHost(signalNumber)))) {
-                return failure;
-            }
-            SVOwnership::setActionOfHost(signalNumber, displaced);
-            return SVSystemActions::install(signalNumber, displaced, current);
-        }
-        // Taken over again meanwhile, when the host's action was hidden by the library's.
-        const SVSignalHandlerTable* const table = svregistry.tableOf(signalNumber);
-        if (byThisThread || svnobodysActionQ(displaced) || table == nullptr ||
-            table->has_key(host.getHandlerFunction())) {
+        const int signalNumber = m_signalNumber;
+        struct sigaction current;
+        bool kept = false;
+        if (SVOwnership::handedBackByThisThreadQ(signalNumber)) {
+            SVOwnership::take(signalNumber);
             return SVFailure();
         }
-        return svregistry.store(host, svnoTableFailure(lineNoTableForDisplaced));
+        // Taken over again, when the host's action was hidden by the library's.
+        if (SVOwnership::librarysQ(signalNumber)) {
+            return svkeepOnRecord(signalNumber, displaced, kept);
+        }
+        // Whoever has displaced the host's action puts it back.
+        if (svownActionQ(displaced)) {
+            return SVFailure();
+        }
+        struct sigaction& remembered = SVOwnership::actionOfHost(signalNumber);
+        return SVSystemActions::ask(signalNumber, current).then([&] {
+            if (!svownActionQ(current) && !svsameActionQ(current, remembered)) {
+                return SVFailure();
+            }
+            remembered = displaced;
+            return SVSystemActions::install(signalNumber, displaced, current);
+        });
     });
 }
 

@@ -27,7 +27,7 @@ public:
     /// Sets right what the system has for a signal that has changed hands, after the library was
     /// installed for it. Parameters: displaced, the action that this has displaced.
     /// Errors: SVException: that of installHandlerInSystem(), and those of the tables' insert().
-    void settle(struct sigaction displaced);
+    void settle(const struct sigaction& displaced);
 
 private:
     const int m_signalNumber;

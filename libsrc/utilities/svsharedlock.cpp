@@ -14,8 +14,9 @@ constinit unsigned int users = 0;
 void SVSharedLock::beginUse() noexcept {
     const SVGate gate;
     ++users;
-    if (svhandlerTableLock().load() == nullptr) {
-        svhandlerTableLock().store(SVThreadsFactory().CreateUnnamedHandle(svmutexRecursive, true));
+    if (svshared(SVSignalHandlerManager::handlerTableLock).load() == nullptr) {
+        svshared(SVSignalHandlerManager::handlerTableLock)
+            .store(SVThreadsFactory().CreateUnnamedHandle(svmutexRecursive, true));
     }
 }
 
@@ -25,8 +26,9 @@ void SVSharedLock::LastUse::end() noexcept {
     {
         const SVGate gate;
         --users;
-        if (m_handleGoes && users == 0 && svnumberOfManagers().load() == 0) {
-            going = svhandlerTableLock().exchange(nullptr);
+        if (m_handleGoes && users == 0 &&
+            svshared(SVSignalHandlerManager::numberOfManagers).load() == 0) {
+            going = svshared(SVSignalHandlerManager::handlerTableLock).exchange(nullptr);
         }
     }
     delete going;

@@ -19,19 +19,11 @@ extern constinit SVRegistry svregistry;
 /// How many of the managers are not a dispatch's own. Threads: any. Signal context: any context.
 extern constinit std::atomic<unsigned int> svmanagersOutsideDispatch;
 
-/// The shared members that others change meanwhile.
+/// A shared member of the manager that others change meanwhile.
 /// Threads: any. Signal context: any context.
-inline SVAtomicRef<unsigned int> svnumberOfManagers() noexcept {
-    return SVAtomicRef<unsigned int>(SVSignalHandlerManager::numberOfManagers);
-}
-inline SVAtomicRef<bool> svcurrentlyHandlingSignals() noexcept {
-    return SVAtomicRef<bool>(SVSignalHandlerManager::currentlyHandlingSignals);
-}
-inline SVAtomicRef<SVSignalTable*> svhandlerTables() noexcept {
-    return SVAtomicRef<SVSignalTable*>(SVSignalHandlerManager::handlerTables);
-}
-inline SVAtomicRef<SVMutexHandle*> svhandlerTableLock() noexcept {
-    return SVAtomicRef<SVMutexHandle*>(SVSignalHandlerManager::handlerTableLock);
+template <typename Member>
+SVAtomicRef<Member> svshared(Member& member) noexcept {
+    return SVAtomicRef<Member>(member);
 }
 
 /// A pin on the manager's tables.
@@ -39,6 +31,19 @@ class SVTablesPin : public SVPin {
 public:
     SVTablesPin() noexcept : SVPin(SVSignalHandlerManager::handlerTables) {}
 };
+
+/// The first of a table's records for which a test holds; null if there is none, or no table.
+template <typename Test>
+const SVSignalHandler* svfirstRecord(const SVSignalHandlerTable* table, Test test) {
+    if (table != nullptr) {
+        for (auto position = table->begin(); position != table->end(); position++) {
+            if (test(position.GetValue())) {
+                return &position.GetValue();
+            }
+        }
+    }
+    return nullptr;
+}
 
 /// Does something for every signal that any walk covers, in increasing order.
 template <typename Action>

@@ -29,9 +29,9 @@ namespace {
 void goOnInChild() {
     SVGate::goOnInChild();
     SVPin::forgetOtherThreads();
-    const unsigned int dispatches = SVHandlerContext::depth - SVGate::nestingOfThisThread();
-    svnumberOfManagers().store(svmanagersOutsideDispatch.load() + dispatches);
-    if (SVMutexHandle* const handle = svhandlerTableLock().load()) {
+    svshared(SVSignalHandlerManager::numberOfManagers)
+        .store(svmanagersOutsideDispatch.load() + SVHandlerContext::depth);
+    if (SVMutexHandle* const handle = svshared(SVSignalHandlerManager::handlerTableLock).load()) {
         handle->goOnInChild();
     }
 }
@@ -45,7 +45,7 @@ void prepareForFork() {
 }
 
 SVFailure makeSharedTables() noexcept {
-    if (svhandlerTables().load() == nullptr) {
+    if (svshared(SVSignalHandlerManager::handlerTables).load() == nullptr) {
         svregistry.begin();
         SVSignalHandlerManager::signalDispositionSet.reset();
     }
@@ -54,16 +54,16 @@ SVFailure makeSharedTables() noexcept {
 
 // A signal may have made a manager since the count was found to be 0, and destroyed it again.
 SVFailure tearDownIfLast() noexcept {
-    if (svnumberOfManagers().load() != 0 || !svcurrentlyHandlingSignals().load()) {
+    if (svshared(SVSignalHandlerManager::numberOfManagers).load() != 0 ||
+        !svshared(SVSignalHandlerManager::currentlyHandlingSignals).load()) {
         return SVFailure();
     }
-    if (const SVFailure failure = SVSystemActions::handBackPreexisting()) {
-        return failure;
-    }
-    svcurrentlyHandlingSignals().store(false);
-    svregistry.end();
-    SVSignalHandlerManager::signalDispositionSet.reset();
-    return SVFailure();
+    return SVSystemActions::handBackPreexisting().then([] {
+        svshared(SVSignalHandlerManager::currentlyHandlingSignals).store(false);
+        svregistry.end();
+        SVSignalHandlerManager::signalDispositionSet.reset();
+        return SVFailure();
+    });
 }
 
 }  // namespace
@@ -77,14 +77,9 @@ SVSignalHandlerManager::SVSignalHandlerManager(bool locking)
         prepareForFork();
         SVSharedLock::beginUse();
     }
-    SVMutexHandle* const handle = lockHandle();
-    if (handle != nullptr) {
-        handle->lock();
-    }
+    SVMutexHandle* const handle = lock();
     enter();
-    if (handle != nullptr) {
-        handle->unlock();
-    }
+    unlock(handle);
 }
 
 SVSignalHandlerManager::SVSignalHandlerManager(Dispatching)
@@ -94,25 +89,20 @@ SVSignalHandlerManager::SVSignalHandlerManager(Dispatching)
 
 SVSignalHandlerManager::~SVSignalHandlerManager() noexcept(false) {
     SVSharedLock::LastUse lastUse(m_locking);
-    SVMutexHandle* const handle = lockHandle();
-    if (handle != nullptr) {
-        handle->lock();
-    }
+    SVMutexHandle* const handle = lock();
     leave();
-    if (handle != nullptr) {
-        handle->unlock();
-    }
+    unlock(handle);
     lastUse.letHandleGo();
 }
 
 // Counted before the gate is looked at: either whoever tears the state down sees this manager, or
 // this manager sees the gate closed and comes after the end of that.
 void SVSignalHandlerManager::enter() {
-    svnumberOfManagers().fetch_add(1);
+    svshared(SVSignalHandlerManager::numberOfManagers).fetch_add(1);
     if (!m_dispatching) {
         svmanagersOutsideDispatch.fetch_add(1);
     }
-    if (!SVGate::openQ() || svhandlerTables().load() == nullptr) {
+    if (!SVGate::openQ() || svshared(SVSignalHandlerManager::handlerTables).load() == nullptr) {
         SVGate::pass(makeSharedTables);
     }
 }
@@ -121,20 +111,36 @@ void SVSignalHandlerManager::enter() {
 // before the gate is closed.
 void SVSignalHandlerManager::leave() {
     SVMutex scope;
-    if (m_locking && svnumberOfManagers().load() == 1 && svcurrentlyHandlingSignals().load()) {
+    if (m_locking && svshared(SVSignalHandlerManager::numberOfManagers).load() == 1 &&
+        svshared(SVSignalHandlerManager::currentlyHandlingSignals).load()) {
         scope.setHandle(lockHandle());
     }
     if (!m_dispatching) {
         svmanagersOutsideDispatch.fetch_sub(1);
     }
-    if (svnumberOfManagers().fetch_sub(1) == 1 && svcurrentlyHandlingSignals().load()) {
+    if (svshared(SVSignalHandlerManager::numberOfManagers).fetch_sub(1) == 1 &&
+        svshared(SVSignalHandlerManager::currentlyHandlingSignals).load()) {
         SVGate::pass(tearDownIfLast);
     }
 }
 
 // Null for a manager that does not lock, and when there was no memory for a lock.
 SVMutexHandle* SVSignalHandlerManager::lockHandle() const {
-    return m_locking ? svhandlerTableLock().load() : nullptr;
+    return m_locking ? svshared(SVSignalHandlerManager::handlerTableLock).load() : nullptr;
+}
+
+SVMutexHandle* SVSignalHandlerManager::lock() const {
+    SVMutexHandle* const handle = lockHandle();
+    if (handle != nullptr) {
+        handle->lock();
+    }
+    return handle;
+}
+
+void SVSignalHandlerManager::unlock(SVMutexHandle* handle) {
+    if (handle != nullptr) {
+        handle->unlock();
+    }
 }
 
 }  // namespace Sorvane

@@ -190,6 +190,8 @@ private:
     void enter();
     void leave();
     SVMutexHandle* lockHandle() const;
+    SVMutexHandle* lock() const;
+    static void unlock(SVMutexHandle* handle);
 
     const bool m_locking;
     const bool m_dispatching;

@@ -25,20 +25,6 @@ bool hostsOwnQ(const SVSignalHandler& record) noexcept {
     return (record.preExistsQ() || record.externalQ()) && record.validQ();
 }
 
-bool inTableQ(const SVSignalHandlerTable* table, const void* function) noexcept {
-    if (table == nullptr) {
-        return false;
-    }
-    // Slot by slot, because a key behind a cleared one is not found by its hash any more.
-    const auto end = table->end();
-    for (auto position = table->begin(); position != end; position++) {
-        if (position.GetValue().getHandlerFunction() == function) {
-            return true;
-        }
-    }
-    return false;
-}
-
 // The walk over one signal's records. It begins with the table as it is when the signal arrives,
 // and sees what its handlers do to the table on the way, slot by slot. If the records have been
 // moved to other slots, it keeps to the slots that it has.
@@ -47,18 +33,7 @@ public:
     explicit Dispatch(int signalNumber) noexcept
         : m_signalNumber(signalNumber), m_table(m_pin.tableOf(signalNumber)) {}
 
-    bool hasHostsOwnQ() const {
-        if (m_table == nullptr) {
-            return false;
-        }
-        const auto end = m_table->end();
-        for (auto position = m_table->begin(); position != end; position++) {
-            if (hostsOwnQ(position.GetValue())) {
-                return true;
-            }
-        }
-        return false;
-    }
+    bool hasHostsOwnQ() const { return svfirstRecord(m_table, hostsOwnQ) != nullptr; }
 
     void callValid(void* information, void* context) {
         call(information, context, [](const SVSignalHandler& record) { return record.validQ(); });
@@ -84,24 +59,8 @@ private:
             if (test(record)) {
                 record(information, context);
                 if (!m_pin.publishedQ() && !follow(slot, end)) {
-                    callUncleared(slot + 1, end, information, context, test);
-                    return;
+                    passOverCleared(slot, end);
                 }
-            }
-        }
-    }
-
-    // The same when what is published has other slots by now, or there is nothing published.
-    template <typename Test>
-    void callUncleared(const Slot* slot, const Slot* end, void* information, void* context,
-                       Test test) {
-        for (; slot != end; ++slot) {
-            if (slot->state != svslotOccupied) {
-                continue;
-            }
-            SVSignalHandler record(slot->value);
-            if (test(record) && !clearedMeanwhileQ(record)) {
-                record(information, context);
             }
         }
     }
@@ -121,10 +80,19 @@ private:
     }
 
     // Whoever clears a handler whose turn has not come does not see it called any more: its module
-    // may be about to go. The end of the whole registry is no clearing.
-    bool clearedMeanwhileQ(const SVSignalHandler& record) const noexcept {
+    // may be about to go. The end of the whole registry is no clearing. A record is looked for slot
+    // by slot, because a key behind a cleared one is not found by its hash any more.
+    void passOverCleared(const Slot*& slot, const Slot* end) const noexcept {
         const SVTablesPin now;
-        return !endedQ() && !inTableQ(now.tableOf(m_signalNumber), record.getHandlerFunction());
+        const auto clearedQ = [&](const Slot& next) {
+            const auto sameQ = [&](const SVSignalHandler& record) {
+                return record.getHandlerFunction() == next.key;
+            };
+            return svfirstRecord(now.tableOf(m_signalNumber), sameQ) == nullptr;
+        };
+        while (!endedQ() && slot + 1 != end && clearedQ(slot[1])) {
+            ++slot;
+        }
     }
     bool endedQ() const noexcept { return svregistry.timesEnded() != m_timesEnded; }
 

@@ -12,9 +12,11 @@ std::ostream& SVSignalHandlerManager::print(std::ostream& stream) const {
     SVMutex scope;
     scope.setHandle(lockHandle());
     stream << "<SVSignalHandlerManager>";
-    stream << "<numberOfManagers>" << static_cast<unsigned long>(svnumberOfManagers().load())
+    stream << "<numberOfManagers>"
+           << static_cast<unsigned long>(svshared(SVSignalHandlerManager::numberOfManagers).load())
            << "</numberOfManagers>";
-    stream << "<currentlyHandlingSignals>" << svcurrentlyHandlingSignals().load()
+    stream << "<currentlyHandlingSignals>"
+           << svshared(SVSignalHandlerManager::currentlyHandlingSignals).load()
            << "</currentlyHandlingSignals>";
     const SVTablesPin pin;
     svforEachSignal([&](int signalNumber) {

@@ -19,21 +19,14 @@ SVFailure store(const SVSignalHandler& record, const struct sigaction& own) noex
     if (!SVSignalHandlerManager::signalDispositionSet.getSignalDisposition(signalNumber)) {
         return SVFailure();
     }
-    if (const SVFailure failure = svregistry.addTable(signalNumber, noTable)) {
-        return failure;
-    }
-    if (const SVFailure failure = svregistry.store(record, noTable)) {
-        return failure;
-    }
-    if (!svcurrentlyHandlingSignals().load()) {
-        return SVFailure();
-    }
-    struct sigaction displaced;
-    const SVFailure failure = SVSystemActions::install(signalNumber, own, displaced);
-    if (!failure) {
-        SVOwnership::take(signalNumber);
-    }
-    return failure;
+    return svregistry.addTable(signalNumber, noTable)
+        .then([&] { return svregistry.store(record, noTable); })
+        .then([&] {
+            struct sigaction displaced;
+            return svshared(SVSignalHandlerManager::currentlyHandlingSignals).load()
+                       ? SVSystemActions::takeOver(signalNumber, own, displaced)
+                       : SVFailure();
+        });
 }
 
 // The flag that counts is the given record's, not the stored one's: whoever clears says whether
@@ -48,12 +41,10 @@ SVFailure clear(SVSignalHandler& record) noexcept {
     if (table == nullptr || !table->has_key(function)) {
         return SVFailure();
     }
-    if (record.preExistsQ() && table->used == 1) {
-        if (const SVFailure failure = SVSystemActions::handBack(record)) {
-            return failure;
-        }
-    }
-    return svregistry.remove(signalNumber, function, noTable);
+    const bool goesBack = record.preExistsQ() && table->used == 1;
+    return (goesBack ? SVSystemActions::handBack(record) : SVFailure()).then([&] {
+        return svregistry.remove(signalNumber, function, noTable);
+    });
 }
 
 }  // namespace

@@ -34,9 +34,18 @@ SVFailure SVSystemActions::install(int signalNumber, const struct sigaction& wan
     return failureOf(sigaction(signalNumber, &wanted, &previous));
 }
 
+SVFailure SVSystemActions::takeOver(int signalNumber, const struct sigaction& own,
+                                    struct sigaction& previous) noexcept {
+    const SVFailure failure = install(signalNumber, own, previous);
+    if (!failure) {
+        SVOwnership::take(signalNumber);
+    }
+    return failure;
+}
+
 SVFailure SVSystemActions::handBack(SVSignalHandler& record) noexcept {
     const int signalNumber = record.getSignalNumber();
-    const bool librarys = SVOwnership::librarysQ(SVOwnership::count(signalNumber));
+    const bool librarys = SVOwnership::librarysQ(signalNumber);
     const struct sigaction action = record.getOSStruct();
     struct sigaction previous;
     SVOwnership::handBack(signalNumber, action);
@@ -74,16 +83,10 @@ bool svnobodysActionQ(const struct sigaction& action) noexcept {
     return svownActionQ(action) || action.sa_handler == SIG_DFL || action.sa_handler == SIG_IGN;
 }
 
-// Whoever installs the library by hand for a signal that was handed back wants it to have that.
 SVSignalHandler SVSignalHandlerManager::installHandlerInSystem(SVSignalHandler& handler) {
     const int signalNumber = handler.getSignalNumber();
-    const struct sigaction wanted = handler.getOSStruct();
     struct sigaction previous;
-    SVSystemActions::install(signalNumber, wanted, previous).throwIfAny();
-    if (SVOwnership::handedBackQ(SVOwnership::count(signalNumber)) && svownActionQ(wanted)) {
-        const SVGate gate;
-        SVOwnership::take(signalNumber);
-    }
+    SVSystemActions::install(signalNumber, handler.getOSStruct(), previous).throwIfAny();
     return SVSignalHandler(signalNumber, previous, true, true, true);
 }
 

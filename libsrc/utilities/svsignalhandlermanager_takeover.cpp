@@ -10,14 +10,10 @@ namespace Sorvane {
 
 namespace {
 
-constexpr unsigned int lineNoTableForSignal = 302;
+constexpr SVFailure noTable = svnoTableFailure(302);
 
 bool hasRecordsQ(const SVSignalHandlerTable* table) noexcept {
     return table != nullptr && table->used != 0;
-}
-
-bool librarysQ(int signalNumber) noexcept {
-    return SVOwnership::librarysQ(SVOwnership::count(signalNumber));
 }
 
 bool allowedQ(int signalNumber) noexcept {
@@ -37,44 +33,27 @@ SVFailure askForActionOfHost(int signalNumber, struct sigaction& action) noexcep
 
 // The host's handler is put on record before the swap, so that it is on record, for whoever looks,
 // as soon as the library is installed. If the host replaces it just between, its new one counts.
-SVFailure takeOver(int signalNumber, const struct sigaction& own) noexcept {
-    constexpr SVFailure noTable = svnoTableFailure(lineNoTableForSignal);
-    if (const SVFailure failure = svregistry.addTable(signalNumber, noTable)) {
-        return failure;
-    }
-    if (!allowedQ(signalNumber)) {
-        return SVFailure();
-    }
+SVFailure swap(int signalNumber, const struct sigaction& own) noexcept {
     struct sigaction host;
-    if (const SVFailure failure = askForActionOfHost(signalNumber, host)) {
-        return failure;
-    }
-    const SVSignalHandler previous(signalNumber, host, true, true, true);
-    void* const function = previous.getHandlerFunction();
-    const bool kept =
-        !svnobodysActionQ(host) && !svregistry.tableOf(signalNumber)->has_key(function);
-    SVFailure failure = kept ? svregistry.store(previous, noTable) : SVFailure();
     struct sigaction displaced;
-    if (!failure) {
-        failure = SVSystemActions::install(signalNumber, own, displaced);
-        if (failure && kept) {
-            svregistry.remove(signalNumber, function, noTable);
-        }
-    }
-    if (failure) {
+    bool kept = false;
+    if (const SVFailure failure = askForActionOfHost(signalNumber, host).then([&] {
+            return svkeepOnRecord(signalNumber, host, kept);
+        })) {
         return failure;
     }
-    SVOwnership::take(signalNumber);
-    if (svnobodysActionQ(displaced) || svsameActionQ(displaced, host)) {
-        return SVFailure();
+    const SVFailure failure = SVSystemActions::takeOver(signalNumber, own, displaced);
+    const bool replaced = !failure && !svownActionQ(displaced) && !svsameActionQ(displaced, host);
+    if (kept && (failure || replaced)) {
+        svregistry.remove(signalNumber, reinterpret_cast<void*>(host.sa_sigaction), noTable);
     }
-    if (kept) {
-        svregistry.remove(signalNumber, function, noTable);
-    }
-    const SVSignalHandler newer(signalNumber, displaced, true, true, true);
-    return svregistry.tableOf(signalNumber)->has_key(newer.getHandlerFunction())
-               ? SVFailure()
-               : svregistry.store(newer, noTable);
+    return replaced ? svkeepOnRecord(signalNumber, displaced, kept) : failure;
+}
+
+SVFailure takeOver(int signalNumber, const struct sigaction& own) noexcept {
+    return svregistry.addTable(signalNumber, noTable).then([&] {
+        return allowedQ(signalNumber) ? swap(signalNumber, own) : SVFailure();
+    });
 }
 
 // The first pre-existing record goes back, valid or not: the user hands this one signal back
@@ -86,33 +65,26 @@ SVFailure handBack(int signalNumber, SVSignalHandler wanted) noexcept {
     if (!allowedQ(signalNumber) || table == nullptr) {
         return SVFailure();
     }
-    for (auto position = table->begin(); position != table->end(); position++) {
-        if (position.GetValue().preExistsQ()) {
-            wanted = position.GetValue();
-            break;
-        }
+    const auto preExistsQ = [](const SVSignalHandler& record) { return record.preExistsQ(); };
+    if (const SVSignalHandler* const hosts = svfirstRecord(table, preExistsQ)) {
+        wanted = *hosts;
     }
     return SVSystemActions::handBack(wanted);
 }
 
-// Switches handling on, unless a signal with records is not the library's: it had its first record,
-// or was handed back, by another thread after its turn.
-bool switchOn() noexcept {
-    const SVGate gate;
-    bool complete = true;
-    svforEachSignal([&](int signalNumber) {
-        if (hasRecordsQ(svregistry.tableOf(signalNumber)) && allowedQ(signalNumber) &&
-            !librarysQ(signalNumber)) {
-            complete = false;
-        }
-    });
-    if (complete) {
-        svcurrentlyHandlingSignals().store(true);
-    }
-    return complete;
-}
-
 }  // namespace
+
+SVFailure svkeepOnRecord(int signalNumber, struct sigaction action, bool& kept) noexcept {
+    const SVSignalHandler record(signalNumber, action, true, true, true);
+    const SVSignalHandlerTable* const table = svregistry.tableOf(signalNumber);
+    if (svnobodysActionQ(action) || table == nullptr ||
+        table->has_key(record.getHandlerFunction())) {
+        return SVFailure();
+    }
+    const SVFailure failure = svregistry.store(record, noTable);
+    kept = !failure;
+    return failure;
+}
 
 void SVSignalHandlerManager::handleSignal(int signalNumber) {
     SVMutex scope;
@@ -124,34 +96,33 @@ void SVSignalHandlerManager::handleSignal(int signalNumber) {
 // The lock is let go around each handleSignal(), which takes it by itself, so that an exception
 // out of it leaves nothing locked.
 void SVSignalHandlerManager::startHandlingSignals() {
-    if (svcurrentlyHandlingSignals().load()) {
+    if (svshared(currentlyHandlingSignals).load()) {
         return;
     }
-    SVMutexHandle* const handle = lockHandle();
-    const auto lock = [handle] {
-        if (handle != nullptr) {
-            handle->lock();
+    SVMutexHandle* handle = lock();
+    svforEachSignal([&](int signalNumber) {
+        if (hasRecordsQ(SVTablesPin().tableOf(signalNumber))) {
+            unlock(handle);
+            handleSignal(signalNumber);
+            handle = lock();
         }
-    };
-    const auto unlock = [handle] {
-        if (handle != nullptr) {
-            handle->unlock();
-        }
-    };
-    bool first = true;
-    lock();
-    do {
+    });
+    SVFailure failure;
+    {
+        const SVGate gate;
+        // Another thread may have registered for a signal, or handed one back, after its turn.
         svforEachSignal([&](int signalNumber) {
-            if (hasRecordsQ(SVTablesPin().tableOf(signalNumber)) &&
-                (first || !librarysQ(signalNumber))) {
-                unlock();
-                handleSignal(signalNumber);
-                lock();
+            if (!failure && !SVOwnership::librarysQ(signalNumber) &&
+                hasRecordsQ(svregistry.tableOf(signalNumber))) {
+                failure = takeOver(signalNumber, theSVHandler(signalNumber).getOSStruct());
             }
         });
-        first = false;
-    } while (!switchOn());
-    unlock();
+        if (!failure) {
+            svshared(currentlyHandlingSignals).store(true);
+        }
+    }
+    unlock(handle);
+    failure.throwIfAny();
 }
 
 void SVSignalHandlerManager::stopHandlingSignal(int signalNumber) {
@@ -161,7 +132,7 @@ void SVSignalHandlerManager::stopHandlingSignal(int signalNumber) {
 }
 
 void SVSignalHandlerManager::stopHandlingSignals() {
-    if (!svcurrentlyHandlingSignals().load()) {
+    if (!svshared(SVSignalHandlerManager::currentlyHandlingSignals).load()) {
         return;
     }
     svforEachSignal([this](int signalNumber) { stopHandlingSignal(signalNumber); });
@@ -171,12 +142,12 @@ void SVSignalHandlerManager::stopHandlingSignals() {
         SVFailure failure;
         // Another thread's registration after its signal's turn has installed the library again.
         svforEachSignal([&](int signalNumber) {
-            if (!failure && librarysQ(signalNumber)) {
+            if (!failure && SVOwnership::librarysQ(signalNumber)) {
                 failure = handBack(signalNumber, ignoreHandler(signalNumber));
             }
         });
         if (!failure) {
-            svcurrentlyHandlingSignals().store(false);
+            svshared(SVSignalHandlerManager::currentlyHandlingSignals).store(false);
         }
         return failure;
     });

@@ -21,8 +21,11 @@ SVFailure ask(int signalNumber, struct sigaction& current) noexcept;
 SVFailure install(int signalNumber, const struct sigaction& wanted,
                   struct sigaction& previous) noexcept;
 
-/// Installs a record's action, and the signal is the host's from now on. Errors: as above; it is
-/// then whose it was. Signal context: inside the gate.
+/// Installs the library's own action, and the signal is the library's from now on; or a record's
+/// action, and the signal is the host's. Errors: as above; it is then whose it was.
+/// Signal context: inside the gate.
+SVFailure takeOver(int signalNumber, const struct sigaction& own,
+                   struct sigaction& previous) noexcept;
 SVFailure handBack(SVSignalHandler& record) noexcept;
 
 /// Puts back, for every signal from 1 to 60, its valid pre-existing records, up to the first that
@@ -30,6 +33,11 @@ SVFailure handBack(SVSignalHandler& record) noexcept;
 SVFailure handBackPreexisting() noexcept;
 
 }  // namespace SVSystemActions
+
+/// Keeps an action that the host had for a signal as a pre-existing record, unless it is nobody's
+/// or its function has a record. Parameters: kept, set if it was kept now. Errors: those of
+/// handleSignal() for want of memory. Signal context: inside the gate.
+SVFailure svkeepOnRecord(int signalNumber, struct sigaction action, bool& kept) noexcept;
 
 /// Whether an action's handler is the library's own; whether it is none that the host has to get
 /// back: the library's own, the default action, or the ignoring one.
