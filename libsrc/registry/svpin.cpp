@@ -8,7 +8,7 @@
 
 namespace Sorvane {
 
-constinit SVPin::Slot SVPin::slots[slotCount];
+alignas(64) constinit SVPin::Slot SVPin::slots[slotCount];
 constinit std::atomic<unsigned int> SVPin::withoutSlot{0};
 
 namespace {
