@@ -21,6 +21,7 @@
 #ifndef SORVANE_SVHASHTABLE_H
 #define SORVANE_SVHASHTABLE_H
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <ostream>
@@ -240,6 +241,9 @@ unsigned int SVHashTable<K, V, H>::insert_helper(const K& key, const V& value) {
     entry->hash = hash;
     entry->key = key;
     entry->value = value;
+    // Last, so that whoever is split off from this thread just now finds the slot as it was, or
+    // whole.
+    std::atomic_signal_fence(std::memory_order_release);
     entry->state = svslotOccupied;
     ++used;
     return insertStored;

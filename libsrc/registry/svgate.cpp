@@ -4,24 +4,23 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <iterator>
 
 #include "../support/svwait.h"
-#include "svjournal.h"
+#include "svregistry.h"
 
 namespace Sorvane {
 
 constinit std::atomic<unsigned int> SVGate::word{0};
 constinit std::atomic<unsigned int> SVGate::changes{0};
+constinit std::atomic<const void*> SVGate::holder{nullptr};
 
 namespace {
 
 static_assert(std::atomic<unsigned int>::is_always_lock_free);
 static_assert(std::atomic<const void*>::is_always_lock_free);
-
-// The thread that has closed the gate, and how often it has done so.
-constinit std::atomic<const void*> holder{nullptr};
-constinit unsigned int nesting = 0;
 
 unsigned int numberOfThisThread() noexcept {
     return static_cast<unsigned int>(syscall(SYS_gettid));
@@ -33,102 +32,96 @@ bool ofAnotherProcessQ(unsigned int thread) noexcept {
            errno == ESRCH;
 }
 
-constexpr unsigned long bitOf(int signalNumber) noexcept {
-    return 1UL << static_cast<unsigned int>(signalNumber - 1);
-}
-
 }  // namespace
 
 // By the system call: the C library's function lets 32 and 33 in, and with them a cancellation.
 SVGate::SignalsHeldBack::SignalsHeldBack() noexcept {
-    SignalMask all;
-    for (unsigned long& part : all) {
-        part = ~0UL;
-    }
-    all[0] &= ~(bitOf(SIGTRAP) | bitOf(SIGSYS));
-    syscall(SYS_rt_sigprocmask, SIG_SETMASK, all, m_before, sizeof(SignalMask));
+    decltype(m_before) signals;
+    std::fill(std::begin(signals), std::end(signals), ~0UL);
+    signals[0] &= ~(1UL << (SIGTRAP - 1) | 1UL << (SIGSYS - 1));
+    syscall(SYS_rt_sigprocmask, SIG_BLOCK, signals, m_before, sizeof(signals));
 }
 
 SVGate::SignalsHeldBack::~SignalsHeldBack() {
-    syscall(SYS_rt_sigprocmask, SIG_SETMASK, m_before, nullptr, sizeof(SignalMask));
+    syscall(SYS_rt_sigprocmask, SIG_SETMASK, m_before, nullptr, sizeof(m_before));
 }
 
-bool SVGate::closedByThisThreadQ() noexcept {
-    return holder.load(std::memory_order_relaxed) == SVHandlerContext::thisThread();
-}
-
-void SVGate::lock() noexcept {
+// False if this thread has the word already.
+bool SVGate::lock() noexcept {
     const unsigned int self = numberOfThisThread();
     for (;;) {
         unsigned int found = 0;
         if (word.compare_exchange_strong(found, self, std::memory_order_acquire)) {
-            return;
+            return true;
+        }
+        if ((found & FUTEX_TID_MASK) == self) {
+            return false;
         }
         if (ofAnotherProcessQ(found)) {
             if (word.compare_exchange_strong(found, self, std::memory_order_acquire)) {
                 giveUpChange();
-                return;
+                return true;
             }
         } else if (syscall(SYS_futex, &word, FUTEX_LOCK_PI_PRIVATE, 0, nullptr, nullptr, 0) == 0) {
             changes.load(std::memory_order_acquire);
-            return;
+            return true;
         } else if (errno != EAGAIN && errno != EINTR) {
             waitALittle();
         }
     }
 }
 
+// Without anybody waiting the word is as it was locked.
 void SVGate::unlock() noexcept {
-    unsigned int self = numberOfThisThread();
-    if (!word.compare_exchange_strong(self, 0, std::memory_order_release)) {
+    unsigned int found = word.load(std::memory_order_relaxed);
+    if ((found & FUTEX_WAITERS) != 0 ||
+        !word.compare_exchange_strong(found, 0, std::memory_order_release)) {
         syscall(SYS_futex, &word, FUTEX_UNLOCK_PI_PRIVATE, 0, nullptr, nullptr, 0);
     }
 }
 
 // The change of a thread that this process does not have.
 void SVGate::giveUpChange() noexcept {
-    SVJournal::undo();
-    nesting = 0;
-    holder.store(nullptr, std::memory_order_relaxed);
+    SVRegistry::countAnew();
     if ((changes.load(std::memory_order_relaxed) & 1U) != 0) {
         changes.fetch_add(1, std::memory_order_release);
     }
 }
 
-SVGate::SVGate() noexcept {
-    if (!closedByThisThreadQ()) {
-        lock();
+// A handler for SIGTRAP or SIGSYS may find the word locked by its own thread, before or after that
+// has made `changes` odd.
+SVGate::SVGate() noexcept : m_locked(lock()), m_closed(!closedByThisThreadQ()) {
+    if (m_closed) {
         holder.store(SVHandlerContext::thisThread(), std::memory_order_relaxed);
         changes.fetch_add(1, std::memory_order_seq_cst);
     }
-    ++nesting;
 }
 
 SVGate::~SVGate() {
-    if (--nesting == 0) {
+    if (m_closed) {
         changes.fetch_add(1, std::memory_order_release);
-        holder.store(nullptr, std::memory_order_relaxed);
+    }
+    if (m_locked) {
         unlock();
     }
 }
 
 // Signals are held back meanwhile: a handler must not keep others from the gate.
 void SVGate::waitUntilOpen() noexcept {
-    if (closedByThisThreadQ()) {
-        return;
-    }
     const SignalsHeldBack signalsHeldBack;
-    lock();
-    unlock();
+    if (lock()) {
+        unlock();
+    }
 }
 
+// A handler may have called fork() inside its own thread's gate; that goes on having it.
 void SVGate::goOnInChild() noexcept {
     if (closedByThisThreadQ()) {
         word.store(numberOfThisThread(), std::memory_order_relaxed);
-        return;
+    } else {
+        giveUpChange();
+        word.store(0, std::memory_order_relaxed);
     }
-    word.store(0, std::memory_order_relaxed);
-    giveUpChange();
 }
 
 }  // namespace Sorvane

@@ -56,7 +56,7 @@
 namespace Sorvane {
 
 /// Holds this thread's signals back and the gate closed for the length of a scope. One inside
-/// another on the same thread counts as one.
+/// another on the same thread changes nothing.
 /// Threads: any. Signal context: any context. May change errno.
 class SVGate {
 public:
@@ -76,6 +76,11 @@ public:
         failure.throwIfAny();
     }
 
+    static bool closedByThisThreadQ() noexcept {
+        return (changes.load(std::memory_order_seq_cst) & 1U) != 0 &&
+               holder.load(std::memory_order_relaxed) == SVHandlerContext::thisThread();
+    }
+
     /// Whether this thread need not wait.
     static bool openQ() noexcept {
         return (changes.load(std::memory_order_seq_cst) & 1U) == 0 || closedByThisThreadQ();
@@ -84,13 +89,10 @@ public:
     /// Sleeps until the gate is open, unless this thread has closed it.
     static void waitUntilOpen() noexcept;
 
-    /// For the only thread of a child after fork().
+    /// For the only thread of a child after fork(). Signal context: with all signals held back.
     static void goOnInChild() noexcept;
 
-private:
-    /// As the kernel has it: a word with a bit for each signal.
-    using SignalMask = unsigned long[64 / (8 * sizeof(unsigned long))];
-
+    /// Holds signals back, and nothing else, for the length of a scope.
     class SignalsHeldBack {
     public:
         SignalsHeldBack() noexcept;
@@ -99,19 +101,23 @@ private:
         ~SignalsHeldBack();
 
     private:
-        SignalMask m_before;
+        /// As the kernel has it: with a bit for each signal.
+        unsigned long m_before[64 / (8 * sizeof(unsigned long))];
     };
 
-    static bool closedByThisThreadQ() noexcept;
-    static void lock() noexcept;
+private:
+    static bool lock() noexcept;
     static void unlock() noexcept;
     static void giveUpChange() noexcept;
 
     static std::atomic<unsigned int> word;
     static std::atomic<unsigned int> changes;
+    static std::atomic<const void*> holder;  ///< the thread that has made `changes` odd
 
     const SignalsHeldBack m_signalsHeldBack;
     const SVHandlerContext::Scope m_heapOutOfBounds;
+    const bool m_locked;
+    const bool m_closed;
 };
 
 }  // namespace Sorvane

@@ -49,8 +49,13 @@ void SVOwnership::handBack(int signalNumber, const struct sigaction& action) noe
     }
 }
 
-struct sigaction& SVOwnership::actionOfHost(int signalNumber) noexcept {
+const struct sigaction& SVOwnership::actionOfHost(int signalNumber) noexcept {
     return handBacks[signalNumber].action;
+}
+
+void SVOwnership::putBack(int signalNumber, const struct sigaction& action) noexcept {
+    handBacks[signalNumber].action = action;
+    counts[signalNumber].fetch_add(2);
 }
 
 bool SVOwnership::handedBackByThisThreadQ(int signalNumber) noexcept {
@@ -68,10 +73,17 @@ bool SVOwnership::sendsOnFirstQ(int signalNumber) noexcept {
     return true;
 }
 
-// The C library's mask has room for more signals than there are.
+// As the operating system tells them: the C library has a flag for its own way back from a handler,
+// and the kernel lets nobody hold SIGKILL and SIGSTOP back.
 bool svsameActionQ(const struct sigaction& one, const struct sigaction& other) noexcept {
-    return one.sa_flags == other.sa_flags && one.sa_handler == other.sa_handler &&
-           std::memcmp(&one.sa_mask, &other.sa_mask, highestSignal / 8) == 0;
+    constexpr int restorerFlag = 0x04000000;
+    const auto heldBack = [](const struct sigaction& action) {
+        std::uint64_t signals = 0;
+        std::memcpy(&signals, &action.sa_mask, sizeof(signals));
+        return signals & ~(std::uint64_t{1} << (SIGKILL - 1) | std::uint64_t{1} << (SIGSTOP - 1));
+    };
+    return ((one.sa_flags ^ other.sa_flags) & ~restorerFlag) == 0 &&
+           one.sa_handler == other.sa_handler && heldBack(one) == heldBack(other);
 }
 
 }  // namespace Sorvane

@@ -10,18 +10,20 @@
 // change inside the gate only. Handing back always changes the count, also when the signal is the
 // host's already, and does so before it installs the host's action.
 //
-// A dispatch reads the count when it is a live manager, so that nothing is torn down any more.
+// A dispatch reads the count when it has pinned the tables that it is going to read.
 // - The count is even, and the signal was handed back: this arrival is late and belongs to whom the
 //   signal belongs by now. It is sent on, as it came, to the same thread, once for each count.
 //   Should it come here again all the same, somebody has called the library by hand, and has an
-//   ordinary dispatch, unless the library is what is still installed; then the host's action is put
-//   back.
+//   ordinary dispatch. If the library is what is installed, another dispatch may have done that and
+//   not looked at the count yet; then the host's action is put back first. Without another dispatch
+//   it was installed by hand, and the signal is the library's again.
 // - Otherwise the records are called, the library is installed again, and the count is read once
 //   more. If it has not changed, nobody has handed the signal back before that installation. If it
 //   has, the rest is done inside the gate: what the installation displaced is put back, as it is
 //   the host's, unless this thread itself handed the signal back, in a handler of this dispatch;
 //   that is undone by the installation, as always. Of several dispatches that meet there, the one
-//   that displaced the host's action puts it back.
+//   that displaced the host's action puts it back. Putting back changes the count, too: what was
+//   sent on before may have met the library again, and is sent on once more.
 // A take-over that finds the library installed although the signal is the host's has come between a
 // dispatch's installation and its last look; it takes the remembered action for what the host had.
 #ifndef SORVANE_SVOWNERSHIP_H
@@ -61,8 +63,11 @@ void take(int signalNumber) noexcept;
 /// The signal becomes the host's, with this action; said before that is installed.
 void handBack(int signalNumber, const struct sigaction& action) noexcept;
 
-/// The action that a signal was handed back to, or what it has become since.
-struct sigaction& actionOfHost(int signalNumber) noexcept;
+/// The action that a signal was handed back to, or what has been put back since.
+const struct sigaction& actionOfHost(int signalNumber) noexcept;
+
+/// The signal goes on being the host's, with this action; said before that is put back.
+void putBack(int signalNumber, const struct sigaction& action) noexcept;
 
 /// Whether this thread was the last one to hand the signal back.
 bool handedBackByThisThreadQ(int signalNumber) noexcept;

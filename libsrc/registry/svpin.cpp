@@ -40,15 +40,24 @@ SVPin::SVPin(SVSignalTable*& place) noexcept : m_place(place) {
     }
 }
 
+// Only its own thread counts in a slot that it has, and what interrupts that leaves the count as it
+// found it.
 void SVPin::pin() noexcept {
     constexpr unsigned int slotsInLine = 64 / sizeof(Slot);
     const void* const thread = SVHandlerContext::thisThread();
     const unsigned int first = firstSlotOf(thread, slotsInLine, slotCount / slotsInLine);
     for (unsigned int i = 0; i < slotCount; ++i) {
         Slot& slot = slots[(first + i) % slotCount];
-        const void* none = slot.tables.load(std::memory_order_relaxed);
-        if (none == nullptr && slot.tables.compare_exchange_strong(none, m_tables)) {
+        const void* found = slot.tables.load(std::memory_order_relaxed);
+        if (found == nullptr && slot.tables.compare_exchange_strong(found, m_tables)) {
+            slot.times.store(1, std::memory_order_relaxed);
             slot.thread.store(thread, std::memory_order_relaxed);
+            m_slot = &slot;
+            return;
+        }
+        if (found == m_tables && slot.thread.load(std::memory_order_relaxed) == thread) {
+            slot.times.store(slot.times.load(std::memory_order_relaxed) + 1,
+                             std::memory_order_relaxed);
             m_slot = &slot;
             return;
         }
@@ -61,13 +70,16 @@ void SVPin::letGo() noexcept {
     if (m_tables == nullptr) {
         return;
     }
-    if (m_slot != nullptr) {
+    if (m_slot == nullptr) {
+        withoutSlot.fetch_sub(1, std::memory_order_release);
+    } else if (const unsigned int times = m_slot->times.load(std::memory_order_relaxed);
+               times > 1) {
+        m_slot->times.store(times - 1, std::memory_order_relaxed);
+    } else {
         m_slot->thread.store(nullptr, std::memory_order_relaxed);
         m_slot->tables.store(nullptr, std::memory_order_release);
-        m_slot = nullptr;
-    } else {
-        withoutSlot.fetch_sub(1, std::memory_order_release);
     }
+    m_slot = nullptr;
     m_tables = nullptr;
 }
 

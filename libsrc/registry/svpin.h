@@ -10,7 +10,9 @@
 // at a place of its own, so that threads do not keep taking a cache line from each other. Where no
 // slot is left, a count takes its place, and everything is pinned as long as it is not zero.
 //
-// A handler that leaves by siglongjmp leaves its pin behind: those tables then stay for good.
+// A thread that reads the same tables again, in a handler, uses the same slot. So a handler that
+// leaves by siglongjmp, and leaves its pin behind, uses up a slot only when something has changed
+// since the last one did; those tables then stay for good.
 #ifndef SORVANE_SVPIN_H
 #define SORVANE_SVPIN_H
 
@@ -61,11 +63,12 @@ public:
     static void forgetOtherThreads() noexcept;
 
 private:
-    struct Slot {
+    struct alignas(4 * sizeof(void*)) Slot {
         std::atomic<const void*> tables;  ///< null: free
         std::atomic<const void*> thread;  ///< null just after it was taken
+        std::atomic<unsigned int> times;  ///< how often that thread has pinned them
     };
-    static constexpr unsigned int slotCount = 128;
+    static constexpr unsigned int slotCount = 64;
     alignas(64) static Slot slots[slotCount];
     static std::atomic<unsigned int> withoutSlot;
 

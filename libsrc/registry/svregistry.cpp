@@ -5,19 +5,22 @@
 #include <type_traits>
 
 #include "../support/svatomicref.h"
-#include "svjournal.h"
 
 namespace Sorvane {
 
 /// Tables that have been displaced while somebody read them.
 struct SVRegistry::Retired final : public SVObject {
+    Retired(SVSignalTable* displaced, Retired* others) noexcept : tables(displaced), next(others) {}
     ~Retired() noexcept override {}
 
-    SVSignalTable* tables = nullptr;
-    Retired* next = nullptr;
+    SVSignalTable* const tables;
+    Retired* next;
 };
 
 namespace {
+
+// The table that is being changed in place.
+constinit SVSignalHandlerTable* beingChanged = nullptr;
 
 // What a pointer to a table is changed to must be complete by then, also for a child that is split
 // off just then, and for a debugger.
@@ -52,9 +55,9 @@ Table* copyOf(const Table& table) noexcept {
     return copy;
 }
 
-SVSignalHandlerTable** placeIn(const SVSignalTable* tables, int key) noexcept {
-    SVSignalTable::Entry* const entry = tables == nullptr ? nullptr : tables->get(key);
-    return entry == nullptr ? nullptr : &entry->value;
+SVSignalHandlerTable* tableIn(const SVSignalTable* tables, int key) noexcept {
+    const SVSignalTable::Entry* const entry = tables == nullptr ? nullptr : tables->get(key);
+    return entry == nullptr ? nullptr : entry->value;
 }
 
 // Makes a change where nobody can find the table, for which a copy stands in meanwhile.
@@ -97,14 +100,12 @@ void SVRegistry::end() noexcept {
 }
 
 SVSignalHandlerTable* SVRegistry::tableOf(int signalNumber) const noexcept {
-    SVSignalHandlerTable** const place = placeIn(m_place, signalKey(signalNumber));
-    return place == nullptr ? nullptr : *place;
+    return tableIn(m_place, signalKey(signalNumber));
 }
 
 bool SVRegistry::retiredTablesHaveQ(int key, const SVSignalHandlerTable* table) const noexcept {
     for (const Retired* retired = m_retired; retired != nullptr; retired = retired->next) {
-        SVSignalHandlerTable** const place = placeIn(retired->tables, key);
-        if (place != nullptr && *place == table) {
+        if (tableIn(retired->tables, key) == table) {
             return true;
         }
     }
@@ -124,8 +125,7 @@ void SVRegistry::releaseWhatNobodyReads() noexcept {
         for (auto position = tables->begin(); position != tables->end(); position++) {
             const int key = position.entries[position.index].key;
             SVSignalHandlerTable* const table = position.GetValue();
-            SVSignalHandlerTable** const place = placeIn(m_place, key);
-            if ((place == nullptr || *place != table) && !retiredTablesHaveQ(key, table)) {
+            if (tableIn(m_place, key) != table && !retiredTablesHaveQ(key, table)) {
                 delete table;
             }
         }
@@ -136,15 +136,12 @@ void SVRegistry::releaseWhatNobodyReads() noexcept {
 
 // Publishes other tables, and retires those that were. False without memory.
 bool SVRegistry::retireFor(SVSignalTable* successor) noexcept {
-    auto* const retired = new Retired;
-    if (retired == nullptr) {
-        return false;
+    auto* const retired = new Retired(m_place, m_retired);
+    if (retired != nullptr) {
+        letPointTo(m_place, successor);
+        letPointTo(m_retired, retired);
     }
-    retired->tables = m_place;
-    retired->next = m_retired;
-    letPointTo(m_place, successor);
-    letPointTo(m_retired, retired);
-    return true;
+    return retired != nullptr;
 }
 
 // Leaves the published tables to those who read them, and publishes a copy. False without memory.
@@ -180,61 +177,73 @@ SVFailure SVRegistry::addTable(int signalNumber, const SVFailure& noTable) noexc
 }
 
 template <typename Make>
-SVFailure SVRegistry::change(int signalNumber, bool rebuilds, void* function,
-                             const SVFailure& noTable, Make make) noexcept {
+SVFailure SVRegistry::change(int signalNumber, bool inPlace, const SVFailure& noTable,
+                             Make make) noexcept {
     if (!leaveToReaders()) {
         return noTable;
     }
-    SVSignalHandlerTable*& place = *placeIn(m_place, signalKey(signalNumber));
+    SVSignalHandlerTable*& place = m_place->get(signalKey(signalNumber))->value;
     SVSignalHandlerTable* const table = place;
-    if (!retiredTablesHaveQ(signalKey(signalNumber), table)) {
-        if (rebuilds || signalNumber == SIGTRAP) {
-            return changeOutOfSight(place, noTable, make);
+    if (retiredTablesHaveQ(signalKey(signalNumber), table)) {
+        SVSignalHandlerTable* const copy = copyOf(*table);
+        const SVFailure failure = copy == nullptr ? noTable : make(*copy);
+        if (failure) {
+            delete copy;
+        } else {
+            letPointTo(place, copy);
         }
-        const SVJournal journal(*table, table->lookup(function, table->hashFunction(function)));
-        return make(*table);
+        return failure;
     }
-    SVSignalHandlerTable* const copy = copyOf(*table);
-    const SVFailure failure = copy == nullptr ? noTable : make(*copy);
-    if (failure) {
-        delete copy;
-    } else {
-        letPointTo(place, copy);
+    if (!inPlace || signalNumber == SIGTRAP || signalNumber == SIGSYS) {
+        return changeOutOfSight(place, noTable, make);
     }
-    return failure;
+    letPointTo(beingChanged, table);
+    make(*table);
+    letPointTo(beingChanged, nullptr);
+    return SVFailure();
+}
+
+void SVRegistry::countAnew() noexcept {
+    if (beingChanged != nullptr) {
+        beingChanged->used = 0;
+        beingChanged->fill = 0;
+        for (unsigned int i = 0; i <= beingChanged->mask; ++i) {
+            const unsigned int state = beingChanged->table[i].state;
+            beingChanged->used += state == svslotOccupied ? 1 : 0;
+            beingChanged->fill += state != svslotEmpty ? 1 : 0;
+        }
+        beingChanged = nullptr;
+    }
 }
 
 SVFailure SVRegistry::store(const SVSignalHandler& record, const SVFailure& noTable) noexcept {
     const int signalNumber = record.getSignalNumber();
     void* const function = record.getHandlerFunction();
-    return change(signalNumber, tableOf(signalNumber)->growsWithQ(function), function, noTable,
-                  [&](SVSignalHandlerTable& table) { return table.tryInsert(function, record); });
+    const SVSignalHandlerTable* const table = tableOf(signalNumber);
+    return change(
+        signalNumber, !table->has_key(function) && !table->growsWithQ(function), noTable,
+        [&](SVSignalHandlerTable& changed) { return changed.tryInsert(function, record); });
 }
 
 SVFailure SVRegistry::remove(int signalNumber, void* function, const SVFailure& noTable) noexcept {
-    return change(signalNumber, false, function, noTable, [&](SVSignalHandlerTable& table) {
-        table.remove(function);
+    return change(signalNumber, true, noTable, [&](SVSignalHandlerTable& changed) {
+        changed.remove(function);
         return SVFailure();
     });
 }
 
+// Only a rebuild empties a slot, and only a rebuild moves a key to another one.
 bool svsameSlotsQ(const SVSignalHandlerTable& one, const SVSignalHandlerTable& other) noexcept {
-    if (one.mask != other.mask) {
-        return false;
-    }
-    for (unsigned int i = 0; i <= one.mask; ++i) {
+    bool same = one.mask == other.mask;
+    for (unsigned int i = 0; same && i <= one.mask; ++i) {
         const SVSignalHandlerTable::Entry& before = one.table[i];
         const SVSignalHandlerTable::Entry& now = other.table[i];
-        // Only a rebuild empties a slot, and only a rebuild moves a key to another one.
-        if (before.state != svslotEmpty && now.state == svslotEmpty) {
-            return false;
-        }
-        if (before.state == svslotOccupied && now.state == svslotOccupied &&
-            before.key != now.key && other.has_key(before.key)) {
-            return false;
-        }
+        const bool emptied = before.state != svslotEmpty && now.state == svslotEmpty;
+        const bool moved = before.state == svslotOccupied && now.state == svslotOccupied &&
+                           before.key != now.key && other.has_key(before.key);
+        same = !emptied && !moved;
     }
-    return true;
+    return same;
 }
 
 }  // namespace Sorvane

@@ -2,15 +2,17 @@
 //
 // What is published is one outer table with an inner table for each signal. It changes in one of
 // three ways, and is whole at every instruction on each of them, with the change made or not:
-// - Nobody reads the table that changes, and it need not be rebuilt: its slot is changed in place.
-//   The journal keeps the slot meanwhile, for a child that is split off just then.
-// - Nobody reads it, and it is rebuilt: a copy stands in for it, the table itself is changed where
-//   nobody can find it, and takes its place again. So whoever watches the tables undisturbed sees
-//   the objects that it knows change, rather than others take their place. A change for SIGTRAP
-//   goes this way, too, because a debugger's handler may be stepping through it.
-// - Somebody reads it: a copy is changed and published in its place. What it displaces is retired,
-//   and released by the first change that finds it read no more. Inner tables that do not change
-//   are shared between what is published and what is retired.
+// - Nobody reads the table that changes, and a slot comes or goes: that is done in place, and is
+// one
+//   store. The table's counts follow it; a child that is split off just between counts anew.
+// - Nobody reads it, but it is rebuilt, or a record is replaced: a copy stands in for it, the table
+//   itself is changed where nobody can find it, and takes its place again. So whoever watches the
+//   tables undisturbed sees the objects that it knows change, rather than others take their place.
+//   A change for SIGTRAP or SIGSYS goes this way, too: their handlers may come in the middle of it.
+// - Somebody reads it: what is published is left to those who read it, and retired, and a copy of
+//   the outer table is published. A copy of the inner table is changed, and takes its place there.
+//   What is retired is released by the first change that finds it read no more; until then it
+//   shares the inner tables that have not changed.
 // The memory for a copy is had before anything changes; without it the change fails, and nothing
 // has changed.
 #ifndef SORVANE_SVREGISTRY_H
@@ -58,12 +60,14 @@ public:
     /// being read and there is no memory for a copy.
     SVFailure remove(int signalNumber, void* function, const SVFailure& noTable) noexcept;
 
+    /// Counts the slots of a table that a thread was changing which is not in this process.
+    static void countAnew() noexcept;
+
 private:
     struct Retired;
 
     template <typename Make>
-    SVFailure change(int signalNumber, bool rebuilds, void* function, const SVFailure& noTable,
-                     Make make) noexcept;
+    SVFailure change(int signalNumber, bool inPlace, const SVFailure& noTable, Make make) noexcept;
     bool retiredTablesHaveQ(int key, const SVSignalHandlerTable* table) const noexcept;
     bool retireFor(SVSignalTable* successor) noexcept;
     bool leaveToReaders() noexcept;

@@ -42,7 +42,6 @@ void SVMutexHandle::makeMutex() noexcept {
 
 void SVMutexHandle::taken() noexcept {
     m_holder.store(pthread_self(), std::memory_order_relaxed);
-    m_held.store(true, std::memory_order_relaxed);
     ++m_timesHeld;
 }
 
@@ -62,17 +61,17 @@ void SVMutexHandle::lock() {
 
 void SVMutexHandle::unlock() {
     if (--m_timesHeld == 0) {
-        m_held.store(false, std::memory_order_relaxed);
+        m_holder.store(0, std::memory_order_relaxed);
     }
     pthread_mutex_unlock(&m_mutex);
 }
 
 // The C library's lock knows its holder by a number that the child's thread does not have.
 void SVMutexHandle::goOnInChild() noexcept {
-    const bool heldHere = m_held.load(std::memory_order_relaxed) &&
-                          m_holder.load(std::memory_order_relaxed) == pthread_self();
-    m_timesHeld = heldHere ? m_timesHeld : 0;
-    m_held.store(heldHere, std::memory_order_relaxed);
+    if (m_holder.load(std::memory_order_relaxed) != pthread_self()) {
+        m_holder.store(0, std::memory_order_relaxed);
+        m_timesHeld = 0;
+    }
     makeMutex();
     for (unsigned int times = 0; times < m_timesHeld; ++times) {
         pthread_mutex_lock(&m_mutex);

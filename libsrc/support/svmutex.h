@@ -50,8 +50,7 @@ private:
     pthread_mutex_t m_mutex;
     const _svmutex m_kind;
     const bool m_processPrivate;
-    std::atomic<bool> m_held{false};
-    std::atomic<pthread_t> m_holder{};  ///< of the thread that holds it, if one does
+    std::atomic<pthread_t> m_holder{};  ///< the thread that holds it; 0 for none
     unsigned int m_timesHeld = 0;       ///< by that thread
 };
 

@@ -21,7 +21,8 @@
 
 namespace Sorvane {
 
-constinit thread_local unsigned int SVHandlerContext::depth = 0;
+constinit thread_local unsigned int SVHandlerContext::depth
+    __attribute__((tls_model("initial-exec"))) = 0;
 
 namespace {
 

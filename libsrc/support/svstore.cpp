@@ -53,6 +53,10 @@ struct alignas(smallestBlock) Chunk {
     std::size_t size;
 
     void* take(std::size_t wanted) noexcept {
+        // Looked at first, so that attempts that fail do not go on counting.
+        if (wanted > size || cut.load(std::memory_order_relaxed) > size - wanted) {
+            return nullptr;
+        }
         const std::size_t start = cut.fetch_add(wanted, std::memory_order_relaxed);
         return start + wanted <= size ? reinterpret_cast<char*>(this) + start : nullptr;
     }

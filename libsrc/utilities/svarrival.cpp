@@ -20,13 +20,6 @@ bool heldBackQ(int signalNumber) noexcept {
     return sigismember(&heldBack, signalNumber) == 1;
 }
 
-// Whether there is another dispatch than this one, which may have installed the library just now.
-bool othersDispatchQ() noexcept {
-    return svshared(SVSignalHandlerManager::numberOfManagers).load() -
-               svmanagersOutsideDispatch.load() >
-           1;
-}
-
 // Such a fault is that of the instruction that was interrupted, which runs again.
 bool comesAgainQ(int signalNumber, const siginfo& information) noexcept {
     const bool byTheCode = signalNumber == SIGSEGV || signalNumber == SIGBUS ||
@@ -43,37 +36,36 @@ bool sendToThisThread(int signalNumber, siginfo& information) noexcept {
 
 }  // namespace
 
-bool SVArrival::sendOn(siginfo* information, void* context) {
-    const bool delivered = information != nullptr && heldBackQ(m_signalNumber);
+bool svsendOn(int signalNumber, siginfo* information, void* context) {
+    const bool delivered = information != nullptr && heldBackQ(signalNumber);
     struct sigaction host;
     {
         const SVGate gate;
-        m_seen = SVOwnership::count(m_signalNumber);
-        if (!lateQ()) {
+        if (!SVOwnership::handedBackQ(SVOwnership::count(signalNumber))) {
             return false;
         }
-        host = SVOwnership::actionOfHost(m_signalNumber);
+        host = SVOwnership::actionOfHost(signalNumber);
         struct sigaction current;
         const bool installed =
-            !SVSystemActions::ask(m_signalNumber, current) && svownActionQ(current);
-        const bool first = SVOwnership::sendsOnFirstQ(m_signalNumber);
-        const bool byHand = installed ? !othersDispatchQ() : !first;
-        if (!delivered || byHand ||
-            (installed && SVSystemActions::install(m_signalNumber, host, current))) {
-            SVOwnership::take(m_signalNumber);
-            m_seen = SVOwnership::count(m_signalNumber);
+            !SVSystemActions::ask(signalNumber, current) && svownActionQ(current);
+        const bool first = SVOwnership::sendsOnFirstQ(signalNumber);
+        if (!delivered || (installed ? !svothersDispatchQ() : !first)) {
+            SVOwnership::take(signalNumber);
             return false;
+        }
+        if (installed) {
+            SVOwnership::putBack(signalNumber, host);
+            SVSystemActions::install(signalNumber, host, current);
         }
     }
     // Where the system's queue is full the host's handler is called from here.
-    if (!comesAgainQ(m_signalNumber, *information) &&
-        !sendToThisThread(m_signalNumber, *information)) {
-        SVSignalHandler(m_signalNumber, host, true, true, true)(information, context);
+    if (!comesAgainQ(signalNumber, *information) && !sendToThisThread(signalNumber, *information)) {
+        SVSignalHandler(signalNumber, host, true, true, true)(information, context);
     }
     return true;
 }
 
-void SVArrival::settle(const struct sigaction& displaced) {
+void SVArrival::settle(const struct sigaction& displaced) const {
     SVGate::pass([&] {
         const int signalNumber = m_signalNumber;
         struct sigaction current;
@@ -90,12 +82,12 @@ void SVArrival::settle(const struct sigaction& displaced) {
         if (svownActionQ(displaced)) {
             return SVFailure();
         }
-        struct sigaction& remembered = SVOwnership::actionOfHost(signalNumber);
         return SVSystemActions::ask(signalNumber, current).then([&] {
-            if (!svownActionQ(current) && !svsameActionQ(current, remembered)) {
+            if (!svownActionQ(current) &&
+                !svsameActionQ(current, SVOwnership::actionOfHost(signalNumber))) {
                 return SVFailure();
             }
-            remembered = displaced;
+            SVOwnership::putBack(signalNumber, displaced);
             return SVSystemActions::install(signalNumber, displaced, current);
         });
     });

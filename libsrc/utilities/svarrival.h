@@ -7,8 +7,7 @@
 
 namespace Sorvane {
 
-/// Made when the dispatch's manager is alive, so that nothing is torn down any more.
-/// Signal context: handler only.
+/// Made when the tables are pinned that are going to be read. Signal context: handler only.
 class SVArrival {
 public:
     explicit SVArrival(int signalNumber) noexcept
@@ -17,22 +16,23 @@ public:
     /// Whether the signal had been handed back before it arrived.
     bool lateQ() const noexcept { return SVOwnership::handedBackQ(m_seen); }
 
-    /// Sends a late arrival on to whom the signal belongs. False when it is to be dispatched all
-    /// the same, because the library was called by hand, or has the signal again.
-    bool sendOn(siginfo* information, void* context);
-
     /// Whether the signal has changed hands since it arrived, or has been handed back once more.
     bool ownerChangedQ() const noexcept { return SVOwnership::count(m_signalNumber) != m_seen; }
 
     /// Sets right what the system has for a signal that has changed hands, after the library was
     /// installed for it. Parameters: displaced, the action that this has displaced.
     /// Errors: SVException: that of installHandlerInSystem(), and those of the tables' insert().
-    void settle(const struct sigaction& displaced);
+    void settle(const struct sigaction& displaced) const;
 
 private:
     const int m_signalNumber;
-    SVOwnership::Count m_seen;
+    const SVOwnership::Count m_seen;
 };
+
+/// Sends a late arrival on to whom the signal belongs. False when it is none any more: the signal
+/// is the library's again, also because the library was called by hand. Signal context: handler
+/// only.
+bool svsendOn(int signalNumber, siginfo* information, void* context);
 
 }  // namespace Sorvane
 

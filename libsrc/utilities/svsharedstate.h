@@ -3,8 +3,6 @@
 #ifndef SORVANE_SVSHAREDSTATE_H
 #define SORVANE_SVSHAREDSTATE_H
 
-#include <atomic>
-
 #include "../registry/svgate.h"
 #include "../registry/svpin.h"
 #include "../registry/svregistry.h"
@@ -16,8 +14,19 @@ namespace Sorvane {
 /// Changes the published tables. Signal context: inside the gate.
 extern constinit SVRegistry svregistry;
 
-/// How many of the managers are not a dispatch's own. Threads: any. Signal context: any context.
-extern constinit std::atomic<unsigned int> svmanagersOutsideDispatch;
+/// Whether there is another dispatch than those that this thread is inside of. Signal context:
+/// inside the gate.
+bool svothersDispatchQ() noexcept;
+
+/// A failure of the manager's, and the one that there is no memory for a signal's table.
+/// Parameters: line, the fixed number of its site.
+constexpr SVFailure svmanagerFailure(const char* message, unsigned int line, svexceptiontype type,
+                                     int code) noexcept {
+    return SVFailure(message, "libsrc/utilities/svsignalhandlermanager", line, type, code);
+}
+constexpr SVFailure svnoTableFailure(unsigned int line) noexcept {
+    return svmanagerFailure("Unable to allocate new table", line, svexceptionAllocationFailed, 0);
+}
 
 /// A shared member of the manager that others change meanwhile.
 /// Threads: any. Signal context: any context.

@@ -5,7 +5,7 @@
 #include <iostream>  // the stream library is initialised before this module's own statics
 
 #include "../support/svhandlercontext.h"
-#include "svsharedlock.h"
+#include "../support/svthreadsfactory.h"
 #include "svsharedstate.h"
 #include "svsystemactions.h"
 
@@ -18,41 +18,70 @@ SVMutexHandle* SVSignalHandlerManager::handlerTableLock = nullptr;
 constinit SVSignalHandlerDispositionSet SVSignalHandlerManager::signalDispositionSet;
 
 constinit SVRegistry svregistry(SVSignalHandlerManager::handlerTables);
-constinit std::atomic<unsigned int> svmanagersOutsideDispatch{0};
 
 static_assert(SVAtomicRef<unsigned int>::is_always_lock_free);
 static_assert(SVAtomicRef<bool>::is_always_lock_free);
 
 namespace {
 
-// The child has the managers outside dispatches, and its own thread's dispatches.
+// How many of the managers are not a dispatch's own; changed inside the gate.
+constinit unsigned int managersOutsideDispatch = 0;
+
+// The child has these, and its own thread's dispatches.
 void goOnInChild() {
+    const SVGate::SignalsHeldBack signalsHeldBack;
     SVGate::goOnInChild();
     SVPin::forgetOtherThreads();
     svshared(SVSignalHandlerManager::numberOfManagers)
-        .store(svmanagersOutsideDispatch.load() + SVHandlerContext::depth);
+        .store(managersOutsideDispatch + SVHandlerContext::depth);
     if (SVMutexHandle* const handle = svshared(SVSignalHandlerManager::handlerTableLock).load()) {
         handle->goOnInChild();
     }
 }
 
-// Once for each process, by the first manager that locks.
+// By the first manager that locks. Twice does no harm.
 void prepareForFork() {
     static constinit std::atomic<bool> prepared{false};
-    if (!prepared.exchange(true)) {
-        pthread_atfork(nullptr, nullptr, &goOnInChild);
+    if (!prepared.load()) {
+        prepared.store(pthread_atfork(nullptr, nullptr, &goOnInChild) == 0);
     }
 }
 
-SVFailure makeSharedTables() noexcept {
+// The process-wide lock is made by the first locking manager and deleted after the last one,
+// neither under the lock itself. A locking manager uses it from before it first reads the handle's
+// address until after it has read it for the last time; a handle that is used is not deleted.
+constinit unsigned int usersOfLock = 0;
+
+void beginUseOfLock() noexcept {
+    const SVGate gate;
+    ++usersOfLock;
+    if (svshared(SVSignalHandlerManager::handlerTableLock).load() == nullptr) {
+        svshared(SVSignalHandlerManager::handlerTableLock)
+            .store(SVThreadsFactory().CreateUnnamedHandle(svmutexRecursive, true));
+    }
+}
+
+// Deleted outside the gate, because a handle may be of a class of its user's.
+void endUseOfLock(bool handleGoes) noexcept {
+    SVMutexHandle* unused = nullptr;
+    {
+        const SVGate gate;
+        if (--usersOfLock == 0 && handleGoes &&
+            svshared(SVSignalHandlerManager::numberOfManagers).load() == 0) {
+            unused = svshared(SVSignalHandlerManager::handlerTableLock).exchange(nullptr);
+        }
+    }
+    delete unused;
+}
+
+void makeSharedTables() noexcept {
     if (svshared(SVSignalHandlerManager::handlerTables).load() == nullptr) {
         svregistry.begin();
         SVSignalHandlerManager::signalDispositionSet.reset();
     }
-    return SVFailure();
 }
 
-// A signal may have made a manager since the count was found to be 0, and destroyed it again.
+// Others may have made managers since the count was found to be 0, and destroyed them again.
 SVFailure tearDownIfLast() noexcept {
     if (svshared(SVSignalHandlerManager::numberOfManagers).load() != 0 ||
         !svshared(SVSignalHandlerManager::currentlyHandlingSignals).load()) {
@@ -68,6 +97,12 @@ SVFailure tearDownIfLast() noexcept {
 
 }  // namespace
 
+// This thread's depth counts the gate, too.
+bool svothersDispatchQ() noexcept {
+    return svshared(SVSignalHandlerManager::numberOfManagers).load() + 1 !=
+           managersOutsideDispatch + SVHandlerContext::depth;
+}
+
 // Locks the handle directly rather than for a scope: an exception out of the last manager's
 // destructor leaves the lock held, because the state it guards is then not one that others should
 // go on with. Nothing in the constructor throws.
@@ -75,58 +110,63 @@ SVSignalHandlerManager::SVSignalHandlerManager(bool locking)
     : m_locking(locking), m_dispatching(false) {
     if (m_locking) {
         prepareForFork();
-        SVSharedLock::beginUse();
+        beginUseOfLock();
     }
     SVMutexHandle* const handle = lock();
-    enter();
+    {
+        const SVGate gate;
+        makeSharedTables();
+        ++managersOutsideDispatch;
+        svshared(numberOfManagers).fetch_add(1);
+    }
     unlock(handle);
-}
-
-SVSignalHandlerManager::SVSignalHandlerManager(Dispatching)
-    : m_locking(false), m_dispatching(true) {
-    enter();
-}
-
-SVSignalHandlerManager::~SVSignalHandlerManager() noexcept(false) {
-    SVSharedLock::LastUse lastUse(m_locking);
-    SVMutexHandle* const handle = lock();
-    leave();
-    unlock(handle);
-    lastUse.letHandleGo();
 }
 
 // Counted before the gate is looked at: either whoever tears the state down sees this manager, or
 // this manager sees the gate closed and comes after the end of that.
-void SVSignalHandlerManager::enter() {
-    svshared(SVSignalHandlerManager::numberOfManagers).fetch_add(1);
-    if (!m_dispatching) {
-        svmanagersOutsideDispatch.fetch_add(1);
-    }
-    if (!SVGate::openQ() || svshared(SVSignalHandlerManager::handlerTables).load() == nullptr) {
-        SVGate::pass(makeSharedTables);
+SVSignalHandlerManager::SVSignalHandlerManager(Dispatching)
+    : m_locking(false), m_dispatching(true) {
+    svshared(numberOfManagers).fetch_add(1);
+    if (!SVGate::openQ() || svshared(handlerTables).load() == nullptr) {
+        const SVGate gate;
+        makeSharedTables();
     }
 }
 
-// The last manager takes the lock once more, as restorePreviouslyExistingHandlers() does, but
-// before the gate is closed.
-void SVSignalHandlerManager::leave() {
-    SVMutex scope;
-    if (m_locking && svshared(SVSignalHandlerManager::numberOfManagers).load() == 1 &&
-        svshared(SVSignalHandlerManager::currentlyHandlingSignals).load()) {
-        scope.setHandle(lockHandle());
-    }
+SVSignalHandlerManager::~SVSignalHandlerManager() noexcept(false) {
+    SVMutexHandle* const handle = lock();
     if (!m_dispatching) {
-        svmanagersOutsideDispatch.fetch_sub(1);
+        const SVGate gate;
+        --managersOutsideDispatch;
     }
-    if (svshared(SVSignalHandlerManager::numberOfManagers).fetch_sub(1) == 1 &&
-        svshared(SVSignalHandlerManager::currentlyHandlingSignals).load()) {
-        SVGate::pass(tearDownIfLast);
+    SVFailure failure;
+    if (svshared(numberOfManagers).fetch_sub(1) == 1 && svshared(currentlyHandlingSignals).load()) {
+        failure = tearDown();
     }
+    if (!failure) {
+        unlock(handle);
+    }
+    if (m_locking) {
+        endUseOfLock(!failure);
+    }
+    failure.throwIfAny();
+}
+
+// Takes the lock once more, as restorePreviouslyExistingHandlers() does, but before the gate is
+// closed. A dispatch inside the gate leaves it to whom it has interrupted.
+SVFailure SVSignalHandlerManager::tearDown() {
+    if (SVGate::closedByThisThreadQ()) {
+        return SVFailure();
+    }
+    SVMutex scope;
+    scope.setHandle(lockHandle());
+    const SVGate gate;
+    return tearDownIfLast();
 }
 
 // Null for a manager that does not lock, and when there was no memory for a lock.
 SVMutexHandle* SVSignalHandlerManager::lockHandle() const {
-    return m_locking ? svshared(SVSignalHandlerManager::handlerTableLock).load() : nullptr;
+    return m_locking ? svshared(handlerTableLock).load() : nullptr;
 }
 
 SVMutexHandle* SVSignalHandlerManager::lock() const {

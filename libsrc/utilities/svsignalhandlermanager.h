@@ -8,6 +8,7 @@
 #include "../registry/svsignaltables.h"
 #include "../support/svexception.h"
 #include "../support/svexport.h"
+#include "../support/svfailure.h"
 #include "../support/svmutex.h"
 #include "../support/svobject.h"
 #include "../support/svsignalhandler.h"
@@ -187,8 +188,7 @@ private:
     struct Dispatching {};
     explicit SVSignalHandlerManager(Dispatching);
 
-    void enter();
-    void leave();
+    SVFailure tearDown();
     SVMutexHandle* lockHandle() const;
     SVMutexHandle* lock() const;
     static void unlock(SVMutexHandle* handle);

@@ -103,17 +103,22 @@ private:
 };
 
 // What is to be called is decided from what is published at one instant, whatever other threads do
-// to it meanwhile.
-void dispatchSignal(int signalNumber, siginfo* information, void* context) {
+// to it meanwhile. Result: whose the signal was then; nothing is called for a late arrival.
+SVArrival callRecords(int signalNumber, siginfo* information, void* context) {
     Dispatch dispatch(signalNumber);
+    const SVArrival arrival(signalNumber);
+    if (arrival.lateQ()) {
+        return arrival;
+    }
     if (fatalQ(signalNumber) && dispatch.hasHostsOwnQ()) {
         dispatch.callHostsOwn(information, context);
-        return;
+        return arrival;
     }
     dispatch.callValid(information, context);
     if (fatalQ(signalNumber)) {
         _exit(0);
     }
+    return arrival;
 }
 
 // The interrupted code must not find errno changed, whatever handlers and installations do to it.
@@ -177,15 +182,19 @@ extern "C" void actualSignalHandler(int signalNumber, siginfo* information, void
     SVSignalHandlerManager manager{SVSignalHandlerManager::Dispatching()};
     const struct sigaction own =
         SVSignalHandler(signalNumber, &actualSignalHandler, false, false, true).getOSStruct();
-    SVArrival arrival(signalNumber);
-    if (arrival.lateQ() && arrival.sendOn(information, context)) {
-        return;
-    }
-    dispatchSignal(signalNumber, information, context);
-    // A handler may have changed the operating system's action; the signal stays taken over.
-    struct sigaction displaced;
-    SVSystemActions::install(signalNumber, own, displaced).throwIfAny();
-    if (arrival.ownerChangedQ()) {
-        arrival.settle(displaced);
+    for (;;) {
+        const SVArrival arrival = callRecords(signalNumber, information, context);
+        if (!arrival.lateQ()) {
+            // A handler may have changed the system's action; the signal stays taken over.
+            struct sigaction displaced;
+            SVSystemActions::install(signalNumber, own, displaced).throwIfAny();
+            if (arrival.ownerChangedQ()) {
+                arrival.settle(displaced);
+            }
+            return;
+        }
+        if (svsendOn(signalNumber, information, context)) {
+            return;
+        }
     }
 }

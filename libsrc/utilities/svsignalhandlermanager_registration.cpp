@@ -1,7 +1,6 @@
 // How handler records come into the tables and out again.
 
 #include "../registry/svownership.h"
-#include "svmanagerfailure.h"
 #include "svsharedstate.h"
 #include "svsignalhandlermanager.h"
 #include "svsystemactions.h"

@@ -4,7 +4,6 @@
 #include <csignal>
 
 #include "../registry/svownership.h"
-#include "svmanagerfailure.h"
 #include "svsharedstate.h"
 #include "svsignalhandlermanager.h"
 #include "svsystemactions.h"

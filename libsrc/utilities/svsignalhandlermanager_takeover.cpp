@@ -1,7 +1,6 @@
 // Taking signals over and handing them back, and the dispositions that say which ones.
 
 #include "../registry/svownership.h"
-#include "svmanagerfailure.h"
 #include "svsharedstate.h"
 #include "svsignalhandlermanager.h"
 #include "svsystemactions.h"
@@ -24,7 +23,7 @@ bool allowedQ(int signalNumber) noexcept {
 // library and not yet looked whose the signal is hides that; see svownership.h.
 SVFailure askForActionOfHost(int signalNumber, struct sigaction& action) noexcept {
     const SVFailure failure = SVSystemActions::ask(signalNumber, action);
-    if (!failure && svownActionQ(action) &&
+    if (!failure && svownActionQ(action) && svothersDispatchQ() &&
         SVOwnership::handedBackQ(SVOwnership::count(signalNumber))) {
         action = SVOwnership::actionOfHost(signalNumber);
     }
