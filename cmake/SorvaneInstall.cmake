@@ -7,7 +7,7 @@ set(header_root "${CMAKE_INSTALL_INCLUDEDIR}/sorvane-signals")
 set(package_dir "${CMAKE_INSTALL_LIBDIR}/cmake/SorvaneSignals")
 
 install(
-  DIRECTORY libsrc/include libsrc/utilities libsrc/datastructures libsrc/support
+  DIRECTORY libsrc/include libsrc/utilities libsrc/registry libsrc/datastructures libsrc/support
   DESTINATION "${header_root}"
   COMPONENT SorvaneSignals_Development
   FILES_MATCHING

@@ -23,19 +23,19 @@
 // Two signals are not held back: SIGSYS, which a sandbox needs to carry out a trapped system call,
 // and SIGTRAP, by which a debugger steps. Their handlers, and only theirs, can run on the thread
 // that has closed the gate. It is open to that thread: what is published is whole at every
-// instruction, with the change made or not (see svregistry.h), and it may even change something
-// itself, as long as it was not stepping through a change just then. Faults are held back like
-// everything else: one inside the gate, as from a stack that overflows there, ends the process.
+// instruction, with the change made or not (see svregistry.h). Such a handler must not change
+// anything itself, nor leave by siglongjmp, when it has come inside the gate. Faults are held back
+// like everything else: one inside the gate, as from a stack that overflows there, ends the
+// process.
 //
 // The words. `word` is a futex with priority inheritance: 0, or the number of the thread that has
 // the gate, which tells its process, too. A thread with a real-time priority that waits for it
 // lends that to the holder. `changes` is odd while the gate is closed, and is what readers look at.
-// - Closing increments `changes`, then looks for pins; a reader pins, then looks at `changes`.
-// These
+// - Closing increments `changes`, then looks for pins; a reader pins, then looks at `changes`. The
 //   four are sequentially consistent: at least one sees the other, and no weaker order says that.
 // - Opening increments it with release, and looking at it acquires: who finds the gate open sees
-// all
-//   changes whole. So do those who close it next, also when the kernel has handed them the futex.
+//   all changes whole. So do those who close it next, also when the kernel has handed them the
+//   futex.
 //
 // fork. The child has no other threads; if one of them had closed the gate, its change is lost, and
 // what is published is the state before or after. fork() runs what is registered with
@@ -48,7 +48,6 @@
 #define SORVANE_SVGATE_H
 
 #include <atomic>
-#include <csignal>
 
 #include "../support/svfailure.h"
 #include "../support/svhandlercontext.h"

@@ -19,7 +19,6 @@ constinit SVSignalHandlerDispositionSet SVSignalHandlerManager::signalDispositio
 
 constinit SVRegistry svregistry(SVSignalHandlerManager::handlerTables);
 
-static_assert(SVAtomicRef<unsigned int>::is_always_lock_free);
 static_assert(SVAtomicRef<bool>::is_always_lock_free);
 
 namespace {

@@ -36,12 +36,13 @@ SVFailure swap(int signalNumber, const struct sigaction& own) noexcept {
     struct sigaction host;
     struct sigaction displaced;
     bool kept = false;
-    if (const SVFailure failure = askForActionOfHost(signalNumber, host).then([&] {
-            return svkeepOnRecord(signalNumber, host, kept);
-        })) {
+    SVFailure failure = askForActionOfHost(signalNumber, host).then([&] {
+        return svkeepOnRecord(signalNumber, host, kept);
+    });
+    if (failure) {
         return failure;
     }
-    const SVFailure failure = SVSystemActions::takeOver(signalNumber, own, displaced);
+    failure = SVSystemActions::takeOver(signalNumber, own, displaced);
     const bool replaced = !failure && !svownActionQ(displaced) && !svsameActionQ(displaced, host);
     if (kept && (failure || replaced)) {
         svregistry.remove(signalNumber, reinterpret_cast<void*>(host.sa_sigaction), noTable);
@@ -131,7 +132,7 @@ void SVSignalHandlerManager::stopHandlingSignal(int signalNumber) {
 }
 
 void SVSignalHandlerManager::stopHandlingSignals() {
-    if (!svshared(SVSignalHandlerManager::currentlyHandlingSignals).load()) {
+    if (!svshared(currentlyHandlingSignals).load()) {
         return;
     }
     svforEachSignal([this](int signalNumber) { stopHandlingSignal(signalNumber); });
@@ -146,7 +147,7 @@ void SVSignalHandlerManager::stopHandlingSignals() {
             }
         });
         if (!failure) {
-            svshared(SVSignalHandlerManager::currentlyHandlingSignals).store(false);
+            svshared(currentlyHandlingSignals).store(false);
         }
         return failure;
     });

@@ -3,8 +3,6 @@
 #ifndef SORVANE_SVSYSTEMACTIONS_H
 #define SORVANE_SVSYSTEMACTIONS_H
 
-#include <csignal>
-
 #include "../support/svfailure.h"
 #include "../support/svsignalhandler.h"
 
