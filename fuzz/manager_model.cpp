@@ -196,11 +196,16 @@ void ManagerModel::handleSignal(int signalNumber) {
     if (!disposition(signalNumber)) {
         return;
     }
-    const ModelRecord previous = install(ownRecord(signalNumber));
-    void* const function = previous.function();
-    if (!owner.table.hasKey(bits(function)) && !specialQ(function) && function != ownFunction) {
-        store(owner, previous);
+    // What the host has is on record before it is displaced; without memory for that it stays.
+    if (installableQ(signalNumber)) {
+        const ModelRecord previous = {signalNumber, system[static_cast<std::size_t>(signalNumber)],
+                                      true, true, true};
+        void* const function = previous.function();
+        if (!owner.table.hasKey(bits(function)) && !specialQ(function) && function != ownFunction) {
+            store(owner, previous);
+        }
     }
+    install(ownRecord(signalNumber));
 }
 
 // --- Dispatch ------------------------------------------------------------------------------------

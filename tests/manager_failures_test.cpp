@@ -1,12 +1,15 @@
 // Every failure of the manager: what is thrown, and what is then still as it was.
 
+#include <../utilities/svsharedstate.h>
 #include <gtest/gtest.h>
 #include <sorvane/svsignalhandlermanager.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <initializer_list>
 #include <optional>
 #include <ostream>
@@ -441,27 +444,207 @@ TEST_F(NoMemory, DumpNeedsNone) {
     EXPECT_EQ(buffer.text(), expected.str());
 }
 
-// --- There is no memory for the shared state itself --------------------------------------------
+// --- What a change needs while there is no more than that ---------------------------------------
 
-// Tables that were in use before are used again, and need no memory. These are used up.
-void useUpSpareTables() {
-    const MemoryLimit limit;
-    for (;;) {
-        const Manager manager(false);
-        if (Manager::handlerTables == nullptr) {
-            return;
-        }
-        delete Manager::handlerTables;
-        Manager::handlerTables = nullptr;
-    }
+/// What one array of so many slots takes, with the count of elements that it carries.
+template <typename Table>
+std::size_t sizeOfSlots(std::size_t count) {
+    using Entry = typename Table::Entry;
+    return count * sizeof(Entry) + std::max(sizeof(std::size_t), alignof(Entry));
 }
+
+// What keeps displaced tables for their readers: an object with two pointers.
+constexpr std::size_t sizeOfRetired = 3 * sizeof(void*);
+
+class Needs : public NoMemory {
+protected:
+    using Expectation = void (*)(const Failure&);
+
+    // An operation fails without any one of the blocks that it needs, with the failure that goes
+    // with it, and changes nothing; with all of them it succeeds.
+    struct Block {
+        std::size_t size;
+        Expectation expectFailureWithoutIt;
+    };
+
+    void expectNeeds(const std::vector<Block>& blocks, const std::function<void()>& operation,
+                     const std::function<void()>& expectUnchanged) {
+        for (std::size_t missing = 0; missing < blocks.size(); ++missing) {
+            const Failure failure = failureWith(sizesWithout(blocks, missing), operation);
+            blocks[missing].expectFailureWithoutIt(failure);
+            expectUnchanged();
+            ASSERT_FALSE(HasFailure()) << "without block " << missing;
+            EXPECT_TRUE(lockIsFree());
+        }
+        const Failure failure = failureWith(sizesWithout(blocks, blocks.size()), operation);
+        EXPECT_FALSE(failure.has_value());
+    }
+
+    void registerNumbered(std::size_t count) {
+        for (std::size_t i = 0; i < count; ++i) {
+            m_manager.setHandlerFromFunction(SIGUSR1, numberedHandlers.at(i));
+        }
+    }
+
+    // The same records in the same slots.
+    static std::function<void()> nothingElseThan(std::vector<void*> functions) {
+        return [functions] { EXPECT_EQ(functionsInSlotOrder(SIGUSR1), functions); };
+    }
+
+    static Failure failureWith(const std::vector<std::size_t>& spare,
+                               const std::function<void()>& operation) {
+        const MemoryLimit limit(spare);
+        return failureOf([&operation] { operation(); });
+    }
+
+private:
+    static std::vector<std::size_t> sizesWithout(const std::vector<Block>& blocks,
+                                                 std::size_t missing) {
+        std::vector<std::size_t> sizes;
+        for (std::size_t i = 0; i < blocks.size(); ++i) {
+            if (i != missing) {
+                sizes.push_back(blocks[i].size);
+            }
+        }
+        return sizes;
+    }
+};
+
+TEST_F(Needs, OfANewSignalIsItsTable) {
+    expectNeeds(
+        {{sizeof(HandlerTable), expectNoTableForHandler}},
+        [this] { m_manager.setHandlerFromFunction(SIGUSR1, userHandler); },
+        [] { EXPECT_EQ(Manager::handlerTables->used, 0U); });
+    EXPECT_EQ(recordCount(SIGUSR1), 1U);
+}
+
+TEST_F(Needs, OfANewSignalForWhichTheOuterTableGrowsAreItsNewSlotsToo) {
+    for (const int signalNumber : {SIGINT, SIGQUIT, SIGUSR1, SIGUSR2, SIGTERM}) {
+        m_manager.setHandlerFromFunction(signalNumber, userHandler);
+    }
+    expectNeeds(
+        {{sizeof(HandlerTable), expectNoTableForHandler},
+         {sizeOfSlots<SignalTable>(33), expectNoSpaceForLargerTable}},
+        [this] { m_manager.setHandlerFromFunction(SIGALRM, userHandler); },
+        [] {
+            EXPECT_EQ(Manager::handlerTables->used, 5U);
+            EXPECT_EQ(Manager::handlerTables->fill, 5U);
+            EXPECT_EQ(tableOf(SIGALRM), nullptr);
+        });
+    EXPECT_EQ(Manager::handlerTables->used, 6U);
+}
+
+// What stands in for a table meanwhile can be done without.
+TEST_F(Needs, OfGrowthAreTheNewSlots) {
+    registerNumbered(5);
+    expectNeeds(
+        {{sizeOfSlots<HandlerTable>(33), expectNoSpaceForLargerTable}},
+        [this] { m_manager.setHandlerFromFunction(SIGUSR1, numberedHandlers[5]); },
+        nothingElseThan(functionsInSlotOrder(SIGUSR1)));
+    EXPECT_EQ(recordCount(SIGUSR1), 6U);
+}
+
+TEST_F(Needs, OfGrowthBeyondTheInlineSlotsAreTheNewOnes) {
+    registerNumbered(21);
+    ASSERT_EQ(tableOf(SIGUSR1)->mask, 31U);
+    expectNeeds(
+        {{sizeOfSlots<HandlerTable>(129), expectNoSpaceForLargerTable}},
+        [this] { m_manager.setHandlerFromFunction(SIGUSR1, numberedHandlers[21]); },
+        nothingElseThan(functionsInSlotOrder(SIGUSR1)));
+    EXPECT_EQ(recordCount(SIGUSR1), 22U);
+}
+
+TEST_F(Needs, OfACleanIsACopyOfTheSlots) {
+    for (std::uintptr_t address = 0x1000; address < 0x1005; ++address) {
+        m_manager.setHandlerFromFunction(SIGUSR1, handlerAt(address));
+        m_manager.clearHandlerWithFunction(SIGUSR1, handlerAt(address));
+    }
+    expectNeeds(
+        {{sizeOfSlots<HandlerTable>(9), expectNoSpaceForCopyOfTable}},
+        [this] { m_manager.setHandlerFromFunction(SIGUSR1, handlerAt(0x1005)); },
+        [] { EXPECT_EQ(tableOf(SIGUSR1)->fill, 5U); });
+    EXPECT_EQ(recordCount(SIGUSR1), 1U);
+}
+
+// While somebody reads the tables they are not changed in place.
+class NeedsWhileSomebodyReads : public Needs {
+protected:
+    ~NeedsWhileSomebodyReads() noexcept override = default;
+
+    // What is had once is published, and need not be had again, so nothing is there at first.
+    void expectNeedsCopies(const std::function<void()>& operation,
+                           const std::function<void()>& expectUnchanged) {
+        expectNoTableForHandler(failureWith({}, operation));
+        expectUnchanged();
+        EXPECT_TRUE(lockIsFree());
+        EXPECT_FALSE(
+            failureWith({sizeof(HandlerTable), sizeof(SignalTable), sizeOfRetired}, operation)
+                .has_value());
+    }
+};
+
+TEST_F(NeedsWhileSomebodyReads, OfARegistrationAreCopiesOfBothTables) {
+    registerNumbered(1);
+    const Sorvane::SVTablesPin reader;
+    expectNeedsCopies([this] { m_manager.setHandlerFromFunction(SIGUSR1, numberedHandlers[1]); },
+                      nothingElseThan(functionsInSlotOrder(SIGUSR1)));
+    EXPECT_EQ(recordCount(SIGUSR1), 2U);
+    EXPECT_EQ(reader.tableOf(SIGUSR1)->used, 1U) << "the reader has what it had";
+}
+
+TEST_F(NeedsWhileSomebodyReads, OfAClearingAreCopiesOfBothTables) {
+    registerNumbered(2);
+    const Sorvane::SVTablesPin reader;
+    expectNeedsCopies([this] { m_manager.clearHandlerWithFunction(SIGUSR1, numberedHandlers[1]); },
+                      nothingElseThan(functionsInSlotOrder(SIGUSR1)));
+    EXPECT_EQ(recordCount(SIGUSR1), 1U);
+    EXPECT_EQ(reader.tableOf(SIGUSR1)->used, 2U);
+}
+
+TEST_F(NeedsWhileSomebodyReads, OfANewSignalAreItsTableAndACopyOfTheOuterOne) {
+    const Sorvane::SVTablesPin reader;
+    expectNeedsCopies([this] { m_manager.setHandlerFromFunction(SIGUSR1, userHandler); },
+                      [] { EXPECT_EQ(tableOf(SIGUSR1), nullptr); });
+    EXPECT_EQ(recordCount(SIGUSR1), 1U);
+    EXPECT_EQ(reader.tableOf(SIGUSR1), nullptr);
+}
+
+Failure ofRegistration;
+Failure ofClearing;
+
+void registerAndClear(int signalNumber) {
+    Manager inner(false);
+    ofRegistration =
+        failureOf([&] { inner.setHandlerFromFunction(signalNumber, otherUserHandler); });
+    ofClearing = failureOf([&] { inner.clearHandlerWithFunction(signalNumber, userHandler); });
+}
+
+TEST_F(NoMemory, HandlerThatChangesWhatIsBeingReadGetsItsFailuresAndTheOthersAreCalled) {
+    m_manager.setHandlerFromFunction(SIGUSR1, registerAndClear);
+    m_manager.setHandlerFromFunction(SIGUSR1, userHandler);
+    m_manager.startHandlingSignals();
+    {
+        const MemoryLimit limit;
+        raise(SIGUSR1);
+    }
+    expectNoTableForHandler(ofRegistration);
+    expectNoTableForHandler(ofClearing);
+    EXPECT_EQ(callsOf(userHandler), 1U);
+    EXPECT_EQ(recordCount(SIGUSR1), 2U);
+
+    raise(SIGUSR1);
+    EXPECT_FALSE(ofRegistration.has_value());
+    EXPECT_FALSE(ofClearing.has_value());
+    const std::vector<void*> functions = functionsInSlotOrder(SIGUSR1);
+    EXPECT_EQ(functions.size(), 2U);
+    EXPECT_EQ(std::ranges::count(functions, addressOf(otherUserHandler)), 1);
+}
+
+// --- There is no memory for the shared state itself --------------------------------------------
 
 class NoMemoryAtFirst : public ManagerTest {
 protected:
-    void SetUp() override {
-        SKIP_WITHOUT_MEMORY_LIMIT();
-        useUpSpareTables();
-    }
+    void SetUp() override { SKIP_WITHOUT_MEMORY_LIMIT(); }
 
     // Makes the first manager while there is memory for nothing but the spare blocks.
     void makeFirst(bool locking, std::initializer_list<std::size_t> spare) {
@@ -534,13 +717,7 @@ TEST_F(NoMemoryAtFirst, NextManagerMakesWhatIsMissing) {
 }
 
 TEST_F(NoMemoryAtFirst, TablesWithoutALockServeAllTheSame) {
-    {
-        // The end of its registry leaves tables that need no memory.
-        Manager former(false);
-        former.startHandlingSignals();
-    }
-    ASSERT_EQ(Manager::handlerTables, nullptr);
-    makeFirst(true, {});
+    makeFirst(true, {sizeof(SignalTable)});
     ASSERT_NE(Manager::handlerTables, nullptr);
     EXPECT_EQ(Manager::handlerTableLock, nullptr);
     m_first->setHandlerFromFunction(SIGUSR1, userHandler);

@@ -19,6 +19,7 @@
 #include <type_traits>
 #include <vector>
 
+#include "support/child_process.h"
 #include "support/memory_limit.h"
 #include "support/virtual_table.h"
 
@@ -206,6 +207,75 @@ TEST(SVMutexHandle, NotPrivateToAProcessWakesAnotherThatWaitsForIt) {
 TEST(SVMutexHandle, IsDeletedThroughItsRoot) {
     const SVObject* const object = makeHandle().release();
     delete object;
+}
+
+// ---- In a forked child -----------------------------------------------------------------------
+
+TEST(SVMutexHandleInAChild, IsHeldAsOftenAsByTheThreadThatForked) {
+    const HandlePointer handle = makeHandle();
+    handle->lock();
+    ASSERT_TRUE(handle->tryLock());
+    const ChildEnd end = inChild([&handle] {
+        handle->goOnInChild();
+        EXPECT_FALSE(freeForAnotherThreadQ(*handle));
+        handle->unlock();
+        EXPECT_FALSE(freeForAnotherThreadQ(*handle));
+        handle->unlock();
+        EXPECT_TRUE(freeForAnotherThreadQ(*handle));
+    });
+    EXPECT_TRUE(end.wentOnQ()) << end;
+    handle->unlock();
+    EXPECT_FALSE(freeForAnotherThreadQ(*handle));
+    handle->unlock();
+    EXPECT_TRUE(freeForAnotherThreadQ(*handle));
+}
+
+TEST(SVMutexHandleInAChild, IsFreeOfTheThreadsThatTheChildHasNot) {
+    const HandlePointer handle = makeHandle();
+    std::binary_semaphore locked{0};
+    std::binary_semaphore done{0};
+    std::thread other([&] {
+        handle->lock();
+        handle->lock();
+        locked.release();
+        done.acquire();
+        handle->unlock();
+        handle->unlock();
+    });
+    locked.acquire();
+    const ChildEnd end = inChild([&handle] {
+        handle->goOnInChild();
+        EXPECT_TRUE(handle->tryLock());
+        EXPECT_FALSE(freeForAnotherThreadQ(*handle));
+        handle->unlock();
+        EXPECT_TRUE(freeForAnotherThreadQ(*handle));
+    });
+    EXPECT_TRUE(end.wentOnQ()) << end;
+    done.release();
+    other.join();
+    EXPECT_TRUE(freeForAnotherThreadQ(*handle));
+}
+
+TEST(SVMutexHandleInAChild, StaysFree) {
+    const HandlePointer handle = makeHandle();
+    handle->lock();
+    handle->unlock();
+    const ChildEnd end = inChild([&handle] {
+        handle->goOnInChild();
+        EXPECT_TRUE(freeForAnotherThreadQ(*handle));
+    });
+    EXPECT_TRUE(end.wentOnQ()) << end;
+}
+
+TEST(SVMutexHandleInAChild, IsOfItsKind) {
+    SVMutexHandle handle(Sorvane::svmutexNormal);
+    const ChildEnd end = inChild([&handle] {
+        handle.goOnInChild();
+        EXPECT_TRUE(handle.tryLock());
+        EXPECT_FALSE(handle.tryLock());
+        handle.unlock();
+    });
+    EXPECT_TRUE(end.wentOnQ()) << end;
 }
 
 // ---- What clients that were compiled elsewhere rely on ---------------------------------------

@@ -60,19 +60,19 @@ SVSignalHandlerTable* tableIn(const SVSignalTable* tables, int key) noexcept {
     return entry == nullptr ? nullptr : entry->value;
 }
 
-// Makes a change where nobody can find the table, for which a copy stands in meanwhile.
+// Makes a change where nobody can find the table, for which a copy stands in meanwhile. Without
+// memory for both it is made in place, or tells what it lacks itself.
 template <typename Table, typename Make>
-SVFailure changeOutOfSight(Table*& place, const SVFailure& noTable, Make make) noexcept {
+SVFailure changeOutOfSight(Table*& place, Make make) noexcept {
     Table* const table = place;
     Table* const standIn = copyOf(*table);
-    if (standIn == nullptr) {
-        return noTable;
+    if (standIn != nullptr) {
+        letPointTo(place, standIn);
     }
-    letPointTo(place, standIn);
     const SVFailure failure = make(*table);
     letPointTo(place, table);
     delete standIn;
-    return failure;
+    return failure && standIn != nullptr ? make(*table) : failure;
 }
 
 }  // namespace
@@ -169,7 +169,7 @@ SVFailure SVRegistry::addTable(int signalNumber, const SVFailure& noTable) noexc
     const auto add = [&](SVSignalTable& tables) {
         return tables.tryInsert(signalKey(signalNumber), table);
     };
-    const SVFailure failure = leaveToReaders() ? changeOutOfSight(m_place, noTable, add) : noTable;
+    const SVFailure failure = leaveToReaders() ? changeOutOfSight(m_place, add) : noTable;
     if (failure) {
         delete table;
     }
@@ -195,7 +195,7 @@ SVFailure SVRegistry::change(int signalNumber, bool inPlace, const SVFailure& no
         return failure;
     }
     if (!inPlace || signalNumber == SIGTRAP || signalNumber == SIGSYS) {
-        return changeOutOfSight(place, noTable, make);
+        return changeOutOfSight(place, make);
     }
     letPointTo(beingChanged, table);
     make(*table);

@@ -13,8 +13,8 @@
 //   the outer table is published. A copy of the inner table is changed, and takes its place there.
 //   What is retired is released by the first change that finds it read no more; until then it
 //   shares the inner tables that have not changed.
-// The memory for a copy is had before anything changes; without it the change fails, and nothing
-// has changed.
+// Memory is had before anything changes; without it the change fails, and nothing has changed. Only
+// a stand-in can be done without: the change is then made in place.
 #ifndef SORVANE_SVREGISTRY_H
 #define SORVANE_SVREGISTRY_H
 

@@ -1,9 +1,12 @@
 #include "support/memory_limit.h"
 
+#include <../support/svhandlercontext.h>
+#include <../support/svstore.h>
 #include <sorvane/svhashtable.h>
 
 #include <cstdio>
 #include <cstdlib>
+#include <new>
 
 #include "support/emulation.h"
 #include "support/sanitizers.h"
@@ -11,6 +14,7 @@
 
 namespace {
 
+namespace SVStore = Sorvane::SVStore;
 using Sorvane::SVObject;
 
 // Up to here the allocator keeps a list of free blocks for each size, which only requests of that
@@ -19,6 +23,10 @@ constexpr std::size_t largestListedSize = 2048;
 constexpr std::size_t listStep = 8;
 constexpr std::size_t largestSize = std::size_t{1} << 24;
 
+// The store has four sizes of blocks to a doubling.
+constexpr std::size_t smallestStored = 64;
+constexpr std::size_t largestStored = 64 * 1024;
+
 [[noreturn]] void fail(const char* call) noexcept {
     std::perror(call);
     std::abort();
@@ -26,9 +34,10 @@ constexpr std::size_t largestSize = std::size_t{1} << 24;
 
 }  // namespace
 
-MemoryLimit::MemoryLimit(std::initializer_list<std::size_t> spare) {
+MemoryLimit::MemoryLimit(const std::vector<std::size_t>& spare) {
     Block* kept = nullptr;
     for (const std::size_t size : spare) {
+        const Sorvane::SVHandlerContext::Scope fromTheStore;
         void* const storage = SVObject::operator new(size < sizeof(Block) ? sizeof(Block) : size);
         if (storage == nullptr) {
             fail("memory for the spare blocks");
@@ -53,18 +62,19 @@ MemoryLimit::MemoryLimit(std::initializer_list<std::size_t> spare) {
     }
 }
 
-bool MemoryLimit::takeBlock(std::size_t size) noexcept {
-    void* const storage = SVObject::operator new(size);
-    if (storage == nullptr) {
-        return false;
+bool MemoryLimit::takeAllOfHeap(std::size_t size) noexcept {
+    bool tookAny = false;
+    while (void* const storage = SVObject::operator new(size)) {
+        m_taken = new (storage) Block{m_taken};
+        tookAny = true;
     }
-    m_taken = new (storage) Block{m_taken};
-    return true;
+    return tookAny;
 }
 
-bool MemoryLimit::takeAllOf(std::size_t size) noexcept {
+bool MemoryLimit::takeAllOfStore(std::size_t size) noexcept {
     bool tookAny = false;
-    while (takeBlock(size)) {
+    while (void* const storage = SVStore::take(size)) {
+        m_takenFromStore = new (storage) StoredBlock{m_takenFromStore, size};
         tookAny = true;
     }
     return tookAny;
@@ -76,10 +86,15 @@ void MemoryLimit::takeRest() noexcept {
     while (tookAny) {
         tookAny = false;
         for (std::size_t size = largestSize; size > largestListedSize; size /= 2) {
-            tookAny = takeAllOf(size) || tookAny;
+            tookAny = takeAllOfHeap(size) || tookAny;
         }
         for (std::size_t size = largestListedSize; size >= sizeof(Block); size -= listStep) {
-            tookAny = takeAllOf(size) || tookAny;
+            tookAny = takeAllOfHeap(size) || tookAny;
+        }
+        for (std::size_t size = largestStored; size >= smallestStored; size /= 2) {
+            for (std::size_t quarters = 4; quarters < 8; ++quarters) {
+                tookAny = takeAllOfStore(size / 4 * quarters) || tookAny;
+            }
         }
     }
 }
@@ -96,6 +111,11 @@ void MemoryLimit::release() noexcept {
         Block* const next = m_taken->next;
         SVObject::operator delete(m_taken);
         m_taken = next;
+    }
+    while (m_takenFromStore != nullptr) {
+        StoredBlock* const next = m_takenFromStore->next;
+        SVStore::giveBack(m_takenFromStore, m_takenFromStore->size);
+        m_takenFromStore = next;
     }
 }
 

@@ -6,6 +6,7 @@
 
 #include <cstddef>
 #include <initializer_list>
+#include <vector>
 
 /// Leaves a test, as skipped, where memory can't be taken away (see MemoryLimit).
 #define SKIP_WITHOUT_MEMORY_LIMIT()                                         \
@@ -15,7 +16,8 @@
     } while (false)
 
 /// While one of these lives, there is no memory: the address space may not grow any more, and
-/// everything that the allocator had left is taken. Nothing is simulated; malloc fails.
+/// everything that the heap and the library's own store had left is taken. Nothing is simulated;
+/// malloc and mmap fail.
 ///
 /// GoogleTest needs memory to report, and so do std::string and std::thread. Note results in plain
 /// variables while the limit lives, and judge them after release() or after the scope.
@@ -24,10 +26,12 @@
 /// What is freed while the limit lives can be had again; takeRest() takes that too.
 class MemoryLimit {
 public:
-    /// Takes everything, except for one block of each size in spare, for the allocation of that
-    /// size which is to succeed. The allocator may also carve smaller requests from a block of more
-    /// than a kilobyte.
-    explicit MemoryLimit(std::initializer_list<std::size_t> spare = {});
+    /// Takes everything, except for one block of the store for each size in spare, for an
+    /// allocation of that size which is to succeed: SVObject's operators find it in any context,
+    /// and nobody else does. Sizes that differ by less than a fifth may share a block.
+    explicit MemoryLimit(std::initializer_list<std::size_t> spare = {})
+        : MemoryLimit(std::vector<std::size_t>(spare)) {}
+    explicit MemoryLimit(const std::vector<std::size_t>& spare);
     MemoryLimit(const MemoryLimit&) = delete;
     MemoryLimit& operator=(const MemoryLimit&) = delete;
     ~MemoryLimit() { release(); }
@@ -45,12 +49,17 @@ private:
     struct Block {
         Block* next;
     };
+    struct StoredBlock {
+        StoredBlock* next;
+        std::size_t size;
+    };
 
-    bool takeBlock(std::size_t size) noexcept;
-    bool takeAllOf(std::size_t size) noexcept;
+    bool takeAllOfHeap(std::size_t size) noexcept;
+    bool takeAllOfStore(std::size_t size) noexcept;
 
     rlimit m_former = {};
-    Block* m_taken = nullptr;
+    Block* m_taken = nullptr;  ///< by SVObject's operator
+    StoredBlock* m_takenFromStore = nullptr;
     bool m_released = false;
 };
 

@@ -1,0 +1,479 @@
+// The gate: which signals it holds back, who waits for it, and what children find of it.
+
+#include <../registry/svgate.h>
+#include <gtest/gtest.h>
+#include <pthread.h>
+#include <sched.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <csignal>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "support/child_process.h"
+#include "support/emulation.h"
+#include "support/failure.h"
+#include "support/gate.h"
+#include "support/gate_waiter.h"
+#include "support/joining_thread.h"
+#include "support/manager_fixture.h"
+#include "support/sanitizers.h"
+#include "support/thread_state.h"
+
+extern "C" pid_t _Fork();
+
+namespace {
+
+using Sorvane::SVFailure;
+using Sorvane::SVGate;
+
+// What the kernel holds back when it is asked to hold back all but those that are let in.
+constexpr std::uint64_t allHeldBack =
+    ~(heldBackBit(SIGTRAP) | heldBackBit(SIGSYS) | heldBackBit(SIGKILL) | heldBackBit(SIGSTOP));
+
+class GateTest : public ManagerTest {
+protected:
+    // Some do not tell the system which signals they hold back.
+    const bool m_knowsMasks = !builtWithThreadSanitizer && !emulated && !underValgrindQ();
+};
+
+#define SKIP_WITHOUT_MASKS()                                                           \
+    do {                                                                               \
+        if (!m_knowsMasks) {                                                           \
+            GTEST_SKIP() << "the kernel is not told here which signals are held back"; \
+        }                                                                              \
+    } while (false)
+
+// --- What is held back ---------------------------------------------------------------------------
+
+TEST_F(GateTest, HoldsBackAllSignalsButThoseOfASandboxAndADebugger) {
+    SKIP_WITHOUT_MASKS();
+    const std::uint64_t before = ThreadState().heldBack();
+    {
+        const SVGate gate;
+        EXPECT_EQ(ThreadState().heldBack(), allHeldBack);
+    }
+    EXPECT_EQ(ThreadState().heldBack(), before);
+}
+
+TEST_F(GateTest, HoldsBackThoseThatTheCLibraryKeepsForItsThreads) {
+    SKIP_WITHOUT_MASKS();
+    const SVGate gate;
+    for (const int signalNumber : {32, 33}) {
+        EXPECT_NE(ThreadState().heldBack() & heldBackBit(signalNumber), 0U) << signalNumber;
+    }
+}
+
+TEST_F(GateTest, LeavesBehindWhatWasHeldBackBefore) {
+    SKIP_WITHOUT_MASKS();
+    const BlockedSignals others{SIGUSR1, SIGTRAP};
+    const std::uint64_t before = ThreadState().heldBack();
+    {
+        const SVGate gate;
+        EXPECT_EQ(ThreadState().heldBack(), allHeldBack | heldBackBit(SIGTRAP));
+    }
+    EXPECT_EQ(ThreadState().heldBack(), before);
+}
+
+TEST_F(GateTest, LetsASignalInAsSoonAsItIsOpen) {
+    hostInstalls(SIGUSR1, hostHandler);
+    hostInstalls(SIGSEGV, hostHandler);
+    {
+        const SVGate gate;
+        raise(SIGUSR1);
+        raise(SIGSEGV);
+        EXPECT_EQ(callCount(), 0U);
+    }
+    EXPECT_EQ(callsOf(hostHandler), 2U);
+}
+
+TEST_F(GateTest, LetsASandboxAndADebuggerIn) {
+    if (builtWithThreadSanitizer || treatedUnlikeByTheKernelQ(SIGSYS)) {
+        GTEST_SKIP() << "the signal comes later here, or ends the process";
+    }
+    hostInstalls(SIGTRAP, hostHandler);
+    hostInstalls(SIGSYS, otherHostHandler);
+    const SVGate gate;
+    raise(SIGTRAP);
+    EXPECT_EQ(callsOf(hostHandler), 1U);
+    raise(SIGSYS);
+    EXPECT_EQ(callsOf(otherHostHandler), 1U);
+}
+
+// --- One inside another --------------------------------------------------------------------------
+
+bool openToOthersQ() {
+    bool open = false;
+    JoiningThread([&open] { open = SVGate::openQ(); }).join();
+    return open;
+}
+
+TEST_F(GateTest, InsideAnotherChangesNothing) {
+    EXPECT_FALSE(SVGate::closedByThisThreadQ());
+    {
+        const SVGate outer;
+        EXPECT_TRUE(SVGate::closedByThisThreadQ());
+        {
+            const SVGate inner;
+            EXPECT_TRUE(SVGate::closedByThisThreadQ());
+        }
+        EXPECT_TRUE(SVGate::closedByThisThreadQ());
+        if (m_knowsMasks) {
+            EXPECT_EQ(ThreadState().heldBack(), allHeldBack);
+        }
+        EXPECT_FALSE(openToOthersQ());
+    }
+    EXPECT_FALSE(SVGate::closedByThisThreadQ());
+    EXPECT_TRUE(openToOthersQ());
+}
+
+TEST_F(GateTest, IsOpenToTheThreadThatHasClosedIt) {
+    const SVGate gate;
+    EXPECT_TRUE(SVGate::openQ());
+    SVGate::waitUntilOpen();
+    bool closedByOther = true;
+    JoiningThread([&] { closedByOther = SVGate::closedByThisThreadQ(); }).join();
+    EXPECT_FALSE(closedByOther);
+}
+
+TEST_F(GateTest, PutsTheHeapOutOfBounds) {
+    using Sorvane::SVHandlerContext::insideQ;
+    EXPECT_FALSE(insideQ());
+    {
+        const SVGate gate;
+        EXPECT_TRUE(insideQ());
+    }
+    EXPECT_FALSE(insideQ());
+}
+
+// --- Failures ------------------------------------------------------------------------------------
+
+TEST_F(GateTest, IsOpenBeforeAFailureIsThrown) {
+    bool closedInside = false;
+    const auto fail = [&] {
+        closedInside = SVGate::closedByThisThreadQ();
+        return SVFailure("what failed", "where", 17, Sorvane::svexceptionAllocationFailed, 3);
+    };
+    const std::uint64_t before = ThreadState().heldBack();
+    try {
+        SVGate::pass(fail);
+        ADD_FAILURE() << "nothing was thrown";
+    } catch (const Sorvane::SVException& exception) {
+        EXPECT_FALSE(SVGate::closedByThisThreadQ());
+        EXPECT_EQ(ThreadState().heldBack(), before);
+        EXPECT_STREQ(exception.getMessage(), "what failed");
+        EXPECT_STREQ(exception.getFile(), "where");
+        EXPECT_EQ(exception.getLine(), 17U);
+        EXPECT_EQ(exception.getType(), Sorvane::svexceptionAllocationFailed);
+        EXPECT_EQ(exception.getCode(), 3);
+    }
+    EXPECT_TRUE(closedInside);
+}
+
+TEST_F(GateTest, ThrowsNothingWithoutAFailure) {
+    EXPECT_FALSE(failureOf([] { SVGate::pass([] { return SVFailure(); }); }).has_value());
+}
+
+// --- Other threads -------------------------------------------------------------------------------
+
+void closeAndOpen() {
+    const SVGate gate;
+}
+
+class WaitingAtTheGate : public GateTest, public testing::WithParamInterface<void (*)()> {};
+
+INSTANTIATE_TEST_SUITE_P(To, WaitingAtTheGate,
+                         testing::Values(&closeAndOpen, &SVGate::waitUntilOpen),
+                         [](const testing::TestParamInfo<void (*)()>& tested) {
+                             return tested.param == &closeAndOpen ? "CloseIt" : "FindItOpen";
+                         });
+
+TEST_P(WaitingAtTheGate, IsSleepingUntilItOpens) {
+    std::optional<SVGate> gate(std::in_place);
+    GateWaiter other(GetParam());
+    other.waitUntilAsleep();
+    EXPECT_FALSE(other.doneQ());
+    gate.reset();
+    other.join();
+    EXPECT_TRUE(other.doneQ());
+    EXPECT_EQ(gateWord(), 0U);
+}
+
+// A handler that ran there might keep the next one from the gate.
+TEST_P(WaitingAtTheGate, IsDoneWithSignalsHeldBack) {
+    SKIP_WITHOUT_MASKS();
+    std::optional<SVGate> gate(std::in_place);
+    GateWaiter other(GetParam());
+    other.waitUntilAsleep();
+    EXPECT_EQ(other.state().heldBack(), allHeldBack);
+    gate.reset();
+    other.join();
+}
+
+TEST_P(WaitingAtTheGate, IsDoneByAsManyAsLike) {
+    std::optional<SVGate> gate(std::in_place);
+    std::vector<std::unique_ptr<GateWaiter>> others;
+    for (int i = 0; i < 5; ++i) {
+        others.push_back(std::make_unique<GateWaiter>(GetParam()));
+    }
+    for (const auto& other : others) {
+        other->waitUntilAsleep();
+    }
+    gate.reset();
+    for (const auto& other : others) {
+        other->join();
+        EXPECT_TRUE(other->doneQ());
+    }
+}
+
+TEST_F(GateTest, LetsOneInAtATime) {
+    constexpr unsigned int rounds = 20000;
+    constexpr unsigned int threadCount = 4;
+    unsigned int plain = 0;
+    bool openToAll = true;
+    {
+        std::vector<JoiningThread> threads;
+        for (unsigned int i = 0; i < threadCount; ++i) {
+            threads.emplace_back([&] {
+                for (unsigned int round = 0; round < rounds; ++round) {
+                    const SVGate gate;
+                    ++plain;
+                    openToAll = openToAll && SVGate::openQ();
+                }
+            });
+        }
+    }
+    EXPECT_EQ(plain, threadCount * rounds);
+    EXPECT_TRUE(openToAll);
+    EXPECT_EQ(gateWord(), 0U);
+}
+
+// The plain counts are of the thread's and its handlers' own, and of those of the others.
+unsigned int changesInHandlers;
+
+void changeInHandler(int) {
+    const SVGate gate;
+    ++changesInHandlers;
+}
+
+TEST_F(GateTest, LetsOneInAtATimeAlsoOfHandlers) {
+    constexpr unsigned int signals = 5000;
+    hostInstalls(SIGUSR1, changeInHandler);
+    changesInHandlers = 0;
+    std::atomic<unsigned int> running{3};
+    std::vector<JoiningThread> threads;
+    for (unsigned int i = running; i != 0; --i) {
+        threads.emplace_back([&] {
+            for (unsigned int sent = 0; sent < signals; ++sent) {
+                raise(SIGUSR1);
+                const SVGate gate;
+                ++changesInHandlers;
+            }
+        });
+    }
+    const auto total = static_cast<unsigned int>(2 * signals * threads.size());
+    threads.clear();
+    EXPECT_EQ(changesInHandlers, total);
+}
+
+// --- Priorities ----------------------------------------------------------------------------------
+
+TEST_F(GateTest, LendsThePriorityOfWhoeverWaitsToTheOneWhoHasClosedIt) {
+    if (emulated || underValgrindQ()) {
+        GTEST_SKIP() << "there are no real-time priorities here";
+    }
+    const long before = ThreadState().priority();
+    bool allowed = false;
+    std::optional<SVGate> gate(std::in_place);
+    GateWaiter urgent([&] {
+        sched_param high = {};
+        high.sched_priority = sched_get_priority_min(SCHED_FIFO);
+        allowed = pthread_setschedparam(pthread_self(), SCHED_FIFO, &high) == 0;
+        closeAndOpen();
+    });
+    urgent.waitUntilAsleep();
+    const long meanwhile = ThreadState().priority();
+    gate.reset();
+    urgent.join();
+    if (!allowed) {
+        GTEST_SKIP() << "the user may not have real-time priorities";
+    }
+    EXPECT_GE(before, 0);
+    EXPECT_LT(meanwhile, 0);
+    EXPECT_EQ(ThreadState().priority(), before);
+}
+
+// --- Children ------------------------------------------------------------------------------------
+
+// How a process is split off without the handlers that fork() runs.
+pid_t byCLibrarysFork() {
+    return _Fork();
+}
+
+pid_t bySystemCall() {
+    return static_cast<pid_t>(syscall(SYS_clone, SIGCHLD, nullptr, nullptr, nullptr, nullptr));
+}
+
+enum Found : int { wentOn = 42, stillClosed = 43 };
+
+// Nothing of GoogleTest's is used: such a child may have a lock of the C library's for good.
+[[noreturn]] void goOn() {
+    alarm(20);
+    SVGate::waitUntilOpen();
+    bool open = SVGate::openQ() && !SVGate::closedByThisThreadQ();
+    for (int round = 0; round < 3; ++round) {
+        const SVGate gate;
+        open = open && SVGate::openQ() && SVGate::closedByThisThreadQ();
+    }
+    open = open && SVGate::openQ() && !SVGate::closedByThisThreadQ() && gateWord() == 0;
+    _exit(open ? wentOn : stillClosed);
+}
+
+ChildEnd endOf(pid_t child) {
+    int status = 0;
+    while (waitpid(child, &status, 0) < 0 && errno == EINTR) {
+    }
+    return ChildEnd(status);
+}
+
+class ChildOf : public GateTest, public testing::WithParamInterface<pid_t (*)()> {
+protected:
+    void SetUp() override {
+        if (builtWithThreadSanitizer || underValgrindQ() || emulated) {
+            GTEST_SKIP() << "such children are not supported here";
+        }
+    }
+
+    static ChildEnd endOfChild() {
+        const pid_t child = GetParam()();
+        if (child == 0) {
+            goOn();
+        }
+        return endOf(child);
+    }
+};
+
+INSTANTIATE_TEST_SUITE_P(Process, ChildOf, testing::Values(&byCLibrarysFork, &bySystemCall),
+                         [](const testing::TestParamInfo<pid_t (*)()>& tested) {
+                             return tested.param == &byCLibrarysFork ? "ByTheCLibrary"
+                                                                     : "ByTheSystemCall";
+                         });
+
+TEST_P(ChildOf, GoesOnWhenTheGateIsOpen) {
+    const ChildEnd end = endOfChild();
+    EXPECT_TRUE(end.exitedWithQ(wentOn)) << end;
+}
+
+TEST_P(ChildOf, GoesOnWhenAnotherThreadHadClosedTheGate) {
+    Gate closed;
+    Gate done;
+    JoiningThread other([&] {
+        const SVGate gate;
+        closed.open();
+        done.pass();
+    });
+    closed.pass();
+    const ChildEnd end = endOfChild();
+    done.open();
+    EXPECT_TRUE(end.exitedWithQ(wentOn)) << end;
+}
+
+TEST_P(ChildOf, GoesOnWhenThreadsWaitedForTheGate) {
+    Gate closed;
+    Gate done;
+    JoiningThread holder([&] {
+        const SVGate gate;
+        closed.open();
+        done.pass();
+    });
+    closed.pass();
+    GateWaiter waiting(&closeAndOpen);
+    waiting.waitUntilAsleep();
+    const ChildEnd end = endOfChild();
+    done.open();
+    EXPECT_TRUE(end.exitedWithQ(wentOn)) << end;
+}
+
+TEST_P(ChildOf, HasTheGateOfItsOwnThread) {
+    pid_t child = -1;
+    {
+        const SVGate gate;
+        child = GetParam()();
+    }
+    if (child == 0) {
+        goOn();
+    }
+    const ChildEnd end = endOf(child);
+    EXPECT_TRUE(end.exitedWithQ(wentOn)) << end;
+}
+
+TEST_P(ChildOf, AChildGoesOnToo) {
+    Gate closed;
+    Gate done;
+    JoiningThread other([&] {
+        const SVGate gate;
+        closed.open();
+        done.pass();
+    });
+    closed.pass();
+    const pid_t child = GetParam()();
+    if (child == 0) {
+        const pid_t grandchild = GetParam()();
+        if (grandchild == 0) {
+            goOn();
+        }
+        _exit(endOf(grandchild).exitedWithQ(wentOn) ? wentOn : stillClosed);
+    }
+    const ChildEnd end = endOf(child);
+    done.open();
+    EXPECT_TRUE(end.exitedWithQ(wentOn)) << end;
+}
+
+// What fork() runs in the child, for those who have asked for it.
+TEST_F(GateTest, IsOpenedInAChildAtOnceIfAnotherThreadHadClosedIt) {
+    Gate closed;
+    Gate done;
+    JoiningThread other([&] {
+        const SVGate gate;
+        closed.open();
+        done.pass();
+    });
+    closed.pass();
+    const ChildEnd end = inChild([] {
+        SVGate::goOnInChild();
+        EXPECT_TRUE(SVGate::openQ());
+        EXPECT_EQ(gateWord(), 0U);
+        closeAndOpen();
+        EXPECT_TRUE(SVGate::openQ());
+    });
+    done.open();
+    EXPECT_TRUE(end.wentOnQ()) << end;
+}
+
+TEST_F(GateTest, StaysClosedInAChildIfItsOwnThreadHadClosedIt) {
+    const ChildEnd end = inChild([] {
+        const SVGate gate;
+        const ChildEnd inner = inChild([] {
+            SVGate::goOnInChild();
+            EXPECT_TRUE(SVGate::closedByThisThreadQ());
+            EXPECT_EQ(gateWord(), static_cast<unsigned int>(gettid()));
+            // Nobody waits for it: it ends with the process.
+            const auto* const other = new GateWaiter(&closeAndOpen);
+            other->waitUntilAsleep();
+            EXPECT_FALSE(other->doneQ());
+        });
+        EXPECT_TRUE(inner.wentOnQ()) << inner;
+    });
+    EXPECT_TRUE(end.wentOnQ()) << end;
+}
+
+}  // namespace

@@ -1,0 +1,454 @@
+// The published tables: when they are changed in place, when in a copy, and when what has been
+// displaced is released.
+
+#include <../registry/svgate.h>
+#include <../registry/svpin.h>
+#include <../registry/svregistry.h>
+#include <gtest/gtest.h>
+
+#include <climits>
+#include <csignal>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <set>
+#include <utility>
+#include <vector>
+
+namespace {
+
+using Sorvane::signalKey;
+using Sorvane::SVFailure;
+using Sorvane::SVGate;
+using Sorvane::SVPin;
+using Sorvane::SVRegistry;
+using Sorvane::SVSignalHandler;
+using Sorvane::SVSignalHandlerTable;
+using Sorvane::SVSignalTable;
+
+constexpr SVFailure noTable("no table", "here", 1, Sorvane::svexceptionAllocationFailed, 0);
+
+// Never called: the addresses are chosen for their slots, which are those of their lowest digits.
+void* functionAt(std::uintptr_t address) {
+    return reinterpret_cast<void*>(0x1000 + address);
+}
+
+SVSignalHandler recordOf(int signalNumber, std::uintptr_t address, bool valid = true) {
+    const auto function = reinterpret_cast<void (*)(int)>(functionAt(address));
+    return SVSignalHandler(signalNumber, function, false, false, valid);
+}
+
+class RegistryTest : public testing::Test {
+protected:
+    RegistryTest() {
+        const SVGate gate;
+        m_registry.begin();
+    }
+    ~RegistryTest() override {
+        const SVGate gate;
+        if (m_published != nullptr) {
+            m_registry.end();
+        }
+        // What was retired goes with the end of the next one.
+        m_registry.begin();
+        m_registry.end();
+    }
+
+    bool addTable(int signalNumber) {
+        const SVGate gate;
+        return !m_registry.addTable(signalNumber, noTable);
+    }
+    bool store(int signalNumber, std::uintptr_t address, bool valid = true) {
+        const SVGate gate;
+        return !m_registry.addTable(signalNumber, noTable) &&
+               !m_registry.store(recordOf(signalNumber, address, valid), noTable);
+    }
+    bool remove(int signalNumber, std::uintptr_t address) {
+        const SVGate gate;
+        return !m_registry.remove(signalNumber, functionAt(address), noTable);
+    }
+    void end() {
+        const SVGate gate;
+        m_registry.end();
+    }
+    void begin() {
+        const SVGate gate;
+        m_registry.begin();
+    }
+
+    SVSignalHandlerTable* tableOf(int signalNumber) const {
+        return m_registry.tableOf(signalNumber);
+    }
+    bool hasQ(int signalNumber, std::uintptr_t address) const {
+        return tableOf(signalNumber)->has_key(functionAt(address));
+    }
+
+    SVSignalTable* m_published = nullptr;
+    SVRegistry m_registry{m_published};
+};
+
+// --- While nobody reads --------------------------------------------------------------------------
+
+TEST_F(RegistryTest, BeginsWithAnEmptyTableAndEndsWithNone) {
+    ASSERT_NE(m_published, nullptr);
+    EXPECT_EQ(m_published->used, 0U);
+    EXPECT_EQ(tableOf(SIGUSR1), nullptr);
+    EXPECT_EQ(m_registry.timesEnded(), 0U);
+    end();
+    EXPECT_EQ(m_published, nullptr);
+    EXPECT_EQ(tableOf(SIGUSR1), nullptr);
+    EXPECT_EQ(m_registry.timesEnded(), 1U);
+}
+
+TEST_F(RegistryTest, WithoutATableHasNoneForASignalEither) {
+    end();
+    const SVGate gate;
+    const SVFailure failure = m_registry.addTable(SIGUSR1, noTable);
+    ASSERT_TRUE(failure);
+    EXPECT_STREQ(failure.exception().getMessage(), "no table");
+    EXPECT_EQ(m_published, nullptr);
+}
+
+TEST_F(RegistryTest, MakesATableForASignalOnce) {
+    ASSERT_TRUE(addTable(SIGUSR1));
+    SVSignalHandlerTable* const table = tableOf(SIGUSR1);
+    ASSERT_NE(table, nullptr);
+    EXPECT_EQ(table->used, 0U);
+    ASSERT_TRUE(addTable(SIGUSR1));
+    EXPECT_EQ(tableOf(SIGUSR1), table);
+    EXPECT_EQ(m_published->used, 1U);
+}
+
+TEST_F(RegistryTest, HasATableForEveryNumber) {
+    for (const int signalNumber : {INT_MIN, -1, 0, 1, 64, 1000, INT_MAX}) {
+        ASSERT_TRUE(store(signalNumber, 1));
+        ASSERT_NE(tableOf(signalNumber), nullptr) << signalNumber;
+        EXPECT_EQ(m_published->get(signalKey(signalNumber))->value, tableOf(signalNumber));
+    }
+    EXPECT_EQ(m_published->used, 7U);
+}
+
+TEST_F(RegistryTest, KeepsAllAddressesWhileSignalsAreAddedAndTheOuterTableGrows) {
+    const SVSignalTable* const outer = m_published;
+    std::vector<SVSignalHandlerTable*> tables;
+    for (int signalNumber = 1; signalNumber <= 60; ++signalNumber) {
+        ASSERT_TRUE(addTable(signalNumber));
+        tables.push_back(tableOf(signalNumber));
+        ASSERT_EQ(m_published, outer) << signalNumber;
+    }
+    EXPECT_GT(m_published->mask, 31U);
+    for (int signalNumber = 1; signalNumber <= 60; ++signalNumber) {
+        EXPECT_EQ(tableOf(signalNumber), tables[static_cast<std::size_t>(signalNumber) - 1]);
+    }
+}
+
+TEST_F(RegistryTest, KeepsTheAddressOfASignalsTableWhileItGrowsAndIsCleaned) {
+    ASSERT_TRUE(addTable(SIGUSR1));
+    const SVSignalHandlerTable* const table = tableOf(SIGUSR1);
+    for (std::uintptr_t address = 0; address < 100; ++address) {
+        ASSERT_TRUE(store(SIGUSR1, address));
+        ASSERT_EQ(tableOf(SIGUSR1), table) << address;
+    }
+    EXPECT_EQ(table->used, 100U);
+    for (std::uintptr_t address = 0; address < 100; ++address) {
+        ASSERT_TRUE(remove(SIGUSR1, address));
+    }
+    for (std::uintptr_t address = 200; address < 700; ++address) {
+        ASSERT_TRUE(store(SIGUSR1, address));
+        ASSERT_TRUE(remove(SIGUSR1, address));
+        ASSERT_EQ(tableOf(SIGUSR1), table) << address;
+    }
+    EXPECT_EQ(table->used, 0U);
+}
+
+TEST_F(RegistryTest, ChangesARecordInItsSlot) {
+    ASSERT_TRUE(store(SIGUSR1, 1));
+    const SVSignalHandlerTable::Entry* const slot = tableOf(SIGUSR1)->get(functionAt(1));
+    ASSERT_TRUE(store(SIGUSR1, 1, false));
+    EXPECT_EQ(tableOf(SIGUSR1)->get(functionAt(1)), slot);
+    EXPECT_FALSE(slot->value.validQ());
+    ASSERT_TRUE(remove(SIGUSR1, 1));
+    EXPECT_EQ(slot->state, Sorvane::svslotDeleted);
+    EXPECT_EQ(tableOf(SIGUSR1)->used, 0U);
+}
+
+// Their handlers may come in the middle of a change; afterwards there is nothing to be seen of
+// that.
+TEST_F(RegistryTest, KeepsTheAddressesOfTheTablesOfSignalsThatAreNotHeldBackToo) {
+    for (const int signalNumber : {SIGTRAP, SIGSYS}) {
+        ASSERT_TRUE(store(signalNumber, 1));
+        const SVSignalHandlerTable* const table = tableOf(signalNumber);
+        const SVSignalHandlerTable::Entry* const slots = table->table;
+        ASSERT_TRUE(store(signalNumber, 2));
+        ASSERT_TRUE(remove(signalNumber, 1));
+        EXPECT_EQ(tableOf(signalNumber), table);
+        EXPECT_EQ(table->table, slots);
+        EXPECT_FALSE(hasQ(signalNumber, 1));
+        EXPECT_TRUE(hasQ(signalNumber, 2));
+    }
+}
+
+// --- While somebody reads ------------------------------------------------------------------------
+
+class RegistryWhileRead : public RegistryTest {
+protected:
+    RegistryWhileRead() {
+        store(SIGUSR1, 1);
+        store(SIGUSR2, 1);
+        m_outer = m_published;
+        m_first = tableOf(SIGUSR1);
+        m_second = tableOf(SIGUSR2);
+        m_reader.emplace(m_published);
+    }
+
+    // The reader finds what it found before.
+    void expectReaderUndisturbed() const {
+        ASSERT_EQ(m_reader->tables(), m_outer);
+        EXPECT_EQ(m_outer->used, 2U);
+        EXPECT_EQ(m_reader->tableOf(SIGUSR1), m_first);
+        EXPECT_EQ(m_reader->tableOf(SIGUSR2), m_second);
+        for (const SVSignalHandlerTable* const table : {m_first, m_second}) {
+            EXPECT_EQ(table->used, 1U);
+            ASSERT_TRUE(table->has_key(functionAt(1)));
+            EXPECT_TRUE(table->get(functionAt(1))->value.validQ());
+        }
+    }
+
+    SVSignalTable* m_outer = nullptr;
+    SVSignalHandlerTable* m_first = nullptr;
+    SVSignalHandlerTable* m_second = nullptr;
+    std::optional<SVPin> m_reader;
+};
+
+TEST_F(RegistryWhileRead, PublishesACopyInWhichASignalIsAdded) {
+    ASSERT_TRUE(addTable(SIGTERM));
+    EXPECT_NE(m_published, m_outer);
+    EXPECT_NE(tableOf(SIGTERM), nullptr);
+    EXPECT_EQ(tableOf(SIGUSR1), m_first) << "what does not change is shared";
+    EXPECT_EQ(m_reader->tableOf(SIGTERM), nullptr);
+    expectReaderUndisturbed();
+}
+
+TEST_F(RegistryWhileRead, PublishesACopyInWhichARecordIsAddedOrChangedOrRemoved) {
+    const std::function<void()> changes[] = {
+        [this] { ASSERT_TRUE(store(SIGUSR1, 2)); },
+        [this] { ASSERT_TRUE(store(SIGUSR1, 1, false)); },
+        [this] { ASSERT_TRUE(remove(SIGUSR1, 1)); },
+    };
+    for (const auto& change : changes) {
+        change();
+        EXPECT_NE(m_published, m_outer);
+        EXPECT_NE(tableOf(SIGUSR1), m_first);
+        EXPECT_EQ(tableOf(SIGUSR2), m_second) << "what does not change is shared";
+        expectReaderUndisturbed();
+    }
+    EXPECT_FALSE(hasQ(SIGUSR1, 1));
+    EXPECT_TRUE(hasQ(SIGUSR1, 2));
+}
+
+TEST_F(RegistryWhileRead, PublishesACopyThatHasGrown) {
+    for (std::uintptr_t address = 2; address < 30; ++address) {
+        ASSERT_TRUE(store(SIGUSR1, address));
+        ASSERT_TRUE(addTable(static_cast<int>(address)));
+    }
+    EXPECT_EQ(tableOf(SIGUSR1)->used, 29U);
+    expectReaderUndisturbed();
+}
+
+TEST_F(RegistryWhileRead, ChangesTheCopyInItsPlaceOnceItHasOne) {
+    ASSERT_TRUE(store(SIGUSR1, 2));
+    const SVSignalTable* const outer = m_published;
+    const SVSignalHandlerTable* const table = tableOf(SIGUSR1);
+    ASSERT_TRUE(store(SIGUSR1, 3));
+    EXPECT_EQ(m_published, outer);
+    EXPECT_EQ(tableOf(SIGUSR1), table);
+    expectReaderUndisturbed();
+}
+
+// The reader has it by way of the outer table that it has pinned.
+TEST_F(RegistryWhileRead, CopiesATableThatWhatIsPublishedStillShares) {
+    ASSERT_TRUE(store(SIGUSR1, 2));
+    const SVSignalTable* const outer = m_published;
+    ASSERT_TRUE(store(SIGUSR2, 2));
+    EXPECT_EQ(m_published, outer) << "nobody reads that";
+    EXPECT_NE(tableOf(SIGUSR2), m_second);
+    expectReaderUndisturbed();
+}
+
+TEST_F(RegistryWhileRead, LetsEachReaderHaveWhatItHasPinned) {
+    ASSERT_TRUE(store(SIGUSR1, 2));
+    const SVPin second(m_published);
+    ASSERT_TRUE(store(SIGUSR1, 3));
+    const SVPin third(m_published);
+    ASSERT_TRUE(remove(SIGUSR1, 1));
+    EXPECT_EQ(second.tableOf(SIGUSR1)->used, 2U);
+    EXPECT_EQ(third.tableOf(SIGUSR1)->used, 3U);
+    EXPECT_EQ(tableOf(SIGUSR1)->used, 2U);
+    EXPECT_EQ(tableOf(SIGUSR2), m_second);
+    expectReaderUndisturbed();
+}
+
+TEST_F(RegistryWhileRead, ChangesInPlaceAgainAfterTheLastReader) {
+    ASSERT_TRUE(store(SIGUSR1, 2));
+    m_reader.reset();
+    const SVSignalTable* const outer = m_published;
+    ASSERT_TRUE(store(SIGUSR2, 2));
+    EXPECT_EQ(m_published, outer);
+    EXPECT_EQ(tableOf(SIGUSR2), m_second);
+}
+
+TEST_F(RegistryWhileRead, EndsWithoutTheReadersNotice) {
+    end();
+    EXPECT_EQ(m_published, nullptr);
+    expectReaderUndisturbed();
+    begin();
+    ASSERT_TRUE(store(SIGUSR1, 5));
+    EXPECT_FALSE(hasQ(SIGUSR1, 1));
+    expectReaderUndisturbed();
+}
+
+// --- What has been displaced ---------------------------------------------------------------------
+
+// Where tables lie tells whether they are released: their storage is then had again.
+class ReleasedTables : public RegistryTest {
+protected:
+    ReleasedTables() {
+        store(SIGUSR1, 1);
+        store(SIGUSR2, 1);
+    }
+
+    void noteAddresses() {
+        m_addresses.insert(m_published);
+        for (const int signalNumber : {SIGUSR1, SIGUSR2}) {
+            m_addresses.insert(tableOf(signalNumber));
+        }
+    }
+
+    static constexpr int rounds = 300;
+    std::set<const void*> m_addresses;
+};
+
+TEST_F(ReleasedTables, AreThoseThatWereReadDuringAChange) {
+    for (int round = 0; round < rounds; ++round) {
+        const SVPin reader(m_published);
+        ASSERT_TRUE(store(SIGUSR1, 1));
+        ASSERT_TRUE(store(SIGUSR2, 1));
+        noteAddresses();
+    }
+    EXPECT_LT(m_addresses.size(), 15U);
+}
+
+TEST_F(ReleasedTables, AreThoseThatWereReadWhenASignalWasAdded) {
+    for (int signalNumber = 1; signalNumber <= rounds; ++signalNumber) {
+        const SVPin reader(m_published);
+        ASSERT_TRUE(store(signalNumber, 1));
+        noteAddresses();
+    }
+    EXPECT_LT(m_addresses.size(), 15U);
+}
+
+TEST_F(ReleasedTables, AreThoseThatWereReadAtTheEnd) {
+    for (int round = 0; round < rounds; ++round) {
+        {
+            const SVPin reader(m_published);
+            end();
+        }
+        begin();
+        store(SIGUSR1, 1);
+        store(SIGUSR2, 1);
+        noteAddresses();
+    }
+    EXPECT_LT(m_addresses.size(), 15U);
+}
+
+TEST_F(ReleasedTables, AreThoseOfTheEndThatNobodyRead) {
+    for (int round = 0; round < rounds; ++round) {
+        end();
+        begin();
+        for (std::uintptr_t address = 0; address < 30; ++address) {
+            store(SIGUSR1, address);
+        }
+        store(SIGUSR2, 1);
+        noteAddresses();
+    }
+    EXPECT_LT(m_addresses.size(), 15U);
+}
+
+// A reader that is never done keeps what it has, and nothing of what came between.
+TEST_F(ReleasedTables, AreAllButThoseOfTheOneReaderWhoIsNotDone) {
+    const SVPin stays(m_published);
+    for (int round = 0; round < rounds; ++round) {
+        const SVPin reader(m_published);
+        ASSERT_TRUE(store(SIGUSR1, 1));
+        ASSERT_TRUE(store(SIGUSR2, 1));
+        noteAddresses();
+    }
+    EXPECT_LT(m_addresses.size(), 20U);
+    EXPECT_EQ(stays.tableOf(SIGUSR1)->used, 1U);
+}
+
+// --- Whether a walk can go on with another table -------------------------------------------------
+
+class SameSlots : public testing::Test {
+protected:
+    static void insert(SVSignalHandlerTable& table, std::uintptr_t address) {
+        table.insert(functionAt(address), recordOf(SIGUSR1, address));
+    }
+    SameSlots() {
+        for (const std::uintptr_t address : {1U, 2U}) {
+            insert(m_before, address);
+            insert(m_now, address);
+        }
+    }
+
+    SVSignalHandlerTable m_before;
+    SVSignalHandlerTable m_now;
+};
+
+TEST_F(SameSlots, AreThoseOfACopy) {
+    EXPECT_TRUE(Sorvane::svsameSlotsQ(m_before, m_now));
+}
+
+TEST_F(SameSlots, AreThoseAfterAnInsertionOrARemovalOrAReplacement) {
+    insert(m_now, 3);
+    EXPECT_TRUE(Sorvane::svsameSlotsQ(m_before, m_now));
+    m_now.remove(functionAt(1));
+    EXPECT_TRUE(Sorvane::svsameSlotsQ(m_before, m_now));
+    insert(m_now, 1);
+    EXPECT_TRUE(Sorvane::svsameSlotsQ(m_before, m_now));
+}
+
+// What was removed may leave its slot to another key.
+TEST_F(SameSlots, AreThoseInWhichAnotherRecordHasTakenTheSlotOfOneThatIsGone) {
+    m_now.remove(functionAt(1));
+    insert(m_now, 9);
+    ASSERT_EQ(m_now.table[1].key, functionAt(9));
+    EXPECT_TRUE(Sorvane::svsameSlotsQ(m_before, m_now));
+}
+
+TEST_F(SameSlots, AreNotThoseAfterARebuild) {
+    m_before.remove(functionAt(2));
+    m_now.remove(functionAt(2));
+    m_now.resize(0);
+    EXPECT_FALSE(Sorvane::svsameSlotsQ(m_before, m_now)) << "the deleted slot is gone";
+}
+
+TEST_F(SameSlots, AreNotThoseOfAnotherSize) {
+    m_now.resize(16);
+    EXPECT_FALSE(Sorvane::svsameSlotsQ(m_before, m_now));
+}
+
+// A key behind a collision comes into its home slot.
+TEST_F(SameSlots, AreNotThoseInWhichARecordHasMoved) {
+    SVSignalHandlerTable moved;
+    insert(moved, 9);
+    insert(moved, 2);
+    SVSignalHandlerTable behind;
+    insert(behind, 1);
+    insert(behind, 9);
+    insert(behind, 2);
+    EXPECT_FALSE(Sorvane::svsameSlotsQ(behind, moved));
+}
+
+}  // namespace

@@ -1,0 +1,329 @@
+// The library's own store: what it hands out, to whom, and what becomes of what comes back.
+
+#include <../support/svstore.h>
+#include <gtest/gtest.h>
+#include <pthread.h>
+#include <sys/mman.h>
+
+#include <array>
+#include <atomic>
+#include <cerrno>
+#include <csignal>
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <functional>
+#include <new>
+#include <vector>
+
+#include "support/child_process.h"
+#include "support/emulation.h"
+#include "support/joining_thread.h"
+#include "support/memory_limit.h"
+#include "support/single_steps.h"
+
+namespace {
+
+namespace SVStore = Sorvane::SVStore;
+
+// Up to here blocks are cut from chunks and kept; larger ones are mapped by themselves.
+constexpr std::size_t largestBlock = 64 * 1024;
+
+struct Block {
+    unsigned char* storage;
+    std::size_t size;
+    unsigned char pattern;
+
+    void fill() const { std::memset(storage, pattern, size); }
+    bool stillFilledQ() const {
+        for (std::size_t i = 0; i < size; ++i) {
+            if (storage[i] != pattern) {
+                return false;
+            }
+        }
+        return true;
+    }
+};
+
+unsigned char* take(std::size_t size) {
+    return static_cast<unsigned char*>(SVStore::take(size));
+}
+
+bool mappedQ(void* address) {
+    constexpr std::uintptr_t pageSize = 4096;
+    const auto page = reinterpret_cast<std::uintptr_t>(address) & ~(pageSize - 1);
+    unsigned char resident = 0;
+    return mincore(reinterpret_cast<void*>(page), 1, &resident) == 0 || errno != ENOMEM;
+}
+
+// --- One block -----------------------------------------------------------------------------------
+
+TEST(Store, HandsOutStorageAlignedForAnyObjectInEverySize) {
+    for (std::size_t size = 0; size < largestBlock + 3000; size += size < 2000 ? 1 : 777) {
+        void* const block = SVStore::take(size);
+        ASSERT_NE(block, nullptr) << size;
+        ASSERT_EQ(reinterpret_cast<std::uintptr_t>(block) % alignof(std::max_align_t), 0U) << size;
+        SVStore::giveBack(block, size);
+    }
+}
+
+TEST(Store, HandsOutAsMuchAsIsAskedForAndNothingTwice) {
+    std::vector<Block> blocks;
+    for (std::size_t size = 1; size < largestBlock + 3000; size += 1 + size / 20) {
+        for (int i = 0; i < 2; ++i) {
+            const auto pattern = static_cast<unsigned char>(blocks.size() % 251);
+            blocks.push_back({take(size), size, pattern});
+            ASSERT_NE(blocks.back().storage, nullptr);
+            blocks.back().fill();
+        }
+    }
+    for (const Block& block : blocks) {
+        EXPECT_TRUE(block.stillFilledQ()) << block.size;
+        SVStore::giveBack(block.storage, block.size);
+    }
+}
+
+TEST(Store, HandsOutAgainWhatCameBack) {
+    for (const std::size_t size : {1U, 64U, 65U, 100U, 1000U, 5000U, 65536U}) {
+        void* const first = SVStore::take(size);
+        SVStore::giveBack(first, size);
+        void* const second = SVStore::take(size);
+        EXPECT_EQ(first, second) << size;
+        SVStore::giveBack(second, size);
+    }
+}
+
+// There are four sizes of blocks to a doubling.
+TEST(Store, HandsOutAgainForAnySizeThatSharesABlock) {
+    constexpr struct {
+        std::size_t smallest;
+        std::size_t largest;
+    } blocks[] = {{1, 64},      {65, 80},     {113, 128},    {129, 160},
+                  {1025, 1280}, {7169, 8192}, {8193, 10240}, {40961, 49152}};
+    for (const auto& block : blocks) {
+        void* const first = SVStore::take(block.smallest);
+        SVStore::giveBack(first, block.smallest);
+        void* const larger = SVStore::take(block.largest + 1);
+        EXPECT_NE(first, larger) << block.largest;
+        void* const second = SVStore::take(block.largest);
+        EXPECT_EQ(first, second) << block.largest;
+        SVStore::giveBack(larger, block.largest + 1);
+        SVStore::giveBack(second, block.largest);
+    }
+}
+
+TEST(Store, UnmapsLargeBlocksAndKeepsTheOthers) {
+    void* const kept = SVStore::take(largestBlock);
+    SVStore::giveBack(kept, largestBlock);
+    EXPECT_TRUE(mappedQ(kept));
+
+    void* const large = SVStore::take(largestBlock + 1);
+    EXPECT_TRUE(mappedQ(large));
+    SVStore::giveBack(large, largestBlock + 1);
+    EXPECT_FALSE(mappedQ(large));
+}
+
+// --- Many of them --------------------------------------------------------------------------------
+
+// Where nothing else in a block is: the store's own link lies at its beginning.
+constexpr std::size_t offsetOfMark = 2 * sizeof(void*);
+constexpr unsigned int markFree = 0x66726565;
+constexpr unsigned int markOwned = 0x6f776e65;
+
+std::atomic<unsigned int> freshBlocks;  // those that nobody has marked before
+std::atomic<unsigned int> blocksWithTwoOwners;
+std::atomic<unsigned int> refusals;
+
+std::atomic<unsigned int>& markOf(void* block) {
+    return *reinterpret_cast<std::atomic<unsigned int>*>(static_cast<char*>(block) + offsetOfMark);
+}
+
+void* takeAndMark(std::size_t size) {
+    void* const block = SVStore::take(size);
+    if (block == nullptr) {
+        ++refusals;
+        return nullptr;
+    }
+    const unsigned int before = markOf(block).exchange(markOwned);
+    blocksWithTwoOwners += before == markOwned ? 1 : 0;
+    freshBlocks += before == markOwned || before == markFree ? 0 : 1;
+    return block;
+}
+
+void giveBackMarked(void* block, std::size_t size) {
+    if (block == nullptr) {
+        return;
+    }
+    blocksWithTwoOwners += markOf(block).exchange(markFree) != markOwned ? 1 : 0;
+    SVStore::giveBack(block, size);
+}
+
+constexpr std::array<std::size_t, 4> usedSizes = {40, 300, 1800, 9000};
+
+void takeAndGiveBackOfEachSize() {
+    std::array<void*, usedSizes.size()> blocks = {};
+    for (std::size_t i = 0; i < usedSizes.size(); ++i) {
+        blocks[i] = takeAndMark(usedSizes[i]);
+    }
+    for (std::size_t i = 0; i < usedSizes.size(); ++i) {
+        giveBackMarked(blocks[i], usedSizes[i]);
+    }
+}
+
+void useInHandler(int) {
+    const int saved = errno;
+    takeAndGiveBackOfEachSize();
+    errno = saved;
+}
+
+void expectEachBlockHadOneOwner() {
+    EXPECT_EQ(blocksWithTwoOwners, 0U);
+    EXPECT_EQ(refusals, 0U);
+}
+
+TEST(StoreInTheLongRun, NeedsNoMoreThanWhatIsInUseAtOnce) {
+    for (int round = 0; round < 1000000; ++round) {
+        takeAndGiveBackOfEachSize();
+    }
+    EXPECT_LE(freshBlocks, usedSizes.size());
+    expectEachBlockHadOneOwner();
+}
+
+void onThreads(std::size_t count, const std::function<void()>& body) {
+    std::vector<JoiningThread> threads;
+    for (std::size_t i = 0; i < count; ++i) {
+        threads.emplace_back(body);
+    }
+}
+
+TEST(StoreInTheLongRun, GivesNoBlockToTwoThreads) {
+    onThreads(8, [] {
+        for (int round = 0; round < 50000; ++round) {
+            takeAndGiveBackOfEachSize();
+        }
+    });
+    expectEachBlockHadOneOwner();
+}
+
+// What one thread takes, another one gives back.
+TEST(StoreInTheLongRun, TakesBackOnAnyThread) {
+    constexpr std::size_t size = 300;
+    std::array<std::atomic<void*>, 16> exchange = {};
+    onThreads(4, [&exchange] {
+        for (std::size_t round = 0; round < 100000; ++round) {
+            void* const block = takeAndMark(size);
+            giveBackMarked(exchange[round % exchange.size()].exchange(block), size);
+        }
+    });
+    for (auto& block : exchange) {
+        giveBackMarked(block, size);
+    }
+    expectEachBlockHadOneOwner();
+}
+
+TEST(StoreInTheLongRun, GivesNoBlockToAThreadAndAHandler) {
+    std::signal(SIGUSR1, useInHandler);
+    std::atomic<unsigned int> running{2};
+    std::array<std::atomic<pthread_t>, 2> receivers = {};
+    std::vector<JoiningThread> threads;
+    for (auto& receiver : receivers) {
+        threads.emplace_back([&running, &receiver] {
+            receiver = pthread_self();
+            for (int round = 0; round < 100000; ++round) {
+                takeAndGiveBackOfEachSize();
+            }
+            --running;
+            // Whoever sends needs a thread that is there.
+            while (running != 0) {
+                std::this_thread::yield();
+            }
+        });
+    }
+    while (running == receivers.size()) {
+        for (const auto& receiver : receivers) {
+            if (receiver != 0 && running == receivers.size()) {
+                pthread_kill(receiver, SIGUSR1);
+            }
+        }
+        std::this_thread::yield();
+    }
+    threads.clear();
+    expectEachBlockHadOneOwner();
+}
+
+#if defined(__x86_64__) || defined(__i386__)
+
+TEST(StoreInTheLongRun, GivesNoBlockToAHandlerAtAnyInstruction) {
+    if (underValgrindQ()) {
+        GTEST_SKIP() << "valgrind has no trap flag";
+    }
+    std::signal(SIGTRAP, useInHandler);
+    {
+        const SingleSteps steps;
+        takeAndGiveBackOfEachSize();
+        takeAndGiveBackOfEachSize();
+    }
+    expectEachBlockHadOneOwner();
+}
+
+#endif
+
+TEST(StoreInTheLongRun, ServesAForkedChildWhateverOtherThreadsDidJustThen) {
+    std::atomic<bool> over{false};
+    JoiningThread other([&over] {
+        while (!over) {
+            takeAndGiveBackOfEachSize();
+        }
+    });
+    for (int child = 0; child < 50; ++child) {
+        const ChildEnd end = inChild([] {
+            for (int round = 0; round < 100; ++round) {
+                takeAndGiveBackOfEachSize();
+            }
+            EXPECT_EQ(refusals, 0U);
+        });
+        ASSERT_TRUE(end.wentOnQ()) << end;
+    }
+    over = true;
+    other.join();
+    expectEachBlockHadOneOwner();
+}
+
+// --- No memory -----------------------------------------------------------------------------------
+
+TEST(StoreWithoutMemory, GivesNullForEverySizeAndHandsOutAgainLater) {
+    SKIP_WITHOUT_MEMORY_LIMIT();
+    constexpr std::array<std::size_t, 5> sizes = {1, 100, 5000, 60000, 100000};
+    std::array<void*, sizes.size()> blocks = {};
+    {
+        const MemoryLimit limit;
+        for (std::size_t i = 0; i < sizes.size(); ++i) {
+            blocks[i] = SVStore::take(sizes[i]);
+        }
+    }
+    for (std::size_t i = 0; i < sizes.size(); ++i) {
+        EXPECT_EQ(blocks[i], nullptr) << sizes[i];
+        blocks[i] = SVStore::take(sizes[i]);
+        EXPECT_NE(blocks[i], nullptr) << sizes[i];
+        SVStore::giveBack(blocks[i], sizes[i]);
+    }
+}
+
+TEST(StoreWithoutMemory, StillHandsOutWhatComesBack) {
+    SKIP_WITHOUT_MEMORY_LIMIT();
+    constexpr std::size_t size = 300;
+    void* const block = SVStore::take(size);
+    void* again = nullptr;
+    void* another = block;
+    {
+        const MemoryLimit limit;
+        SVStore::giveBack(block, size);
+        again = SVStore::take(size);
+        another = SVStore::take(size);
+    }
+    EXPECT_EQ(again, block);
+    EXPECT_EQ(another, nullptr);
+    SVStore::giveBack(block, size);
+}
+
+}  // namespace
