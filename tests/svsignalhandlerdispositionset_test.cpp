@@ -11,7 +11,7 @@
 #include <utility>
 #include <vector>
 
-#include "support/overtaking.h"
+#include "support/stepping.h"
 
 namespace {
 
@@ -224,7 +224,16 @@ TEST(DispositionSet, AssignmentThatAnotherOneInterruptsLeavesThatWhole) {
     bool met = true;
     for (unsigned int number = 1; met; ++number) {
         SVSignalHandlerDispositionSet set;
-        met = overtake([&] { set = none; }, atInstruction(number), [&] { set = odd; });
+        unsigned int instructions = 0;
+        met = false;
+        step([&] { set = none; },
+             [&](const Standing&) {
+                 met = ++instructions == number;
+                 if (met) {
+                     set = odd;
+                 }
+                 return !met;
+             });
         for (int signalNumber = 1; met && signalNumber <= highestSignal; ++signalNumber) {
             ASSERT_EQ(set.getSignalDisposition(signalNumber),
                       set.getSignalDisposition(1) && signalNumber % 2 == 1)

@@ -1,5 +1,6 @@
 #include "interrupt/state_picture.h"
 
+#include <../registry/svownership.h>
 #include <sorvane/svsignalhandlermanager.h>
 
 #include <algorithm>
@@ -68,6 +69,13 @@ void addActions(std::ostream& text) {
     text << '\n';
 }
 
+void addOwners(std::ostream& text) {
+    for (int signalNumber = 1; signalNumber <= Manager::maxSignalHandlerNumber; ++signalNumber) {
+        text << (signalNumber != SIGTRAP && Sorvane::SVOwnership::librarysQ(signalNumber));
+    }
+    text << '\n';
+}
+
 void addDispositions(std::ostream& text) {
     for (int signalNumber = 1; signalNumber <= Manager::maxSignalHandlerNumber; ++signalNumber) {
         text << Manager::signalDispositionSet.getSignalDisposition(signalNumber);
@@ -80,10 +88,13 @@ void addDispositions(std::ostream& text) {
 std::string pictureOfState(Detail detail) {
     std::ostringstream text;
     text << "managers " << Manager::numberOfManagers << '\n'
-         << "handling " << Manager::currentlyHandlingSignals << '\n'
-         << "lock " << (Manager::handlerTableLock != nullptr) << '\n';
+         << "handling " << Manager::currentlyHandlingSignals << '\n';
+    if (detail == Detail::layout) {
+        text << "lock " << (Manager::handlerTableLock != nullptr) << '\n';
+    }
     addTables(text, detail);
     addActions(text);
+    addOwners(text);
     addDispositions(text);
     return text.str();
 }

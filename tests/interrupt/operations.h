@@ -1,0 +1,36 @@
+// The manager's operations that the tests step through, and what a signal must find before and
+// after each.
+#ifndef SORVANE_TESTS_INTERRUPT_OPERATIONS_H
+#define SORVANE_TESTS_INTERRUPT_OPERATIONS_H
+
+#include <iosfwd>
+#include <string>
+#include <vector>
+
+#include "interrupt/arrivals.h"
+#include "interrupt/state_picture.h"
+
+/// By whom an operation is done, and for which signal.
+struct Setting {
+    bool locking;
+    int signalNumber;
+};
+
+struct Operation {
+    const char* name;
+    void (*prepare)();
+    void (*operate)();
+    States states;  ///< of an ordinary signal
+    Detail detail = Detail::layout;
+};
+
+/// For the operations' functions, which have no parameters.
+void useSetting(const Setting& setting);
+
+/// All of them, or the one of a name.
+const std::vector<Operation>& operations();
+const Operation& operationNamed(const std::string& name);
+
+std::ostream& operator<<(std::ostream& stream, const Operation& operation);
+
+#endif

@@ -1,0 +1,84 @@
+#include "interrupt/places.h"
+
+#include <../registry/svgate.h>
+#include <link.h>
+#include <sorvane/svsignalhandlermanager.h>
+
+#include <cstdlib>
+#include <utility>
+
+#include "abi/private_members.h"
+
+REVEAL_MEMBER(GateChanges, Sorvane::SVGate, changes);
+REVEAL_MEMBER(GateClosedByThisThreadQ, Sorvane::SVGate, closedByThisThreadQ);
+
+namespace {
+
+// The program's own code, in which the library's is.
+struct Code {
+    std::uintptr_t begin = 0;
+    std::uintptr_t end = 0;
+};
+
+int findCode(dl_phdr_info* module, std::size_t, void* found) {
+    const auto known = reinterpret_cast<std::uintptr_t>(&actualSignalHandler);
+    for (unsigned int i = 0; i < module->dlpi_phnum; ++i) {
+        const auto& segment = module->dlpi_phdr[i];
+        const std::uintptr_t begin = module->dlpi_addr + segment.p_vaddr;
+        const std::uintptr_t end = begin + segment.p_memsz;
+        if (segment.p_type == PT_LOAD && begin <= known && known < end) {
+            *static_cast<Code*>(found) = {begin, end};
+            return 1;
+        }
+    }
+    return 0;
+}
+
+const Code code = [] {
+    Code found;
+    dl_iterate_phdr(findCode, &found);
+    return found;
+}();
+
+bool inProgramQ(const Standing& standing) {
+    return standing.next >= code.begin && standing.next < code.end;
+}
+
+const bool everyInstruction = std::getenv("SORVANE_EVERY_INSTRUCTION") != nullptr;
+
+}  // namespace
+
+bool everyInstructionQ() {
+    return everyInstruction;
+}
+
+bool Selection::firstTimeQ(std::uintptr_t instruction) {
+    std::size_t place = instruction % size;
+    while (m_seen[place] != 0 && m_seen[place] != instruction) {
+        place = (place + 1) % size;
+    }
+    return std::exchange(m_seen[place], instruction) == 0;
+}
+
+bool Selection::selectsQ(const Standing& standing) {
+    constexpr unsigned long distance = 64;
+    return everyInstruction || firstTimeQ(standing.next) || ++m_again % distance == 0;
+}
+
+bool gateClosedQ() {
+    return (*memberOf(GateChanges()) & 1U) != 0 && memberOf(GateClosedByThisThreadQ())();
+}
+
+bool heldBackQ(const Standing& standing, int signalNumber) {
+    return sigismember(&standing.heldBack, signalNumber) == 1;
+}
+
+// With signals held back the thread is about to close the gate, or has just opened it.
+bool beginsThreadsQ(const Standing& standing) {
+    return inProgramQ(standing) || heldBackQ(standing, SIGURG);
+}
+
+// At the edges of the gate no handler can run that could fork.
+bool forksQ(const Standing& standing) {
+    return gateClosedQ() || (inProgramQ(standing) && !heldBackQ(standing, SIGURG));
+}
