@@ -529,6 +529,46 @@ TEST_F(TwoThreads, RegistrationFallsBetweenTheSignalsOfAStartAndIsTakenOver) {
     EXPECT_TRUE(takenOverQ(SIGTERM));
 }
 
+TEST_F(TwoThreads, HandBackFallsBetweenTheSignalsOfAStartAndIsTakenOverAgain) {
+    Manager manager(true);
+    manager.setHandlerFromFunction(SIGINT, userHandler);
+    manager.setHandlerFromFunction(SIGTERM, userHandler);
+    const std::shared_ptr<LockLog> log = WatchedLock::putInPlace();
+    bool handedBack = false;
+    log->onFree = [&] {
+        if (takenOverQ(SIGINT) && !std::exchange(handedBack, true)) {
+            std::thread([] { Manager(true).stopHandlingSignal(SIGINT); }).join();
+        }
+    };
+    manager.startHandlingSignals();
+    log->onFree = nullptr;
+    EXPECT_TRUE(handedBack);
+    EXPECT_TRUE(takenOverQ(SIGINT));
+    EXPECT_TRUE(takenOverQ(SIGTERM));
+}
+
+TEST_F(TwoThreads, RegistrationFallsBetweenTheSignalsOfAStopAndIsHandedBack) {
+    Manager manager(true);
+    manager.setHandlerFromFunction(SIGINT, userHandler);
+    manager.setHandlerFromFunction(SIGTERM, userHandler);
+    manager.startHandlingSignals();
+    const std::shared_ptr<LockLog> log = WatchedLock::putInPlace();
+    bool registered = false;
+    log->onFree = [&] {
+        if (!takenOverQ(SIGINT) && !std::exchange(registered, true)) {
+            std::thread([] {
+                Manager(true).setHandlerFromFunction(SIGINT, userHandler);
+                EXPECT_TRUE(takenOverQ(SIGINT));
+            }).join();
+        }
+    };
+    manager.stopHandlingSignals();
+    log->onFree = nullptr;
+    EXPECT_TRUE(registered);
+    EXPECT_FALSE(takenOverQ(SIGINT));
+    EXPECT_FALSE(takenOverQ(SIGTERM));
+}
+
 // --- Many threads ------------------------------------------------------------------------------
 
 class ManyThreads : public ManagerTest {};
