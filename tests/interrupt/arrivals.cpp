@@ -145,8 +145,7 @@ std::size_t stateOf(const Arrival& arrival) noexcept {
     }
     const auto state = std::find(expected.begin() + static_cast<std::ptrdiff_t>(arrival.notBefore),
                                  expected.end(), set);
-    return state == expected.end() ? noState
-                                   : static_cast<std::size_t>(state - expected.begin());
+    return state == expected.end() ? noState : static_cast<std::size_t>(state - expected.begin());
 }
 
 }  // namespace

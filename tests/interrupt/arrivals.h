@@ -37,8 +37,8 @@ std::size_t addLast() noexcept;
 void bySignal(int signalNumber, std::size_t number) noexcept;
 /// A fault, which the host's handler repairs.
 void byFault(std::size_t number) noexcept;
-/// As if the signal had just arrived: the kernel has chosen the library's handler already, and holds
-/// the signal back.
+/// As if the signal had just arrived: the kernel has chosen the library's handler already, and
+/// holds the signal back.
 void byDispatch(int signalNumber, std::size_t number);
 /// No signal at all: a manager calls the handlers, of a fatal signal only the host's own.
 void byWalk(Sorvane::SVSignalHandlerManager& manager, int signalNumber, std::size_t number);

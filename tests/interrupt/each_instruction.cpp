@@ -211,8 +211,8 @@ void Groups::visitOther(const Standing& standing) {
     if (other == nullptr) {
         return;
     }
-    const bool waits = gateClosedQ() && (course->arrive == Arrive::asWalk ||
-                                         takenOverQ(course->signalNumber));
+    const bool waits =
+        gateClosedQ() && (course->arrive == Arrive::asWalk || takenOverQ(course->signalNumber));
     ++report().visited;
     const std::size_t number = Arrivals::add();
     other->tell(arrive, number);
@@ -305,17 +305,17 @@ void runDispatch() {
     prepare();
     const std::size_t number = Arrivals::add();
     std::uintptr_t disturbedAt = 0;
-    step([number] { Arrivals::byDispatch(course->signalNumber, number); },
-         [&](const Standing& standing) {
-             ++report().instructions;
-             if (!selection.selectsQ(standing) || !forksQ(standing) ||
-                 !goOnInChild(standing.next)) {
-                 return true;
-             }
-             disturbedAt = standing.next;
-             operateMeanwhile(standing);
-             return false;
-         });
+    step(
+        [number] { Arrivals::byDispatch(course->signalNumber, number); },
+        [&](const Standing& standing) {
+            ++report().instructions;
+            if (!selection.selectsQ(standing) || !forksQ(standing) || !goOnInChild(standing.next)) {
+                return true;
+            }
+            disturbedAt = standing.next;
+            operateMeanwhile(standing);
+            return false;
+        });
     if (disturbedAt != 0) {
         judgeEnd(disturbedAt);
     }

@@ -32,12 +32,12 @@ struct Course {
 /// split off there, in which the operation has not been disturbed before.
 void arriveAtEachInstruction(const Course& course);
 
-/// The operation is stepped. What arrived before it has called its first handler, stays in that, and
-/// goes on at one instruction in every few.
+/// The operation is stepped. What arrived before it has called its first handler, stays in that,
+/// and goes on at one instruction in every few.
 void goOnAtSomeInstructions(const Course& course);
 
-/// A dispatch is stepped, and another thread does the whole operation, or as much as it can, at each
-/// instruction.
+/// A dispatch is stepped, and another thread does the whole operation, or as much as it can, at
+/// each instruction.
 void operateAtEachInstructionOfADispatch(const Course& course);
 
 #endif

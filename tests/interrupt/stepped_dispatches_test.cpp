@@ -30,9 +30,12 @@ protected:
         const Operation& operation = GetParam();
         const bool fatal = signalNumber == SIGSEGV;
         useSetting({!fatal, signalNumber});
-        return {operation.prepare, operation.operate,
-                signalNumber,      arrive,
-                fatal ? States{{host}} : operation.states, operation.detail};
+        return {operation.prepare,
+                operation.operate,
+                signalNumber,
+                arrive,
+                fatal ? States{{host}} : operation.states,
+                operation.detail};
     }
 };
 

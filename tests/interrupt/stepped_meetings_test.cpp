@@ -147,11 +147,12 @@ void expectBothRegistered() {
 // --- Registration and clearing
 
 TEST(MeetingOfARegistration, AnotherOneForTheSameSignalIsThereToo) {
-    meetOnBoth({.prepare = [] {
-                    hostInstalls(SIGUSR1, hostHandler);
-                    manager.emplace(true);
-                    manager->handleSignal(SIGUSR1);
-                },
+    meetOnBoth({.prepare =
+                    [] {
+                        hostInstalls(SIGUSR1, hostHandler);
+                        manager.emplace(true);
+                        manager->handleSignal(SIGUSR1);
+                    },
                 .operation = [] { manager->setHandlerFromFunction(SIGUSR1, userHandler); },
                 .meanwhile = registerOther,
                 .expect = expectBothRegistered});

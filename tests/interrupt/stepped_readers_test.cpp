@@ -149,12 +149,15 @@ void meet(unsigned long first) {
 
 class ReadersAboutToPin : public testing::TestWithParam<std::tuple<std::string, int>> {};
 
-INSTANTIATE_TEST_SUITE_P(Each, ReadersAboutToPin,
-                         testing::Combine(testing::Values(
-                             "ReplacesAUsersRecordByAnInvalidOneOfTheHosts",
-                             "ReplacesAnInvalidRecordOfTheHostsByAUsers",
-                             "ClearsARecord"), testing::Values(SIGUSR1, SIGSEGV)),
-                         [](const auto& one) { return std::get<0>(one.param) + (std::get<1>(one.param) == SIGSEGV ? "_ForAFatalSignal" : ""); });
+INSTANTIATE_TEST_SUITE_P(
+    Each, ReadersAboutToPin,
+    testing::Combine(testing::Values("ReplacesAUsersRecordByAnInvalidOneOfTheHosts",
+                                     "ReplacesAnInvalidRecordOfTheHostsByAUsers", "ClearsARecord"),
+                     testing::Values(SIGUSR1, SIGSEGV)),
+    [](const auto& one) {
+        return std::get<0>(one.param) +
+               (std::get<1>(one.param) == SIGSEGV ? "_ForAFatalSignal" : "");
+    });
 
 TEST_P(ReadersAboutToPin, FindARecordBeforeItsChangeOrAfterIt) {
     SKIP_WITHOUT_STEPS();

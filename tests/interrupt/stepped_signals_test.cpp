@@ -37,8 +37,11 @@ const Kind kinds[] = {
 Course courseOf(const Operation& operation, const Kind& kind) {
     useSetting({kind.locking, kind.signalNumber});
     const bool fatal = kind.signalNumber == SIGSEGV;
-    return {operation.prepare,    operation.operate, kind.signalNumber,
-            kind.arrive,          fatal ? States{{host}} : operation.states,
+    return {operation.prepare,
+            operation.operate,
+            kind.signalNumber,
+            kind.arrive,
+            fatal ? States{{host}} : operation.states,
             operation.detail};
 }
 

@@ -178,13 +178,15 @@ void registerThird() {
 
 TEST(LibraryStepsThroughItsOwn, Registration) {
     SKIP_WITHOUT_STEPS();
-    stepByTheLibrary({{0, 1}, {0, 1, 2}}, [] { prepareTraps(2); }, registerThird);
+    stepByTheLibrary(
+        {{0, 1}, {0, 1, 2}}, [] { prepareTraps(2); }, registerThird);
 }
 
 TEST(LibraryStepsThroughItsOwn, RegistrationThatGrowsTheTable) {
     SKIP_WITHOUT_STEPS();
-    stepByTheLibrary({{0, 1, 2, 3, 4}, {0, 1, 2, 3, 4, 5}}, [] { prepareTraps(5); },
-                     [] { registerForTraps(5, 6); });
+    stepByTheLibrary(
+        {{0, 1, 2, 3, 4}, {0, 1, 2, 3, 4, 5}}, [] { prepareTraps(5); },
+        [] { registerForTraps(5, 6); });
 }
 
 TEST(LibraryStepsThroughItsOwn, RegistrationThatCleansTheTableOfDeletedSlots) {
@@ -202,8 +204,9 @@ TEST(LibraryStepsThroughItsOwn, RegistrationThatCleansTheTableOfDeletedSlots) {
 
 TEST(LibraryStepsThroughItsOwn, Clearing) {
     SKIP_WITHOUT_STEPS();
-    stepByTheLibrary({{0, 1}, {0}}, [] { prepareTraps(2); },
-                     [] { manager->clearHandlerWithFunction(SIGTRAP, trapHandlers[1]); });
+    stepByTheLibrary(
+        {{0, 1}, {0}}, [] { prepareTraps(2); },
+        [] { manager->clearHandlerWithFunction(SIGTRAP, trapHandlers[1]); });
 }
 
 // The same function in another form: half of the one and half of the other is called with what it
@@ -217,7 +220,8 @@ void replaceByInvalid() {
 
 TEST(LibraryStepsThroughItsOwn, ReplacementByAnInvalidRecord) {
     SKIP_WITHOUT_STEPS();
-    stepByTheLibrary({{0, 1}, {0}}, [] { prepareTraps(2); }, replaceByInvalid);
+    stepByTheLibrary(
+        {{0, 1}, {0}}, [] { prepareTraps(2); }, replaceByInvalid);
 }
 
 TEST(LibraryStepsThroughItsOwn, ReplacementOfAnInvalidRecord) {
@@ -233,13 +237,15 @@ TEST(LibraryStepsThroughItsOwn, ReplacementOfAnInvalidRecord) {
 
 TEST(LibraryStepsThroughItsOwn, TakeOver) {
     SKIP_WITHOUT_STEPS();
-    stepByTheLibrary({{0, 1}}, [] { prepareTraps(2); }, [] { manager->handleSignal(SIGTRAP); });
+    stepByTheLibrary(
+        {{0, 1}}, [] { prepareTraps(2); }, [] { manager->handleSignal(SIGTRAP); });
 }
 
 TEST(LibraryStepsThroughItsOwn, Walk) {
     SKIP_WITHOUT_STEPS();
-    stepByTheLibrary({{0, 1}}, [] { prepareTraps(2); },
-                     [] { manager->hasPreexistingOrExternalHandlerQ(SIGTRAP); });
+    stepByTheLibrary(
+        {{0, 1}}, [] { prepareTraps(2); },
+        [] { manager->hasPreexistingOrExternalHandlerQ(SIGTRAP); });
 }
 
 }  // namespace
