@@ -17,7 +17,7 @@ struct Block {
 
 // Sizes of blocks: four to a doubling, so that at most a fifth of a block is wasted.
 constexpr std::size_t smallestBlock = 64;
-constexpr std::size_t largestBlock = 64 * 1024;
+constexpr std::size_t largestBlock = std::size_t{64} * 1024;
 constexpr unsigned int stepsInDoubling = 4;
 constexpr unsigned int doublings = 10;
 static_assert(smallestBlock << doublings == largestBlock);
@@ -33,7 +33,8 @@ constexpr unsigned int indexOf(std::size_t size) noexcept {
     if (size <= smallestBlock) {
         return 0;
     }
-    const auto doubling = static_cast<unsigned int>(std::bit_width((size - 1) / smallestBlock)) - 1;
+    const auto doubling =
+        static_cast<unsigned int>(std::bit_width((size - 1) / smallestBlock | 1U)) - 1;
     const std::size_t step = (smallestBlock << doubling) / stepsInDoubling;
     const std::size_t above = size - (smallestBlock << doubling);
     return doubling * stepsInDoubling + static_cast<unsigned int>((above + step - 1) / step);
@@ -63,7 +64,7 @@ struct alignas(smallestBlock) Chunk {
 };
 
 // Large enough for a few tables, and small enough to cost nothing where there are no more.
-constexpr std::size_t chunkSize = 16 * 1024;
+constexpr std::size_t chunkSize = std::size_t{16} * 1024;
 
 constinit std::atomic<Chunk*> current{nullptr};
 
@@ -71,6 +72,7 @@ void* map(std::size_t size) noexcept {
     void* const mapped =
         // cppcheck-suppress invalidFunctionArg ; a mapping without a file has no descriptor
         mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    // cppcheck-suppress memleak ; the caller's
     return mapped == MAP_FAILED ? nullptr : mapped;
 }
 
