@@ -9,8 +9,6 @@ namespace Sorvane {
 
 constinit std::atomic<SVOwnership::Count> SVOwnership::counts[highestSignal + 1];
 
-static_assert(std::atomic<SVOwnership::Count>::is_always_lock_free);
-
 namespace {
 
 struct HandBack {

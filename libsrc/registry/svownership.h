@@ -10,7 +10,8 @@
 // change inside the gate only. Handing back always changes the count, also when the signal is the
 // host's already, and does so before it installs the host's action.
 //
-// A dispatch reads the count when it has pinned the tables that it is going to read.
+// A dispatch reads the count before it pins the tables that it is going to read, and once more
+// after it; if that is another one, it begins anew.
 // - The count is even, and the signal was handed back: this arrival is late and belongs to whom the
 //   signal belongs by now. It is sent on, as it came, to the same thread, once for each count.
 //   Should it come here again all the same, somebody has called the library by hand, and has an

@@ -13,8 +13,6 @@ constinit std::atomic<unsigned int> SVPin::withoutSlot{0};
 
 namespace {
 
-static_assert(SVAtomicRef<SVSignalTable*>::is_always_lock_free);
-
 // Where a thread's search begins: at the beginning of a cache line, which not many threads share.
 unsigned int firstSlotOf(const void* thread, unsigned int slotsInLine,
                          unsigned int lines) noexcept {

@@ -7,7 +7,7 @@
 
 namespace Sorvane {
 
-/// Made when the tables are pinned that are going to be read. Signal context: handler only.
+/// Made before the tables are pinned that are going to be read. Signal context: handler only.
 class SVArrival {
 public:
     explicit SVArrival(int signalNumber) noexcept

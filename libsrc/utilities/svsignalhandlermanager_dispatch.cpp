@@ -103,10 +103,14 @@ private:
 };
 
 // What is to be called is decided from what is published at one instant, whatever other threads do
-// to it meanwhile. Result: whose the signal was then; nothing is called for a late arrival.
+// to it meanwhile; from the beginning, if the signal changes hands before that. Result: whose the
+// signal was then; nothing is called for a late arrival.
 SVArrival callRecords(int signalNumber, siginfo* information, void* context) {
-    Dispatch dispatch(signalNumber);
     const SVArrival arrival(signalNumber);
+    Dispatch dispatch(signalNumber);
+    if (arrival.ownerChangedQ()) {
+        return callRecords(signalNumber, information, context);
+    }
     if (arrival.lateQ()) {
         return arrival;
     }

@@ -51,9 +51,9 @@ bool pinnedQ() {
 class Contents {
 public:
     bool changedQ() {
-        const HandlerTable& table = *tableOf(theSignal);
-        const bool changed = std::memcmp(&m_contents, &table.smalltable, sizeof(m_contents)) != 0;
-        std::memcpy(&m_contents, &table.smalltable, sizeof(m_contents));
+        const void* const slots = tableOf(theSignal)->smalltable;
+        const bool changed = std::memcmp(&m_contents, slots, sizeof(m_contents)) != 0;
+        std::memcpy(&m_contents, slots, sizeof(m_contents));
         return changed;
     }
 
