@@ -40,13 +40,13 @@ const Code code = [] {
     return found;
 }();
 
-bool inProgramQ(const Standing& standing) {
-    return standing.next >= code.begin && standing.next < code.end;
-}
-
 const bool everyInstruction = std::getenv("SORVANE_EVERY_INSTRUCTION") != nullptr;
 
 }  // namespace
+
+bool inProgramQ(std::uintptr_t instruction) {
+    return instruction >= code.begin && instruction < code.end;
+}
 
 bool everyInstructionQ() {
     return everyInstruction;
@@ -75,10 +75,10 @@ bool heldBackQ(const Standing& standing, int signalNumber) {
 
 // With signals held back the thread is about to close the gate, or has just opened it.
 bool beginsThreadsQ(const Standing& standing) {
-    return inProgramQ(standing) || heldBackQ(standing, SIGURG);
+    return inProgramQ(standing.next) || heldBackQ(standing, SIGURG);
 }
 
 // At the edges of the gate no handler can run that could fork.
 bool forksQ(const Standing& standing) {
-    return gateClosedQ() || (inProgramQ(standing) && !heldBackQ(standing, SIGURG));
+    return gateClosedQ() || (inProgramQ(standing.next) && !heldBackQ(standing, SIGURG));
 }

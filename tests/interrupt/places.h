@@ -25,6 +25,9 @@ private:
 
 bool everyInstructionQ();
 
+/// Whether an instruction is the program's own, with the library's, and none of the C library's.
+bool inProgramQ(std::uintptr_t instruction);
+
 /// Whether the thread that is stepped has closed the library's gate.
 bool gateClosedQ();
 
