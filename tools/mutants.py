@@ -435,8 +435,7 @@ class ModelTrial:
     def _commands(self, model):
         definitions = [f"-D{name}" for name in (self._mistake.variant, *self._mistake.configuration)]
         return [["spin", *definitions, "-a", str(model.resolve())],
-                ["gcc", "-O1", "-w", "-DSAFETY", "-DCOLLAPSE", "-DNOREDUCE", "-DMEMLIM=2000",
-                 "-DVECTORSZ=2048", "-o", "pan", "pan.c"],
+                ["gcc", "-O1", "-w", "-DSAFETY", "-DCOLLAPSE", "-DMEMLIM=2000", "-o", "pan", "pan.c"],
                 ["./pan", "-m2000000"]]
 
 
