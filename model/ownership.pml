@@ -1,9 +1,9 @@
 /* Whose a signal is (libsrc/registry/svownership.h), for spin to visit every order of its steps.
  *
- * Two threads to which a signal comes, and one or two that hand it back, take it over, clear the
- * host's record, or make and destroy the last manager; with HOST_CHANGES the host installs actions
- * of its own at any time. What is published changes inside the gate, and nobody reads it while that
- * is closed. But everybody can see each step that concerns the count or what the system has.
+ * Threads to which a signal comes, and others that hand it back, take it over, clear the host's
+ * record, or make and destroy the last manager; with HOST_CHANGES=1 the host installs an action of
+ * its own at any time. What is published changes inside the gate, and nobody reads it while that is
+ * closed. But everybody can see each step that concerns the count or what the system has.
  *
  * What must hold:
  * - Each signal is called once, by the library or by the host's action, also if it is sent on.
@@ -15,11 +15,17 @@
  *   record, unless that was cleared or torn down. The library itself is never on record.
  * - Nothing is torn down while there is a manager.
  *
+ * What the host installs while a signal is the library's is gone after the next dispatch, so nothing
+ * is demanded of that. Nor of what it installs in the few instructions of a hand-back, or between a
+ * dispatch's last look and its installation: that counts as installed before. If it installs
+ * something before a dispatch has looked whose the signal is by now, a signal that comes to another
+ * thread for the second time may be taken for a call by hand, which takes the signal over.
+ *
  * Not in it: how what is published changes while it is read; faults, which come again by themselves
  * instead of being sent on; ordinary signals that merge; system calls that fail; signals that are
- * not held back while they are dispatched; two threads that share a place among those that have
- * sent a signal on; installHandlerInSystem() by hand; fork. What the host installs while a signal is
- * the library's is gone after the next dispatch, so nothing is demanded of that.
+ * not held back while they are dispatched; threads that share a place among those that have sent a
+ * signal on; a host that changes its action twice within the end of one dispatch;
+ * installHandlerInSystem() by hand; fork.
  *
  * Each BROKEN_... is a mistake that must be found.
  */
@@ -36,7 +42,9 @@
 #ifndef HOST_CHANGES
 #define HOST_CHANGES 0
 #endif
+#ifndef DISPATCHERS
 #define DISPATCHERS 2
+#endif
 
 /* Actions: the library's; the host's, numbered in the order in which it installs them; ignoring,
  * which nobody has to get back. */
@@ -54,7 +62,10 @@ byte records = recordOf(FIRST);
 bool tables = true;
 bool handling = true;
 byte managers = CHANGERS;
+byte remembered = LIBRARY;              /* the action that the signal was handed back to */
 byte handedBackBy = 0;
+byte handedBackAt = 0;                  /* the count when that was done */
+byte dispatches = 0;
 byte sentOn[DISPATCHERS + 1];           /* the count at which a thread has sent a signal on */
 #ifdef NEVER_TAKEN
 byte count = 0;                         /* somebody has installed the library by hand */
@@ -67,6 +78,11 @@ mtype = { theLibrary, theHost, anybody };
 mtype owner = theLibrary;
 byte newest = FIRST;                    /* the action that the host has, or would have */
 bool handedBackToNewest = false;
+bool handingBack = false;
+byte installing = 0;                    /* dispatches between their last look and installing */
+byte settling = 0;                      /* dispatches that have installed, and not looked */
+bool installedBetween = false;          /* by the host, then: whoever comes twice takes the signal */
+bool installedMeanwhile = false;        /* by the host, during either: the newest may be lost */
 bool installedBehind = false;           /* by the host, while the signal is the library's */
 byte mustBeOnRecord = 0;
 byte nextAction = FIRST + 1;
@@ -91,16 +107,21 @@ inline countHandBack() {
 }
 
 inline handBackTo(me, action, ownerThen) {
-    handedBackBy = me;
+    d_step { remembered = action; handedBackBy = me; installedMeanwhile = false };
     countHandBack();
     d_step {
         installed = action;
         newest = action;
         handedBackToNewest = true;
+        handingBack = true;
         installedBehind = false;
         mustBeOnRecord = 0;
         owner = ownerThen
-    }
+    };
+#ifndef BROKEN_END_OF_HAND_BACK_NOT_COUNTED
+    count = count + 2;
+#endif
+    d_step { handedBackAt = count; handingBack = false }
 }
 
 inline findFirstRecord(action) {
@@ -137,30 +158,43 @@ inline clear(me, action) {
     openGate()
 }
 
+inline keepOnRecord(hosts, isNew) {
+    isNew = !nobodys(hosts) && (records & recordOf(hosts)) == 0;
+    records = (isNew -> records | recordOf(hosts) : records)
+}
+
+#ifdef BROKEN_REMEMBERED_ACTION_NOT_TAKEN
+#define hidesHostsAction(action) false
+#else
+#define hidesHostsAction(action) ((action) == LIBRARY && dispatches > 0 && handedBack(count))
+#endif
+
 inline takeOver(me, action, displaced, kept) {
     closeGate(me);
     d_step {
         assert(tables);
         action = installed;
+        if
+        :: hidesHostsAction(action) -> action = remembered
+        :: else
+        fi;
 #ifdef BROKEN_LIBRARY_TAKEN_FOR_THE_HOST
         kept = action != IGNORING && (records & recordOf(action)) == 0;
+        records = (kept -> records | recordOf(action) : records)
 #else
-        kept = !nobodys(action) && (records & recordOf(action)) == 0;
+        keepOnRecord(action, kept)
 #endif
-        if
-        :: kept -> records = records | recordOf(action)
-        :: else
-        fi
     };
     d_step {
         displaced = installed;
         installed = LIBRARY;
-        owner = theLibrary;
         installedBehind = false;
         if
-        :: handedBack(count) -> mustBeOnRecord = (nobodys(newest) -> 0 : newest)
+        :: handedBack(count) && owner == theHost ->
+            mustBeOnRecord = (nobodys(newest) || installedMeanwhile -> 0 : newest)
         :: else
-        fi
+        fi;
+        owner = theLibrary
     };
 #ifndef BROKEN_TAKE_OVER_NOT_COUNTED
     count = count + 1 - count % 2;
@@ -168,12 +202,9 @@ inline takeOver(me, action, displaced, kept) {
     d_step {
         if
 #ifndef BROKEN_NEWER_ACTION_FORGOTTEN
-        :: !nobodys(displaced) && displaced != action ->
-            if
-            :: kept -> records = records & ~recordOf(action)
-            :: else
-            fi;
-            records = records | recordOf(displaced)
+        :: displaced != LIBRARY && displaced != action ->
+            records = (kept -> records & ~recordOf(action) : records);
+            keepOnRecord(displaced, kept)
 #endif
         :: else
         fi;
@@ -237,74 +268,129 @@ inline leave(me, action, last) {
     fi
 }
 
+/* What was sent on before may have met the library again, and is sent on once more. */
+inline countPuttingBack() {
+#ifdef BROKEN_PUT_BACK_WITHOUT_COUNTING
+    skip
+#else
+    count = count + 2
+#endif
+}
+
+/* If the host replaces what was found just between, its new action counts. */
+inline putBack(hosts, found, replaced) {
+    d_step { replaced = installed; installed = hosts };
+    if
+#ifndef BROKEN_PUT_BACK_OVER_A_NEWER_ACTION
+    :: replaced != LIBRARY && replaced != found -> installed = replaced
+#endif
+    :: else
+    fi;
+    replaced = 0
+}
+
 /* A late arrival. It is dispatched all the same if the library has the signal again, or was called
  * by hand. */
-inline sendOn(me, now, isSent, byHand) {
+inline sendOn(me, now, isSent, byHand, isInstalled, replaced) {
     closeGate(me);
     d_step {
         now = count;
+        isSent = sentOn[me] != now;
 #ifdef BROKEN_SENT_ON_FOR_EVER
-        sentOn[me] = 0;
+        isSent = true;
 #endif
+        isInstalled = installed == LIBRARY
+    };
+    if
+    :: !handedBack(now) -> isSent = false
+    :: else ->
+        d_step {
+            sentOn[me] = now;
+            isSent = (isInstalled -> dispatches > 1 : isSent)
+        };
         if
-        :: !handedBack(now)
-        :: else ->
-            if
-            :: installed == LIBRARY || sentOn[me] == now ->
+        :: !isSent ->
+            d_step {
                 count++;
                 /* Otherwise the library has what is the host's. */
                 if
-                :: byHand -> owner = theLibrary; mustBeOnRecord = 0
+                :: byHand || installedBetween -> owner = theLibrary; mustBeOnRecord = 0
                 :: else
                 fi
-            :: else -> sentOn[me] = now; isSent = true
-            fi
+            }
+        :: isSent && isInstalled ->
+            countPuttingBack();
+            putBack(remembered, LIBRARY, replaced)
+        :: else
         fi
-    };
+    fi;
+    isInstalled = false;
     openGate()
 }
 
-#if defined BROKEN_OWN_HAND_BACK_NOT_TOLD
-#define leftToTheHost handedBack(current)
-#elif defined BROKEN_OTHERS_HAND_BACK_NOT_TOLD
-#define leftToTheHost false
-#elif defined BROKEN_NEVER_INSTALLED_AGAIN
-#define leftToTheHost true
+#ifdef BROKEN_OWN_HAND_BACK_NOT_TOLD
+#define handedBackByThisThread false
 #else
-#define leftToTheHost (handedBack(current) && handedBackBy != me)
+#define handedBackByThisThread (handedBackBy == me)
 #endif
 
-/* The end of a dispatch: something else than the library may have been installed. */
-inline stayInstalled(me, seen, current) {
-    current = installed;
+#ifdef BROKEN_OLDER_ACTION_TAKEN_FOR_A_NEWER
+#define newer true
+#else
+#define newer (before >= handedBackAt)
+#endif
+
+/* The signal has changed hands, and the library was installed all the same. */
+inline settle(me, displaced, before, current, replaced) {
+    closeGate(me);
     if
-#ifdef BROKEN_INSTALLED_OUTSIDE_THE_GATE
-    :: current != LIBRARY && count == seen -> d_step { installed = LIBRARY; installedBehind = false }
-    :: current != LIBRARY && count != seen ->
-#else
-    :: current != LIBRARY ->
-#endif
-        closeGate(me);
-#ifdef BROKEN_COUNT_AT_ARRIVAL_BELIEVED
-        current = seen;
-#else
-        current = count;
-#endif
-        if
-        :: leftToTheHost
-        :: else ->
-            d_step { installed = LIBRARY; installedBehind = false };
+    :: handedBackByThisThread ->
 #ifndef BROKEN_TAKEN_BACK_WITHOUT_COUNTING
+        count = count + 1 - count % 2;
+#endif
+#ifndef BROKEN_PUT_BACK_BY_ANOTHER_NOT_SEEN
+        d_step { installed = LIBRARY; installedBehind = false }
+#else
+        skip
+#endif
+    :: else ->
+        if
+        :: displaced == LIBRARY
+        :: displaced != LIBRARY && count % 2 == 1 ->
             if
-            :: handedBack(current) -> count++
+            :: newer -> d_step { keepOnRecord(displaced, current); current = 0 }
             :: else
             fi
+        :: else ->
+            countPuttingBack();
+            current = installed;
+            if
+            :: current == LIBRARY && !newer -> putBack(remembered, current, replaced)
+            :: (current == LIBRARY || current == remembered) && newer ->
+                putBack(displaced, current, replaced)
+            :: else
+            fi;
+            current = 0
+        fi
+    fi;
+    openGate()
+}
+
+/* The end of a dispatch: installs first, then looks. */
+inline stayInstalled(me, seen, before, displaced, current, replaced) {
+#ifndef BROKEN_NEVER_INSTALLED_AGAIN
+    d_step { before = count; installing++ };
+    d_step { displaced = installed; installed = LIBRARY; installedBehind = false; installing--; settling++ };
+    if
+#ifndef BROKEN_OTHERS_HAND_BACK_NOT_TOLD
+    :: count != seen -> settle(me, displaced, before, current, replaced)
 #endif
-        fi;
-        openGate()
     :: else
     fi;
-    current = 0
+    d_step { displaced = 0; before = 0; settling-- }
+#else
+    skip
+#endif
 }
 
 /* Finds what is published. If nobody has ever had anything for the library's signal, that is called
@@ -319,8 +405,8 @@ inline pin(found) {
 }
 
 proctype dispatcher(byte me) {
-    byte signals, called, sent, seen, found, action;
-    bool byHand, isSent, last;
+    byte signals, called, sent, seen, found, action, before, displaced, replaced;
+    bool byHand, isSent, isInstalled, last;
 
     do
     :: signals < SIGNALS ->
@@ -339,6 +425,7 @@ arrival:
 #endif
             fi
         };
+        atomic { true -> dispatches++ };
         enter(me);
 look:
 #ifdef BROKEN_COUNT_READ_ONLY_AFTER_PINNING
@@ -349,15 +436,17 @@ look:
         if
         :: handedBack(seen) ->
 #ifdef BROKEN_LATE_ARRIVAL_DROPPED
+            dispatches--;
             leave(me, action, last);
             goto over
 #else
-            sendOn(me, seen, isSent, byHand);
+            sendOn(me, seen, isSent, byHand, isInstalled, replaced);
             if
             :: isSent ->
                 d_step { isSent = false; sent++; seen = 0; found = 0 };
-                assert(sent <= 1 + CHANGERS * CHANGES);
+                assert(sent <= DISPATCHERS + 2 * CHANGERS * CHANGES);
 #ifndef BROKEN_SENT_ON_AND_DISPATCHED
+                dispatches--;
                 leave(me, action, last);
                 goto arrival
 #endif
@@ -389,8 +478,8 @@ look:
         :: true
         fi;
 #endif
-        stayInstalled(me, seen, action);
-        seen = 0;
+        stayInstalled(me, seen, before, displaced, action, replaced);
+        d_step { seen = 0; dispatches-- };
         leave(me, action, last);
 over:
         assert(called == 1)
@@ -435,10 +524,16 @@ proctype host() {
         :: d_step {
             true ->
             installed = nextAction;
-            newest = nextAction;
-            nextAction++;
-            handedBackToNewest = false;
-            installedBehind = true
+            installedBetween = installedBetween || settling > 0;
+            if
+            :: handingBack || installing > 0 -> installedMeanwhile = true
+            :: else ->
+                newest = nextAction;
+                handedBackToNewest = false;
+                installedMeanwhile = false;
+                installedBehind = true
+            fi;
+            nextAction++
            }
 #ifdef WITH_CHAIN
         :: d_step { true -> installed = LIBRARY; owner = anybody }
@@ -473,7 +568,8 @@ init {
     :: owner == theHost ->
         assert(handedBack(count));
         assert(installed == newest ||
-               (handedBackToNewest && installed > newest && !nobodys(installed)))
+               (handedBackToNewest && installed > newest && !nobodys(installed)) ||
+               (installedMeanwhile && !nobodys(installed)))
     :: owner == theLibrary ->
         assert(count % 2 == 1 || count == 0);
         assert(installed == LIBRARY || (installedBehind && installed == newest));

@@ -38,7 +38,8 @@ void take() {
 
 void handBack(void (*handler)(int) = hostHandler) {
     const Sorvane::SVGate gate;
-    SVOwnership::handBack(SIGUSR1, actionOf(handler));
+    SVOwnership::beginHandBack(SIGUSR1, actionOf(handler));
+    SVOwnership::endHandBack(SIGUSR1);
 }
 
 bool sendsOnFirstQ(int signalNumber = SIGUSR1) {
@@ -107,7 +108,9 @@ TEST(Ownership, OfWhatIsNoSignalIsAlwaysNobodys) {
     for (const int number : noSignals) {
         SVOwnership::take(number);
         EXPECT_EQ(SVOwnership::count(number), 0U) << number;
-        SVOwnership::handBack(number, actionOf(hostHandler));
+        SVOwnership::beginHandBack(number, actionOf(hostHandler));
+        EXPECT_EQ(SVOwnership::count(number), 0U) << number;
+        SVOwnership::endHandBack(number);
         EXPECT_EQ(SVOwnership::count(number), 0U) << number;
     }
     EXPECT_EQ(allCounts(), before);
@@ -126,17 +129,19 @@ TEST(Ownership, RemembersTheActionThatASignalWasHandedBackTo) {
     EXPECT_EQ(SVOwnership::actionOfHost(SIGUSR2).sa_handler, SIG_DFL);
 }
 
-// What was sent on before that may have met the library again, and has to be sent on once more.
-TEST(Ownership, RemembersWhatHasBeenPutBackSince) {
-    handBack(hostHandler);
+TEST(Ownership, TellsWhetherAHandBackWasOverWhenTheCountWasRead) {
+    take();
     const Count before = count();
-    {
-        const Sorvane::SVGate gate;
-        SVOwnership::putBack(SIGUSR1, actionOf(otherHostHandler));
-    }
-    EXPECT_EQ(SVOwnership::actionOfHost(SIGUSR1).sa_handler, &otherHostHandler);
-    EXPECT_NE(count(), before);
-    EXPECT_TRUE(SVOwnership::handedBackQ(count()));
+    const Sorvane::SVGate gate;
+    SVOwnership::beginHandBack(SIGUSR1, actionOf(hostHandler));
+    const Count during = count();
+    SVOwnership::endHandBack(SIGUSR1);
+    const Count after = count();
+    SVOwnership::allowSendingOn(SIGUSR1);
+    EXPECT_TRUE(SVOwnership::handedBackSinceQ(SIGUSR1, before));
+    EXPECT_TRUE(SVOwnership::handedBackSinceQ(SIGUSR1, during));
+    EXPECT_FALSE(SVOwnership::handedBackSinceQ(SIGUSR1, after));
+    EXPECT_FALSE(SVOwnership::handedBackSinceQ(SIGUSR1, count()));
 }
 
 TEST(Ownership, RemembersWhichThreadHandedASignalBackLast) {
@@ -144,7 +149,7 @@ TEST(Ownership, RemembersWhichThreadHandedASignalBackLast) {
     constexpr int signalNumber = SIGTERM;
     const auto handBackHere = [] {
         const Sorvane::SVGate gate;
-        SVOwnership::handBack(signalNumber, actionOf(hostHandler));
+        SVOwnership::beginHandBack(signalNumber, actionOf(hostHandler));
     };
     const auto byThisThreadQ = [] { return SVOwnership::handedBackByThisThreadQ(signalNumber); };
     EXPECT_FALSE(byThisThreadQ());
@@ -172,6 +177,18 @@ TEST(SendingOn, IsTheFirstTimeOnceForEachCount) {
         EXPECT_FALSE(sendsOnFirstQ());
         EXPECT_FALSE(sendsOnFirstQ());
     }
+}
+
+TEST(SendingOn, IsTheFirstTimeAgainIfThatIsAllowed) {
+    handBack();
+    EXPECT_TRUE(sendsOnFirstQ());
+    {
+        const Sorvane::SVGate gate;
+        SVOwnership::allowSendingOn(SIGUSR1);
+    }
+    EXPECT_TRUE(SVOwnership::handedBackQ(count()));
+    EXPECT_TRUE(sendsOnFirstQ());
+    EXPECT_FALSE(sendsOnFirstQ());
 }
 
 TEST(SendingOn, IsTheFirstTimeForEachSignalByItself) {

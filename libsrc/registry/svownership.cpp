@@ -14,6 +14,7 @@ namespace {
 struct HandBack {
     struct sigaction action;
     const void* thread;
+    SVOwnership::Count end;
 };
 constinit HandBack handBacks[highestSignal + 1] = {};
 
@@ -40,10 +41,17 @@ void SVOwnership::take(int signalNumber) noexcept {
     }
 }
 
-void SVOwnership::handBack(int signalNumber, const struct sigaction& action) noexcept {
+void SVOwnership::beginHandBack(int signalNumber, const struct sigaction& action) noexcept {
     if (signalExistsQ(signalNumber)) {
-        handBacks[signalNumber] = HandBack{action, SVHandlerContext::thisThread()};
-        counts[signalNumber].fetch_add(librarysQ(signalNumber) ? 1 : 2);
+        const Count begin = count(signalNumber) + (librarysQ(signalNumber) ? 1 : 2);
+        handBacks[signalNumber] = HandBack{action, SVHandlerContext::thisThread(), begin + 2};
+        counts[signalNumber].store(begin);
+    }
+}
+
+void SVOwnership::endHandBack(int signalNumber) noexcept {
+    if (signalExistsQ(signalNumber)) {
+        allowSendingOn(signalNumber);
     }
 }
 
@@ -51,8 +59,12 @@ const struct sigaction& SVOwnership::actionOfHost(int signalNumber) noexcept {
     return handBacks[signalNumber].action;
 }
 
-void SVOwnership::putBack(int signalNumber, const struct sigaction& action) noexcept {
-    handBacks[signalNumber].action = action;
+// Counts go round.
+bool SVOwnership::handedBackSinceQ(int signalNumber, Count count) noexcept {
+    return static_cast<int>(handBacks[signalNumber].end - count) > 0;
+}
+
+void SVOwnership::allowSendingOn(int signalNumber) noexcept {
     counts[signalNumber].fetch_add(2);
 }
 

@@ -8,7 +8,7 @@
 // The mechanism. Each signal has a count, even while it is the host's and odd while it is the
 // library's, and beside it the action to which it was handed back last, and by which thread. They
 // change inside the gate only. Handing back always changes the count, also when the signal is the
-// host's already, and does so before it installs the host's action.
+// host's already: before it installs the host's action, and once more after it.
 //
 // A dispatch reads the count before it pins the tables that it is going to read, and once more
 // after it; if that is another one, it begins anew.
@@ -23,8 +23,12 @@
 //   has, the rest is done inside the gate: what the installation displaced is put back, as it is
 //   the host's, unless this thread itself handed the signal back, in a handler of this dispatch;
 //   that is undone by the installation, as always. Of several dispatches that meet there, the one
-//   that displaced the host's action puts it back. Putting back changes the count, too: what was
-//   sent on before may have met the library again, and is sent on once more.
+//   that displaced the host's action puts it back. Only what was displaced after the last
+//   hand-back's end is newer than what that installed; the count just before the installation
+//   tells. What was sent on meanwhile may have met the library again, and is sent on once more:
+//   that changes the count, too.
+// If the host itself installs an action in the few instructions in which two of these overlap, that
+// counts as done before the hand-back.
 // A take-over that finds the library installed although the signal is the host's has come between a
 // dispatch's installation and its last look; it takes the remembered action for what the host had.
 #ifndef SORVANE_SVOWNERSHIP_H
@@ -61,14 +65,18 @@ constexpr bool handedBackQ(Count count) noexcept {
 /// The signal becomes the library's.
 void take(int signalNumber) noexcept;
 
-/// The signal becomes the host's, with this action; said before that is installed.
-void handBack(int signalNumber, const struct sigaction& action) noexcept;
+/// The signal becomes the host's, with this action; the one said before that is installed, the
+/// other after it.
+void beginHandBack(int signalNumber, const struct sigaction& action) noexcept;
+void endHandBack(int signalNumber) noexcept;
 
-/// The action that a signal was handed back to, or what has been put back since.
+/// The action that a signal was handed back to last, and whether it was not yet, or not to its end,
+/// when the count was read.
 const struct sigaction& actionOfHost(int signalNumber) noexcept;
+bool handedBackSinceQ(int signalNumber, Count count) noexcept;
 
-/// The signal goes on being the host's, with this action; said before that is put back.
-void putBack(int signalNumber, const struct sigaction& action) noexcept;
+/// Whatever was sent on may be sent on once more.
+void allowSendingOn(int signalNumber) noexcept;
 
 /// Whether this thread was the last one to hand the signal back.
 bool handedBackByThisThreadQ(int signalNumber) noexcept;

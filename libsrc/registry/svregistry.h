@@ -3,8 +3,7 @@
 // What is published is one outer table with an inner table for each signal. It changes in one of
 // three ways, and is whole at every instruction on each of them, with the change made or not:
 // - Nobody reads the table that changes, and a slot comes or goes: that is done in place, and is
-// one
-//   store. The table's counts follow it; a child that is split off just between counts anew.
+//   one store. The table's counts follow it; a child that is split off just between counts anew.
 // - Nobody reads it, but it is rebuilt, or a record is replaced: a copy stands in for it, the table
 //   itself is changed where nobody can find it, and takes its place again. So whoever watches the
 //   tables undisturbed sees the objects that it knows change, rather than others take their place.

@@ -29,9 +29,15 @@ bool comesAgainQ(int signalNumber, const siginfo& information) noexcept {
     return byTheCode && information.si_code > 0 && !onlyReported;
 }
 
-bool sendToThisThread(int signalNumber, siginfo& information) noexcept {
-    return syscall(SYS_rt_tgsigqueueinfo, getpid(), syscall(SYS_gettid), signalNumber,
-                   &information) == 0;
+// If the host replaces what was found just between, its new action counts.
+SVFailure putBack(int signalNumber, const struct sigaction& hosts, const struct sigaction& found) {
+    struct sigaction replaced;
+    const SVFailure failure = SVSystemActions::install(signalNumber, hosts, replaced);
+    if (failure || svownActionQ(replaced) || svsameActionQ(replaced, found)) {
+        return failure;
+    }
+    const struct sigaction newer = replaced;
+    return SVSystemActions::install(signalNumber, newer, replaced);
 }
 
 }  // namespace
@@ -54,42 +60,50 @@ bool svsendOn(int signalNumber, siginfo* information, void* context) {
             return false;
         }
         if (installed) {
-            SVOwnership::putBack(signalNumber, host);
-            SVSystemActions::install(signalNumber, host, current);
+            SVOwnership::allowSendingOn(signalNumber);
+            putBack(signalNumber, host, current);
         }
     }
     // Where the system's queue is full the host's handler is called from here.
-    if (!comesAgainQ(signalNumber, *information) && !sendToThisThread(signalNumber, *information)) {
+    if (!comesAgainQ(signalNumber, *information) &&
+        syscall(SYS_rt_tgsigqueueinfo, getpid(), syscall(SYS_gettid), signalNumber, information) !=
+            0) {
         SVSignalHandler(signalNumber, host, true, true, true)(information, context);
     }
     return true;
 }
 
-void SVArrival::settle(const struct sigaction& displaced) const {
-    SVGate::pass([&] {
-        const int signalNumber = m_signalNumber;
-        struct sigaction current;
+// First installs, then looks: whoever hands the signal back after the look displaces the library.
+void SVArrival::stayInstalled() const {
+    const SVOwnership::Count before = SVOwnership::count(m_signalNumber);
+    struct sigaction displaced;
+    SVSystemActions::install(m_signalNumber, svownAction(m_signalNumber), displaced).throwIfAny();
+    if (ownerChangedQ()) {
+        SVGate::pass([&] { return settle(displaced, before); });
+    }
+}
+
+// The signal has changed hands, and the library was installed all the same.
+SVFailure SVArrival::settle(const struct sigaction& displaced, SVOwnership::Count before) const {
+    struct sigaction current;
+    if (SVOwnership::handedBackByThisThreadQ(m_signalNumber)) {
+        return SVSystemActions::takeOver(m_signalNumber, current);
+    }
+    const bool newer = !SVOwnership::handedBackSinceQ(m_signalNumber, before);
+    if (svownActionQ(displaced)) {
+        return SVFailure();
+    }
+    // Taken over again, when the host's action was hidden by the library's.
+    if (SVOwnership::librarysQ(m_signalNumber)) {
         bool kept = false;
-        if (SVOwnership::handedBackByThisThreadQ(signalNumber)) {
-            SVOwnership::take(signalNumber);
-            return SVFailure();
-        }
-        // Taken over again, when the host's action was hidden by the library's.
-        if (SVOwnership::librarysQ(signalNumber)) {
-            return svkeepOnRecord(signalNumber, displaced, kept);
-        }
-        // Whoever has displaced the host's action puts it back.
-        if (svownActionQ(displaced)) {
-            return SVFailure();
-        }
-        return SVSystemActions::ask(signalNumber, current).then([&] {
-            if (!svownActionQ(current) &&
-                !svsameActionQ(current, SVOwnership::actionOfHost(signalNumber))) {
-                return SVFailure();
-            }
-            SVOwnership::putBack(signalNumber, displaced);
-            return SVSystemActions::install(signalNumber, displaced, current);
-        });
+        return newer ? svkeepOnRecord(m_signalNumber, displaced, kept) : SVFailure();
+    }
+    SVOwnership::allowSendingOn(m_signalNumber);
+    const struct sigaction& handedBackTo = SVOwnership::actionOfHost(m_signalNumber);
+    return SVSystemActions::ask(m_signalNumber, current).then([&] {
+        return svownActionQ(current) || (newer && svsameActionQ(current, handedBackTo))
+                   ? putBack(m_signalNumber, newer ? displaced : handedBackTo, current)
+                   : SVFailure();
     });
 }
 

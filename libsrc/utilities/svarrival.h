@@ -3,6 +3,7 @@
 #define SORVANE_SVARRIVAL_H
 
 #include "../registry/svownership.h"
+#include "../support/svfailure.h"
 #include "svsignalhandlermanager.h"
 
 namespace Sorvane {
@@ -19,12 +20,14 @@ public:
     /// Whether the signal has changed hands since it arrived, or has been handed back once more.
     bool ownerChangedQ() const noexcept { return SVOwnership::count(m_signalNumber) != m_seen; }
 
-    /// Sets right what the system has for a signal that has changed hands, after the library was
-    /// installed for it. Parameters: displaced, the action that this has displaced.
+    /// Ends a dispatch: installs the library's own action, because a handler may have changed what
+    /// the system has, unless the signal was handed back meanwhile by another thread.
     /// Errors: SVException: that of installHandlerInSystem(), and those of the tables' insert().
-    void settle(const struct sigaction& displaced) const;
+    void stayInstalled() const;
 
 private:
+    SVFailure settle(const struct sigaction& displaced, SVOwnership::Count before) const;
+
     const int m_signalNumber;
     const SVOwnership::Count m_seen;
 };

@@ -35,6 +35,12 @@ SVAtomicRef<Member> svshared(Member& member) noexcept {
     return SVAtomicRef<Member>(member);
 }
 
+/// Holds a lock for the length of a scope, if there is one.
+class SVLocked : public SVMutex {
+public:
+    explicit SVLocked(SVMutexHandle* handle) { setHandle(handle); }
+};
+
 /// A pin on the manager's tables.
 class SVTablesPin : public SVPin {
 public:

@@ -157,8 +157,7 @@ SVFailure SVSignalHandlerManager::tearDown() {
     if (SVGate::closedByThisThreadQ()) {
         return SVFailure();
     }
-    SVMutex scope;
-    scope.setHandle(lockHandle());
+    const SVLocked scope(lockHandle());
     const SVGate gate;
     return tearDownIfLast();
 }

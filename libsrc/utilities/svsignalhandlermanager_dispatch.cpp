@@ -9,7 +9,6 @@
 #include "svarrival.h"
 #include "svsharedstate.h"
 #include "svsignalhandlermanager.h"
-#include "svsystemactions.h"
 
 namespace Sorvane {
 
@@ -102,27 +101,28 @@ private:
     SVSignalHandlerTable* m_table;
 };
 
-// What is to be called is decided from what is published at one instant, whatever other threads do
-// to it meanwhile; from the beginning, if the signal changes hands before that. Result: whose the
-// signal was then; nothing is called for a late arrival.
-SVArrival callRecords(int signalNumber, siginfo* information, void* context) {
+// One attempt at a dispatch. What is to be called is decided from what is published at one instant,
+// whatever other threads do to it meanwhile. Result: false if the signal changed hands before that;
+// then all begins anew.
+bool dispatch(int signalNumber, siginfo* information, void* context) {
     const SVArrival arrival(signalNumber);
-    Dispatch dispatch(signalNumber);
+    Dispatch records(signalNumber);
     if (arrival.ownerChangedQ()) {
-        return callRecords(signalNumber, information, context);
+        return false;
     }
     if (arrival.lateQ()) {
-        return arrival;
+        return svsendOn(signalNumber, information, context);
     }
-    if (fatalQ(signalNumber) && dispatch.hasHostsOwnQ()) {
-        dispatch.callHostsOwn(information, context);
-        return arrival;
+    if (fatalQ(signalNumber) && records.hasHostsOwnQ()) {
+        records.callHostsOwn(information, context);
+    } else {
+        records.callValid(information, context);
+        if (fatalQ(signalNumber)) {
+            _exit(0);
+        }
     }
-    dispatch.callValid(information, context);
-    if (fatalQ(signalNumber)) {
-        _exit(0);
-    }
-    return arrival;
+    arrival.stayInstalled();
+    return true;
 }
 
 // The interrupted code must not find errno changed, whatever handlers and installations do to it.
@@ -140,22 +140,19 @@ private:
 }  // namespace
 
 void SVSignalHandlerManager::callHandlers(int signalNumber, void* information, void* context) {
-    SVMutex scope;
-    scope.setHandle(lockHandle());
+    const SVLocked scope(lockHandle());
     Dispatch(signalNumber).callValid(information, context);
 }
 
 void SVSignalHandlerManager::callOnlyPreexistingOrExternalHandlers(int signalNumber,
                                                                    void* information,
                                                                    void* context) {
-    SVMutex scope;
-    scope.setHandle(lockHandle());
+    const SVLocked scope(lockHandle());
     Dispatch(signalNumber).callHostsOwn(information, context);
 }
 
 bool SVSignalHandlerManager::hasPreexistingOrExternalHandlerQ(int signalNumber) {
-    SVMutex scope;
-    scope.setHandle(lockHandle());
+    const SVLocked scope(lockHandle());
     return Dispatch(signalNumber).hasHostsOwnQ();
 }
 
@@ -184,21 +181,6 @@ extern "C" void actualSignalHandler(int signalNumber, siginfo* information, void
     const SVHandlerContext::Scope handlerScope;
     // No locking: the thread that was interrupted, or another one, may hold the lock.
     SVSignalHandlerManager manager{SVSignalHandlerManager::Dispatching()};
-    const struct sigaction own =
-        SVSignalHandler(signalNumber, &actualSignalHandler, false, false, true).getOSStruct();
-    for (;;) {
-        const SVArrival arrival = callRecords(signalNumber, information, context);
-        if (!arrival.lateQ()) {
-            // A handler may have changed the system's action; the signal stays taken over.
-            struct sigaction displaced;
-            SVSystemActions::install(signalNumber, own, displaced).throwIfAny();
-            if (arrival.ownerChangedQ()) {
-                arrival.settle(displaced);
-            }
-            return;
-        }
-        if (svsendOn(signalNumber, information, context)) {
-            return;
-        }
+    while (!dispatch(signalNumber, information, context)) {
     }
 }

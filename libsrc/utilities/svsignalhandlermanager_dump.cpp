@@ -9,8 +9,7 @@
 namespace Sorvane {
 
 std::ostream& SVSignalHandlerManager::print(std::ostream& stream) const {
-    SVMutex scope;
-    scope.setHandle(lockHandle());
+    const SVLocked scope(lockHandle());
     stream << "<SVSignalHandlerManager>";
     stream << "<numberOfManagers>"
            << static_cast<unsigned long>(svshared(SVSignalHandlerManager::numberOfManagers).load())

@@ -13,7 +13,7 @@ constexpr SVFailure noTable = svnoTableFailure(144);
 
 // While signals are being handled, the action that the operating system had for the signal is not
 // kept: only taking a signal over with handleSignal() makes a pre-existing record of it.
-SVFailure store(const SVSignalHandler& record, const struct sigaction& own) noexcept {
+SVFailure store(const SVSignalHandler& record) noexcept {
     const int signalNumber = record.getSignalNumber();
     if (!SVSignalHandlerManager::signalDispositionSet.getSignalDisposition(signalNumber)) {
         return SVFailure();
@@ -23,7 +23,7 @@ SVFailure store(const SVSignalHandler& record, const struct sigaction& own) noex
         .then([&] {
             struct sigaction displaced;
             return svshared(SVSignalHandlerManager::currentlyHandlingSignals).load()
-                       ? SVSystemActions::takeOver(signalNumber, own, displaced)
+                       ? SVSystemActions::takeOver(signalNumber, displaced)
                        : SVFailure();
         });
 }
@@ -50,10 +50,8 @@ SVFailure clear(SVSignalHandler& record) noexcept {
 
 void SVSignalHandlerManager::setHandler(SVSignalHandler& handler) {
     const SVSignalHandler record(handler);
-    SVMutex scope;
-    scope.setHandle(lockHandle());
-    const struct sigaction own = theSVHandler(record.getSignalNumber()).getOSStruct();
-    SVGate::pass([&] { return store(record, own); });
+    const SVLocked scope(lockHandle());
+    SVGate::pass([&] { return store(record); });
 }
 
 void SVSignalHandlerManager::setHandlerFromFunction(int signalNumber,
@@ -80,8 +78,7 @@ void SVSignalHandlerManager::setHandlers(SVSignalHandlerList& handlers) {
 
 void SVSignalHandlerManager::clearHandler(SVSignalHandler& handler) {
     SVSignalHandler record(handler);
-    SVMutex scope;
-    scope.setHandle(lockHandle());
+    const SVLocked scope(lockHandle());
     SVGate::pass([&] { return clear(record); });
 }
 

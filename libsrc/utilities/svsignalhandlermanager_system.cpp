@@ -33,9 +33,8 @@ SVFailure SVSystemActions::install(int signalNumber, const struct sigaction& wan
     return failureOf(sigaction(signalNumber, &wanted, &previous));
 }
 
-SVFailure SVSystemActions::takeOver(int signalNumber, const struct sigaction& own,
-                                    struct sigaction& previous) noexcept {
-    const SVFailure failure = install(signalNumber, own, previous);
+SVFailure SVSystemActions::takeOver(int signalNumber, struct sigaction& previous) noexcept {
+    const SVFailure failure = install(signalNumber, svownAction(signalNumber), previous);
     if (!failure) {
         SVOwnership::take(signalNumber);
     }
@@ -47,8 +46,9 @@ SVFailure SVSystemActions::handBack(SVSignalHandler& record) noexcept {
     const bool librarys = SVOwnership::librarysQ(signalNumber);
     const struct sigaction action = record.getOSStruct();
     struct sigaction previous;
-    SVOwnership::handBack(signalNumber, action);
+    SVOwnership::beginHandBack(signalNumber, action);
     const SVFailure failure = install(signalNumber, action, previous);
+    SVOwnership::endHandBack(signalNumber);
     if (failure && librarys) {
         SVOwnership::take(signalNumber);
     }
@@ -60,18 +60,18 @@ SVFailure SVSystemActions::handBack(SVSignalHandler& record) noexcept {
 SVFailure SVSystemActions::handBackPreexisting() noexcept {
     SVFailure failure;
     svforEachSignal([&](int signalNumber) {
-        const SVSignalHandlerTable* const table = svregistry.tableOf(signalNumber);
-        if (table == nullptr) {
-            return;
-        }
-        for (auto position = table->begin(); !failure && position != table->end(); position++) {
-            SVSignalHandler record(position.GetValue());
-            if (record.preExistsQ() && record.validQ()) {
+        svfirstRecord(svregistry.tableOf(signalNumber), [&](SVSignalHandler record) {
+            if (!failure && record.preExistsQ() && record.validQ()) {
                 failure = handBack(record);
             }
-        }
+            return static_cast<bool>(failure);
+        });
     });
     return failure;
+}
+
+struct sigaction svownAction(int signalNumber) noexcept {
+    return SVSignalHandler(signalNumber, &actualSignalHandler, false, false, true).getOSStruct();
 }
 
 bool svownActionQ(const struct sigaction& action) noexcept {
@@ -90,8 +90,7 @@ SVSignalHandler SVSignalHandlerManager::installHandlerInSystem(SVSignalHandler& 
 }
 
 void SVSignalHandlerManager::restorePreviouslyExistingHandlers() {
-    SVMutex scope;
-    scope.setHandle(lockHandle());
+    const SVLocked scope(lockHandle());
     SVGate::pass([] { return SVSystemActions::handBackPreexisting(); });
 }
 

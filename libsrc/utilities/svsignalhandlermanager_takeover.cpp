@@ -32,7 +32,7 @@ SVFailure askForActionOfHost(int signalNumber, struct sigaction& action) noexcep
 
 // The host's handler is put on record before the swap, so that it is on record, for whoever looks,
 // as soon as the library is installed. If the host replaces it just between, its new one counts.
-SVFailure swap(int signalNumber, const struct sigaction& own) noexcept {
+SVFailure swap(int signalNumber) noexcept {
     struct sigaction host;
     struct sigaction displaced;
     bool kept = false;
@@ -42,7 +42,7 @@ SVFailure swap(int signalNumber, const struct sigaction& own) noexcept {
     if (failure) {
         return failure;
     }
-    failure = SVSystemActions::takeOver(signalNumber, own, displaced);
+    failure = SVSystemActions::takeOver(signalNumber, displaced);
     const bool replaced = !failure && !svownActionQ(displaced) && !svsameActionQ(displaced, host);
     if (kept && (failure || replaced)) {
         svregistry.remove(signalNumber, reinterpret_cast<void*>(host.sa_sigaction), noTable);
@@ -50,9 +50,9 @@ SVFailure swap(int signalNumber, const struct sigaction& own) noexcept {
     return replaced ? svkeepOnRecord(signalNumber, displaced, kept) : failure;
 }
 
-SVFailure takeOver(int signalNumber, const struct sigaction& own) noexcept {
+SVFailure takeOver(int signalNumber) noexcept {
     return svregistry.addTable(signalNumber, noTable).then([&] {
-        return allowedQ(signalNumber) ? swap(signalNumber, own) : SVFailure();
+        return allowedQ(signalNumber) ? swap(signalNumber) : SVFailure();
     });
 }
 
@@ -87,10 +87,8 @@ SVFailure svkeepOnRecord(int signalNumber, struct sigaction action, bool& kept) 
 }
 
 void SVSignalHandlerManager::handleSignal(int signalNumber) {
-    SVMutex scope;
-    scope.setHandle(lockHandle());
-    const struct sigaction own = theSVHandler(signalNumber).getOSStruct();
-    SVGate::pass([&] { return takeOver(signalNumber, own); });
+    const SVLocked scope(lockHandle());
+    SVGate::pass([&] { return takeOver(signalNumber); });
 }
 
 // The lock is let go around each handleSignal(), which takes it by itself, so that an exception
@@ -114,7 +112,7 @@ void SVSignalHandlerManager::startHandlingSignals() {
         svforEachSignal([&](int signalNumber) {
             if (!failure && !SVOwnership::librarysQ(signalNumber) &&
                 hasRecordsQ(svregistry.tableOf(signalNumber))) {
-                failure = takeOver(signalNumber, theSVHandler(signalNumber).getOSStruct());
+                failure = takeOver(signalNumber);
             }
         });
         if (!failure) {
@@ -126,8 +124,7 @@ void SVSignalHandlerManager::startHandlingSignals() {
 }
 
 void SVSignalHandlerManager::stopHandlingSignal(int signalNumber) {
-    SVMutex scope;
-    scope.setHandle(lockHandle());
+    const SVLocked scope(lockHandle());
     SVGate::pass([&] { return handBack(signalNumber, ignoreHandler(signalNumber)); });
 }
 
@@ -136,8 +133,7 @@ void SVSignalHandlerManager::stopHandlingSignals() {
         return;
     }
     svforEachSignal([this](int signalNumber) { stopHandlingSignal(signalNumber); });
-    SVMutex scope;
-    scope.setHandle(lockHandle());
+    const SVLocked scope(lockHandle());
     SVGate::pass([this] {
         SVFailure failure;
         // Another thread's registration after its signal's turn has installed the library again.

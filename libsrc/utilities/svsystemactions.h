@@ -22,8 +22,7 @@ SVFailure install(int signalNumber, const struct sigaction& wanted,
 /// Installs the library's own action, and the signal is the library's from now on; or a record's
 /// action, and the signal is the host's. Errors: as above; it is then whose it was.
 /// Signal context: inside the gate.
-SVFailure takeOver(int signalNumber, const struct sigaction& own,
-                   struct sigaction& previous) noexcept;
+SVFailure takeOver(int signalNumber, struct sigaction& previous) noexcept;
 SVFailure handBack(SVSignalHandler& record) noexcept;
 
 /// Puts back, for every signal from 1 to 60, its valid pre-existing records, up to the first that
@@ -36,6 +35,9 @@ SVFailure handBackPreexisting() noexcept;
 /// or its function has a record. Parameters: kept, set if it was kept now. Errors: those of
 /// handleSignal() for want of memory. Signal context: inside the gate.
 SVFailure svkeepOnRecord(int signalNumber, struct sigaction action, bool& kept) noexcept;
+
+/// The library's own action for a signal.
+struct sigaction svownAction(int signalNumber) noexcept;
 
 /// Whether an action's handler is the library's own; whether it is none that the host has to get
 /// back: the library's own, the default action, or the ignoring one.
