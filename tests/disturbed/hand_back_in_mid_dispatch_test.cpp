@@ -20,7 +20,7 @@
 #include "disturbed/waiting.h"
 #include "support/gate.h"
 #include "support/joining_thread.h"
-#include "support/overtaking.h"
+#include "support/stepping.h"
 #include "support/system_actions.h"
 
 namespace {

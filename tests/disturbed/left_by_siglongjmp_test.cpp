@@ -14,8 +14,8 @@
 #include <cstdio>
 
 #include "disturbed/limited_child.h"
-#include "support/overtaking.h"
 #include "support/single_steps.h"
+#include "support/stepping.h"
 #include "support/system_actions.h"
 
 namespace {

@@ -19,8 +19,8 @@
 #include "disturbed/waiting.h"
 #include "support/joining_thread.h"
 #include "support/memory_limit.h"
-#include "support/overtaking.h"
 #include "support/single_steps.h"
+#include "support/stepping.h"
 
 // --- The heap ----------------------------------------------------------------------------------
 

@@ -1,4 +1,4 @@
-#include "interrupt/arrivals.h"
+#include "stepped/arrivals.h"
 
 #include <pthread.h>
 #include <sys/syscall.h>
@@ -9,7 +9,7 @@
 #include <cstdlib>
 #include <utility>
 
-#include "interrupt/other_thread.h"
+#include "stepped/other_thread.h"
 #include "support/faults.h"
 #include "support/system_actions.h"
 

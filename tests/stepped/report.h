@@ -1,6 +1,6 @@
 // What the processes of a stepping test tell each other, and how they end.
-#ifndef SORVANE_TESTS_INTERRUPT_REPORT_H
-#define SORVANE_TESTS_INTERRUPT_REPORT_H
+#ifndef SORVANE_TESTS_STEPPED_REPORT_H
+#define SORVANE_TESTS_STEPPED_REPORT_H
 
 #include <atomic>
 #include <cstddef>

@@ -1,4 +1,4 @@
-#include "interrupt/state_picture.h"
+#include "stepped/state_picture.h"
 
 #include <../registry/svownership.h>
 #include <sorvane/svsignalhandlermanager.h>

@@ -1,4 +1,4 @@
-#include "interrupt/report.h"
+#include "stepped/report.h"
 
 #include <dlfcn.h>
 #include <gtest/gtest.h>

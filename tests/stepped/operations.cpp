@@ -1,4 +1,4 @@
-#include "interrupt/operations.h"
+#include "stepped/operations.h"
 
 #include <algorithm>
 #include <csignal>

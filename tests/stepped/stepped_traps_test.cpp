@@ -11,10 +11,10 @@
 #include <utility>
 #include <vector>
 
-#include "interrupt/arrivals.h"
-#include "interrupt/operations.h"
-#include "interrupt/places.h"
-#include "interrupt/report.h"
+#include "stepped/arrivals.h"
+#include "stepped/operations.h"
+#include "stepped/places.h"
+#include "stepped/report.h"
 #include "support/shared_state.h"
 #include "support/single_steps.h"
 #include "support/stepping.h"

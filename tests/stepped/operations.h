@@ -1,14 +1,14 @@
 // The manager's operations that the tests step through, and what a signal must find before and
 // after each.
-#ifndef SORVANE_TESTS_INTERRUPT_OPERATIONS_H
-#define SORVANE_TESTS_INTERRUPT_OPERATIONS_H
+#ifndef SORVANE_TESTS_STEPPED_OPERATIONS_H
+#define SORVANE_TESTS_STEPPED_OPERATIONS_H
 
 #include <iosfwd>
 #include <string>
 #include <vector>
 
-#include "interrupt/arrivals.h"
-#include "interrupt/state_picture.h"
+#include "stepped/arrivals.h"
+#include "stepped/state_picture.h"
 
 /// By whom an operation is done, and for which signal.
 struct Setting {

@@ -1,4 +1,4 @@
-#include "interrupt/other_thread.h"
+#include "stepped/other_thread.h"
 
 #include <fcntl.h>
 #include <linux/futex.h>

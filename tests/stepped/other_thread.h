@@ -1,6 +1,6 @@
 // A thread that does what it is told, one thing after the other, and is watched meanwhile.
-#ifndef SORVANE_TESTS_INTERRUPT_OTHER_THREAD_H
-#define SORVANE_TESTS_INTERRUPT_OTHER_THREAD_H
+#ifndef SORVANE_TESTS_STEPPED_OTHER_THREAD_H
+#define SORVANE_TESTS_STEPPED_OTHER_THREAD_H
 
 #include <atomic>
 #include <cstddef>

@@ -1,13 +1,18 @@
-#include "interrupt/places.h"
+#include "stepped/places.h"
 
 #include <../registry/svgate.h>
+#include <../registry/svownership.h>
 #include <link.h>
-#include <sorvane/svsignalhandlermanager.h>
 
+#include <algorithm>
 #include <cstdlib>
+#include <cstring>
+#include <iterator>
 #include <utility>
 
 #include "abi/private_members.h"
+#include "support/shared_state.h"
+#include "support/system_actions.h"
 
 REVEAL_MEMBER(GateChanges, Sorvane::SVGate, changes);
 REVEAL_MEMBER(GateClosedByThisThreadQ, Sorvane::SVGate, closedByThisThreadQ);
@@ -65,12 +70,42 @@ bool Selection::selectsQ(const Standing& standing) {
     return everyInstruction || firstTimeQ(standing.next) || ++m_again % distance == 0;
 }
 
+Watch::Watch(int signalNumber) : m_signalNumber(signalNumber), m_table(tableOf(signalNumber)) {
+    look(m_seen);
+}
+
+void Watch::look(Seen& seen) const {
+    seen.table = tableOf(m_signalNumber);
+    seen.owner = Sorvane::SVOwnership::count(m_signalNumber);
+    seen.takenOver = takenOverQ(m_signalNumber);
+    if (m_table != nullptr) {
+        std::memcpy(seen.contents, m_table, sizeof(seen.contents));
+    }
+}
+
+bool Watch::justChangedQ() {
+    constexpr unsigned int instructions = 8;
+    Seen now = {};
+    look(now);
+    m_rest = std::memcmp(&now, &m_seen, sizeof(now)) != 0 ? instructions + 1 : m_rest;
+    std::memcpy(&m_seen, &now, sizeof(now));
+    m_rest -= m_rest == 0 ? 0 : 1;
+    return m_rest != 0;
+}
+
 bool gateClosedQ() {
     return (*memberOf(GateChanges()) & 1U) != 0 && memberOf(GateClosedByThisThreadQ())();
 }
 
 bool heldBackQ(const Standing& standing, int signalNumber) {
     return sigismember(&standing.heldBack, signalNumber) == 1;
+}
+
+bool systemCallQ(const Standing& standing) {
+    constexpr unsigned char instructions[][2] = {{0x0f, 0x05}, {0x0f, 0x34}, {0xcd, 0x80}};
+    const void* const next = reinterpret_cast<const void*>(standing.next);
+    return std::any_of(std::begin(instructions), std::end(instructions),
+                       [next](const auto& one) { return std::memcmp(next, one, 2) == 0; });
 }
 
 // With signals held back the thread is about to close the gate, or has just opened it.

@@ -11,11 +11,11 @@
 #include <tuple>
 #include <vector>
 
-#include "interrupt/arrivals.h"
-#include "interrupt/operations.h"
-#include "interrupt/other_thread.h"
-#include "interrupt/places.h"
-#include "interrupt/report.h"
+#include "stepped/arrivals.h"
+#include "stepped/operations.h"
+#include "stepped/other_thread.h"
+#include "stepped/places.h"
+#include "stepped/report.h"
 #include "support/shared_state.h"
 #include "support/stepping.h"
 #include "support/system_actions.h"
@@ -95,24 +95,25 @@ void forkHere(std::size_t) {
     }
 }
 
-void visit(const Standing& standing) {
+bool selectedQ(const Standing& standing, Watch& watch) {
     static unsigned long inside = 0;
-    constexpr unsigned long distance = 4;
-    ++report().instructions;
-    if (gateClosedQ() && selection.selectsQ(standing) && ++inside % distance == 0) {
-        ++report().visited;
-        other.tell(forkHere, 0);
-        other.waitUntilDone();
-    }
+    constexpr unsigned long distance = 8;
+    const bool due = selection.selectsQ(standing) && ++inside % distance == 0;
+    return gateClosedQ() && (watch.justChangedQ() || due || everyInstructionQ());
 }
 
 void operateStepped() {
-    const bool fatal = theSignal == SIGSEGV;
-    Arrivals::expect(fatal ? States{{host}} : operation->states);
+    Arrivals::expect(theSignal == SIGSEGV ? States{{host}} : operation->states);
     operation->prepare();
     other.begin();
-    step(operation->operate, [](const Standing& standing) {
-        visit(standing);
+    Watch watch(theSignal);
+    step(operation->operate, [&](const Standing& standing) {
+        ++report().instructions;
+        if (selectedQ(standing, watch)) {
+            ++report().visited;
+            other.tell(forkHere, 0);
+            other.waitUntilDone();
+        }
         return true;
     });
 }

@@ -2,16 +2,17 @@
 // same one, in many orders of their instructions. Each signal is accounted for: called once, whole,
 // by the state before the operation or by that after it. And the operation ends as it does
 // undisturbed; a signal that arrives then finds the state after it.
-#ifndef SORVANE_TESTS_INTERRUPT_EACH_INSTRUCTION_H
-#define SORVANE_TESTS_INTERRUPT_EACH_INSTRUCTION_H
+#ifndef SORVANE_TESTS_STEPPED_EACH_INSTRUCTION_H
+#define SORVANE_TESTS_STEPPED_EACH_INSTRUCTION_H
 
 #include <functional>
 
-#include "interrupt/arrivals.h"
-#include "interrupt/state_picture.h"
+#include "stepped/arrivals.h"
+#include "stepped/state_picture.h"
 
 enum class Arrive {
     onThisThread,  ///< a signal, on the thread that is stepped
+    atSystemCall,  ///< the same, before system calls only: one that is not held back
     onAnother,     ///< a signal, on another thread
     asFault,       ///< a fault of another thread, which the host's handler repairs
     asWalk,        ///< none: another thread calls the handlers itself, through a manager
@@ -33,7 +34,7 @@ struct Course {
 void arriveAtEachInstruction(const Course& course);
 
 /// The operation is stepped. What arrived before it has called its first handler, stays in that,
-/// and goes on at one instruction in every few.
+/// and goes on at one instruction in every few, and at each after something has changed.
 void goOnAtSomeInstructions(const Course& course);
 
 /// A dispatch is stepped, and another thread does the whole operation, or as much as it can, at

@@ -5,8 +5,8 @@
 #include <string>
 #include <vector>
 
-#include "interrupt/each_instruction.h"
-#include "interrupt/operations.h"
+#include "stepped/each_instruction.h"
+#include "stepped/operations.h"
 
 namespace {
 

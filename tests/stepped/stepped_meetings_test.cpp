@@ -7,9 +7,9 @@
 #include <functional>
 #include <optional>
 
-#include "interrupt/other_thread.h"
-#include "interrupt/places.h"
-#include "interrupt/report.h"
+#include "stepped/other_thread.h"
+#include "stepped/places.h"
+#include "stepped/report.h"
 #include "support/observed_handlers.h"
 #include "support/shared_state.h"
 #include "support/stepping.h"

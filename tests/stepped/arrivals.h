@@ -1,7 +1,7 @@
 // Signals that arrive while something goes on, each told from all others, and the handlers that
 // note for which of them they are called.
-#ifndef SORVANE_TESTS_INTERRUPT_ARRIVALS_H
-#define SORVANE_TESTS_INTERRUPT_ARRIVALS_H
+#ifndef SORVANE_TESTS_STEPPED_ARRIVALS_H
+#define SORVANE_TESTS_STEPPED_ARRIVALS_H
 
 #include <sorvane/svsignalhandlermanager.h>
 

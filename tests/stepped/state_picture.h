@@ -1,7 +1,7 @@
 // The whole shared state as a text, and with it what the operating system has installed, and whose
 // the signals are, so that two runs can be compared.
-#ifndef SORVANE_TESTS_INTERRUPT_STATE_PICTURE_H
-#define SORVANE_TESTS_INTERRUPT_STATE_PICTURE_H
+#ifndef SORVANE_TESTS_STEPPED_STATE_PICTURE_H
+#define SORVANE_TESTS_STEPPED_STATE_PICTURE_H
 
 #include <string>
 
