@@ -270,9 +270,12 @@ TEST_F(SVObjectOperators, AnArrayIsDestroyedLastElementFirst) {
 }
 
 TEST_F(SVObjectOperators, ThePlacementFormsGiveThePlaceAndDeleteNothing) {
-    alignas(Probe) unsigned char room[sizeof(Probe)];
-    EXPECT_EQ(SVObject::operator new(sizeof(room), room), room);
-    EXPECT_EQ(SVObject::operator new[](sizeof(room), room), room);
+    alignas(Probe) unsigned char bytes[sizeof(Probe)];
+    // The compiler is not to know that this was never allocated.
+    void* const volatile place = bytes;
+    void* const room = place;
+    EXPECT_EQ(SVObject::operator new(sizeof(bytes), room), room);
+    EXPECT_EQ(SVObject::operator new[](sizeof(bytes), room), room);
     SVObject::operator delete(room, room);
     SVObject::operator delete[](room, room);
 }
