@@ -45,7 +45,7 @@ bool signalsHeldBackQ() {
     return sigismember(&heldBack, SIGWINCH) == 1;
 }
 
-void mustNotBeUsed(const char* what) {
+[[maybe_unused]] void mustNotBeUsed(const char* what) {
     if (watch == Watch::nothing || (watch == Watch::heldBack && !signalsHeldBackQ())) {
         return;
     }

@@ -49,12 +49,6 @@ void SVOwnership::beginHandBack(int signalNumber, const struct sigaction& action
     }
 }
 
-void SVOwnership::endHandBack(int signalNumber) noexcept {
-    if (signalExistsQ(signalNumber)) {
-        allowSendingOn(signalNumber);
-    }
-}
-
 const struct sigaction& SVOwnership::actionOfHost(int signalNumber) noexcept {
     return handBacks[signalNumber].action;
 }
@@ -65,7 +59,9 @@ bool SVOwnership::handedBackSinceQ(int signalNumber, Count count) noexcept {
 }
 
 void SVOwnership::allowSendingOn(int signalNumber) noexcept {
-    counts[signalNumber].fetch_add(2);
+    if (signalExistsQ(signalNumber)) {
+        counts[signalNumber].fetch_add(2);
+    }
 }
 
 bool SVOwnership::handedBackByThisThreadQ(int signalNumber) noexcept {

@@ -65,18 +65,20 @@ constexpr bool handedBackQ(Count count) noexcept {
 /// The signal becomes the library's.
 void take(int signalNumber) noexcept;
 
+/// Whatever was sent on may be sent on once more.
+void allowSendingOn(int signalNumber) noexcept;
+
 /// The signal becomes the host's, with this action; the one said before that is installed, the
 /// other after it.
 void beginHandBack(int signalNumber, const struct sigaction& action) noexcept;
-void endHandBack(int signalNumber) noexcept;
+inline void endHandBack(int signalNumber) noexcept {
+    allowSendingOn(signalNumber);
+}
 
 /// The action that a signal was handed back to last, and whether it was not yet, or not to its end,
 /// when the count was read.
 const struct sigaction& actionOfHost(int signalNumber) noexcept;
 bool handedBackSinceQ(int signalNumber, Count count) noexcept;
-
-/// Whatever was sent on may be sent on once more.
-void allowSendingOn(int signalNumber) noexcept;
 
 /// Whether this thread was the last one to hand the signal back.
 bool handedBackByThisThreadQ(int signalNumber) noexcept;

@@ -32,12 +32,10 @@ bool comesAgainQ(int signalNumber, const siginfo& information) noexcept {
 // If the host replaces what was found just between, its new action counts.
 SVFailure putBack(int signalNumber, const struct sigaction& hosts, const struct sigaction& found) {
     struct sigaction replaced;
+    struct sigaction previous;
     const SVFailure failure = SVSystemActions::install(signalNumber, hosts, replaced);
-    if (failure || svownActionQ(replaced) || svsameActionQ(replaced, found)) {
-        return failure;
-    }
-    const struct sigaction newer = replaced;
-    return SVSystemActions::install(signalNumber, newer, replaced);
+    const bool newer = !failure && !svownActionQ(replaced) && !svsameActionQ(replaced, found);
+    return newer ? SVSystemActions::install(signalNumber, replaced, previous) : failure;
 }
 
 }  // namespace
@@ -77,7 +75,7 @@ bool svsendOn(int signalNumber, siginfo* information, void* context) {
 void SVArrival::stayInstalled() const {
     const SVOwnership::Count before = SVOwnership::count(m_signalNumber);
     struct sigaction displaced;
-    SVSystemActions::install(m_signalNumber, svownAction(m_signalNumber), displaced).throwIfAny();
+    SVSystemActions::install(m_signalNumber, svownAction, displaced).throwIfAny();
     if (ownerChangedQ()) {
         SVGate::pass([&] { return settle(displaced, before); });
     }

@@ -34,7 +34,7 @@ SVFailure SVSystemActions::install(int signalNumber, const struct sigaction& wan
 }
 
 SVFailure SVSystemActions::takeOver(int signalNumber, struct sigaction& previous) noexcept {
-    const SVFailure failure = install(signalNumber, svownAction(signalNumber), previous);
+    const SVFailure failure = install(signalNumber, svownAction, previous);
     if (!failure) {
         SVOwnership::take(signalNumber);
     }
@@ -70,9 +70,13 @@ SVFailure SVSystemActions::handBackPreexisting() noexcept {
     return failure;
 }
 
-struct sigaction svownAction(int signalNumber) noexcept {
-    return SVSignalHandler(signalNumber, &actualSignalHandler, false, false, true).getOSStruct();
-}
+// That of theSVHandler(), known before anything runs.
+constinit const struct sigaction svownAction = [] {
+    struct sigaction action = {};
+    action.sa_sigaction = &actualSignalHandler;
+    action.sa_flags = SA_SIGINFO | SA_RESTART | SA_ONSTACK;
+    return action;
+}();
 
 bool svownActionQ(const struct sigaction& action) noexcept {
     return action.sa_sigaction == &actualSignalHandler;

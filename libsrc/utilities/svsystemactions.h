@@ -36,8 +36,8 @@ SVFailure handBackPreexisting() noexcept;
 /// handleSignal() for want of memory. Signal context: inside the gate.
 SVFailure svkeepOnRecord(int signalNumber, struct sigaction action, bool& kept) noexcept;
 
-/// The library's own action for a signal.
-struct sigaction svownAction(int signalNumber) noexcept;
+/// The library's own action, the same for every signal.
+extern constinit const struct sigaction svownAction;
 
 /// Whether an action's handler is the library's own; whether it is none that the host has to get
 /// back: the library's own, the default action, or the ignoring one.
