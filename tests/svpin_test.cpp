@@ -20,11 +20,11 @@
 #include <vector>
 
 #include "support/child_process.h"
-#include "support/emulation.h"
 #include "support/gate.h"
 #include "support/gate_waiter.h"
 #include "support/joining_thread.h"
 #include "support/single_steps.h"
+#include "support/stepping.h"
 
 namespace {
 
@@ -240,9 +240,7 @@ void pinInHandler(int) {
 }
 
 TEST_F(PinTest, IsOneMoreThanThoseOfAHandlerAtAnyInstruction) {
-    if (underValgrindQ()) {
-        GTEST_SKIP() << "valgrind has no trap flag";
-    }
+    SKIP_WITHOUT_STEPS();
     publishedForHandler = m_published;
     std::signal(SIGTRAP, pinInHandler);
     unsigned int notPinned = 0;

@@ -17,10 +17,10 @@
 #include <vector>
 
 #include "support/child_process.h"
-#include "support/emulation.h"
 #include "support/joining_thread.h"
 #include "support/memory_limit.h"
 #include "support/single_steps.h"
+#include "support/stepping.h"
 
 namespace {
 
@@ -254,9 +254,7 @@ TEST(StoreInTheLongRun, GivesNoBlockToAThreadAndAHandler) {
 #if defined(__x86_64__) || defined(__i386__)
 
 TEST(StoreInTheLongRun, GivesNoBlockToAHandlerAtAnyInstruction) {
-    if (underValgrindQ()) {
-        GTEST_SKIP() << "valgrind has no trap flag";
-    }
+    SKIP_WITHOUT_STEPS();
     std::signal(SIGTRAP, useInHandler);
     {
         const SingleSteps steps;
