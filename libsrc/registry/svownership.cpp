@@ -18,11 +18,11 @@ struct HandBack {
 };
 constinit HandBack handBacks[highestSignal + 1] = {};
 
-// The last signals that were sent on. Of two threads that share a place here, one may send a signal
-// on more than once, which does no harm as long as it ends.
+// The last signals that were sent on. A thread has a place of its own here for each signal. Of two
+// threads that share one, each may send its signal on more than once, which does no harm as long as
+// it ends.
 struct SentOn {
     const void* thread;
-    int signalNumber;
     SVOwnership::Count count;
 };
 constexpr unsigned int sentOnCount = 64;
@@ -72,10 +72,10 @@ bool SVOwnership::sendsOnFirstQ(int signalNumber) noexcept {
     const void* const thread = SVHandlerContext::thisThread();
     SentOn& last = placeOf(thread, signalNumber);
     const Count now = count(signalNumber);
-    if (last.thread == thread && last.signalNumber == signalNumber && last.count == now) {
+    if (last.thread == thread && last.count == now) {
         return false;
     }
-    last = SentOn{thread, signalNumber, now};
+    last = SentOn{thread, now};
     return true;
 }
 

@@ -3,7 +3,9 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <csignal>
+#include <iterator>
 
 #include "svsharedstate.h"
 #include "svsystemactions.h"
@@ -22,8 +24,8 @@ bool heldBackQ(int signalNumber) noexcept {
 
 // Such a fault is that of the instruction that was interrupted, which runs again.
 bool comesAgainQ(int signalNumber, const siginfo& information) noexcept {
-    const bool byTheCode = signalNumber == SIGSEGV || signalNumber == SIGBUS ||
-                           signalNumber == SIGILL || signalNumber == SIGFPE;
+    constexpr int faults[] = {SIGSEGV, SIGBUS, SIGILL, SIGFPE};
+    const bool byTheCode = std::count(std::begin(faults), std::end(faults), signalNumber) != 0;
     // A defect of memory that nobody has touched does not come again.
     const bool onlyReported = signalNumber == SIGBUS && information.si_code == BUS_MCEERR_AO;
     return byTheCode && information.si_code > 0 && !onlyReported;
@@ -49,9 +51,9 @@ bool svsendOn(int signalNumber, siginfo* information, void* context) {
             return false;
         }
         host = SVOwnership::actionOfHost(signalNumber);
-        struct sigaction current;
-        const bool installed =
-            !SVSystemActions::ask(signalNumber, current) && svownActionQ(current);
+        struct sigaction current = host;
+        static_cast<void>(SVSystemActions::ask(signalNumber, current));
+        const bool installed = svownActionQ(current);
         const bool first = SVOwnership::sendsOnFirstQ(signalNumber);
         if (!delivered || (installed ? !svothersDispatchQ() : !first)) {
             SVOwnership::take(signalNumber);

@@ -75,15 +75,14 @@ SVFailure handBack(int signalNumber, SVSignalHandler wanted) noexcept {
 }  // namespace
 
 SVFailure svkeepOnRecord(int signalNumber, struct sigaction action, bool& kept) noexcept {
-    const SVSignalHandler record(signalNumber, action, true, true, true);
-    const SVSignalHandlerTable* const table = svregistry.tableOf(signalNumber);
-    if (svnobodysActionQ(action) || table == nullptr ||
-        table->has_key(record.getHandlerFunction())) {
+    if (svnobodysActionQ(action)) {
         return SVFailure();
     }
-    const SVFailure failure = svregistry.store(record, noTable);
-    kept = !failure;
-    return failure;
+    return svregistry.addTable(signalNumber, noTable).then([&] {
+        const SVSignalHandler record(signalNumber, action, true, true, true);
+        kept = !svregistry.tableOf(signalNumber)->has_key(record.getHandlerFunction());
+        return kept ? svregistry.store(record, noTable) : SVFailure();
+    });
 }
 
 void SVSignalHandlerManager::handleSignal(int signalNumber) {
