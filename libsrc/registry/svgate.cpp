@@ -57,8 +57,8 @@ bool SVGate::lock() noexcept {
             return false;
         }
         if (ofAnotherProcessQ(found)) {
-            // GCOVR_EXCL_BR_LINE: false only if two threads of a child find it at the same instant
-            if (word.compare_exchange_strong(found, self, std::memory_order_acquire)) {
+            const bool mine = word.compare_exchange_strong(found, self, std::memory_order_acquire);
+            if (mine) {  // GCOVR_EXCL_BR_LINE: another thread of the child may have been faster
                 giveUpChange();
                 return true;
             }

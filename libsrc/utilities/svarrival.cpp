@@ -33,10 +33,10 @@ bool comesAgainQ(int signalNumber, const siginfo& information) noexcept {
 
 // If the host replaces what was found just between, its new action counts.
 SVFailure putBack(int signalNumber, const struct sigaction& hosts, const struct sigaction& found) {
-    struct sigaction replaced;
+    struct sigaction replaced = found;
     struct sigaction previous;
     const SVFailure failure = SVSystemActions::install(signalNumber, hosts, replaced);
-    const bool newer = !failure && !svownActionQ(replaced) && !svsameActionQ(replaced, found);
+    const bool newer = !svownActionQ(replaced) && !svsameActionQ(replaced, found);
     return newer ? SVSystemActions::install(signalNumber, replaced, previous) : failure;
 }
 
@@ -47,15 +47,14 @@ bool svsendOn(int signalNumber, siginfo* information, void* context) {
     struct sigaction host;
     {
         const SVGate gate;
-        if (!SVOwnership::handedBackQ(SVOwnership::count(signalNumber))) {
-            return false;
-        }
+        const bool hosts = SVOwnership::handedBackQ(SVOwnership::count(signalNumber));
+        const bool late = delivered && hosts;  // GCOVR_EXCL_BR_LINE: taken over just before
         host = SVOwnership::actionOfHost(signalNumber);
         struct sigaction current = host;
         static_cast<void>(SVSystemActions::ask(signalNumber, current));
         const bool installed = svownActionQ(current);
         const bool first = SVOwnership::sendsOnFirstQ(signalNumber);
-        if (!delivered || (installed ? !svothersDispatchQ() : !first)) {
+        if (!late || (installed ? !svothersDispatchQ() : !first)) {
             SVOwnership::take(signalNumber);
             return false;
         }
