@@ -208,6 +208,15 @@ TYPED_TEST(BothTables, ReusingADeletedSlotDoesNotIncrementFill) {
     this->expectValue(2, 10);
 }
 
+TYPED_TEST(BothTables, ReusingADeletedSlotDoesNotMakeTheTableGrow) {
+    this->insert({0, 1, 2, 3, 4});
+    this->remove({2});
+    EXPECT_FALSE(this->table.growsWithQ(TypeParam::key(2)));
+    EXPECT_TRUE(this->table.growsWithQ(TypeParam::key(5)));
+    this->insert({2});
+    this->expectCounts(5, 5, 8);
+}
+
 TYPED_TEST(BothTables, ADeletedHomeSlotIsPassedOver) {
     this->insert({2, 10});
     this->remove({2});
