@@ -74,7 +74,12 @@ TEST(Ownership, ChangesWithEachHandBack) {
         take();
         EXPECT_TRUE(counts.insert(count()).second);
         for (int i = 0; i < 3; ++i) {
-            handBack();
+            {
+                const Sorvane::SVGate gate;
+                SVOwnership::beginHandBack(SIGUSR1, actionOf(hostHandler));
+                EXPECT_TRUE(counts.insert(count()).second);
+                SVOwnership::endHandBack(SIGUSR1);
+            }
             EXPECT_TRUE(counts.insert(count()).second);
             EXPECT_FALSE(SVOwnership::librarysQ(SIGUSR1));
             EXPECT_TRUE(SVOwnership::handedBackQ(count()));

@@ -202,6 +202,8 @@ protected:
         m_reader.emplace(m_published);
     }
 
+    void addManyTables();
+
     // The reader finds what it found before.
     void expectReaderUndisturbed() const {
         ASSERT_EQ(m_reader->tables(), m_outer);
@@ -296,6 +298,33 @@ TEST_F(RegistryWhileRead, ChangesInPlaceAgainAfterTheLastReader) {
     ASSERT_TRUE(store(SIGUSR2, 2));
     EXPECT_EQ(m_published, outer);
     EXPECT_EQ(tableOf(SIGUSR2), m_second);
+}
+
+// Storage that is released is had again by the next tables.
+void RegistryWhileRead::addManyTables() {
+    for (int signalNumber = 1; signalNumber <= 9; ++signalNumber) {
+        ASSERT_TRUE(store(signalNumber, 7));
+    }
+}
+
+TEST_F(RegistryWhileRead, ReleasesNoTableThatIsStillPublished) {
+    ASSERT_TRUE(store(SIGUSR1, 2));
+    m_reader.reset();
+    addManyTables();
+    EXPECT_EQ(tableOf(SIGUSR2), m_second);
+    EXPECT_EQ(m_second->used, 1U);
+    EXPECT_TRUE(hasQ(SIGUSR2, 1));
+}
+
+TEST_F(RegistryWhileRead, ReleasesNoTableThatAnOlderReaderShares) {
+    ASSERT_TRUE(store(SIGUSR1, 2));
+    {
+        const SVPin second(m_published);
+        ASSERT_TRUE(store(SIGUSR2, 2));
+        EXPECT_EQ(second.tableOf(SIGUSR2), m_second);
+    }
+    addManyTables();
+    expectReaderUndisturbed();
 }
 
 TEST_F(RegistryWhileRead, EndsWithoutTheReadersNotice) {

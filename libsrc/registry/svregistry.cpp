@@ -1,7 +1,6 @@
 #include "svregistry.h"
 
 #include <atomic>
-#include <csignal>
 #include <type_traits>
 
 #include "../support/svatomicref.h"
@@ -194,7 +193,7 @@ SVFailure SVRegistry::change(int signalNumber, bool inPlace, const SVFailure& no
         }
         return failure;
     }
-    if (!inPlace || signalNumber == SIGTRAP || signalNumber == SIGSYS) {
+    if (!inPlace) {
         return changeOutOfSight(place, make);
     }
     letPointTo(beingChanged, table);

@@ -7,7 +7,6 @@
 // - Nobody reads it, but it is rebuilt, or a record is replaced: a copy stands in for it, the table
 //   itself is changed where nobody can find it, and takes its place again. So whoever watches the
 //   tables undisturbed sees the objects that it knows change, rather than others take their place.
-//   A change for SIGTRAP or SIGSYS goes this way, too: their handlers may come in the middle of it.
 // - Somebody reads it: what is published is left to those who read it, and retired, and a copy of
 //   the outer table is published. A copy of the inner table is changed, and takes its place there.
 //   What is retired is released by the first change that finds it read no more; until then it
