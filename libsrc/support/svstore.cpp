@@ -124,7 +124,6 @@ Block* pop(std::atomic<Block*>& list) noexcept {
         while (last->next != nullptr) {
             last = last->next;
         }
-        push(list, rest, last);
     }
     return first;
 }
