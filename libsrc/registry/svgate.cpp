@@ -57,7 +57,7 @@ bool SVGate::lock() noexcept {
             return false;
         }
         if (ofAnotherProcessQ(found)) {
-            // GCOVR_EXCL_BR_LINE: false only if two threads of a child find it at the same instant
+            // False if two of a child find it at the same instant.
             if (word.compare_exchange_strong(found, self, std::memory_order_acquire)) {
                 giveUpChange();
                 return true;
