@@ -7,6 +7,7 @@
 #include <csignal>
 #include <cstdlib>
 #include <memory>
+#include <optional>
 #include <utility>
 #include <vector>
 
@@ -285,6 +286,49 @@ TEST_F(ManagerLifetime, LastManagerLeavesTheLockToOneThatIsAboutToTakeIt) {
     lastIsGone.open();
     maker.join();
     EXPECT_EQ(log->destructions, 1U);
+}
+
+// The last one found signals handled, and is about to take the lock once more.
+TEST_F(ManagerLifetime, LastManagerLeavesTheStateOfOneThatHasStoppedMeanwhile) {
+    hostInstalls(SIGUSR1, hostHandler);
+    auto last = std::make_unique<Manager>(true);
+    last->setHandlerFromFunction(SIGUSR1, userHandler);
+    last->startHandlingSignals();
+    const std::shared_ptr<LockLog> log = WatchedLock::putInPlace();
+    bool stopped = false;
+    log->onDemand = [&] {
+        if (Manager::numberOfManagers == 0 && !std::exchange(stopped, true)) {
+            JoiningThread([] { Manager(false).stopHandlingSignals(); }).join();
+            EXPECT_FALSE(Manager::currentlyHandlingSignals);
+            hostInstalls(SIGUSR1, otherHostHandler);
+        }
+    };
+    last.reset();
+    EXPECT_TRUE(stopped) << "the moment did not come";
+    EXPECT_NE(recordOf(SIGUSR1, userHandler), nullptr);
+    EXPECT_NE(recordOf(SIGUSR1, hostHandler), nullptr);
+    EXPECT_EQ(systemHandler(SIGUSR1), addressOf(otherHostHandler));
+    EXPECT_EQ(log->destructions, 1U);
+}
+
+TEST_F(ManagerLifetime, LastManagerLeavesTheStateToOneThatIsMadeMeanwhile) {
+    auto last = std::make_unique<Manager>(true);
+    last->setHandlerFromFunction(SIGUSR1, userHandler);
+    last->startHandlingSignals();
+    const std::shared_ptr<LockLog> log = WatchedLock::putInPlace();
+    std::optional<Manager> next;
+    log->onDemand = [&] {
+        if (Manager::numberOfManagers == 0) {
+            JoiningThread([&next] { next.emplace(false); }).join();
+        }
+    };
+    last.reset();
+    log->onDemand = nullptr;
+    ASSERT_TRUE(next.has_value()) << "the moment did not come";
+    EXPECT_NE(recordOf(SIGUSR1, userHandler), nullptr);
+    EXPECT_TRUE(Manager::currentlyHandlingSignals);
+    EXPECT_TRUE(takenOverQ(SIGUSR1));
+    EXPECT_EQ(log->destructions, 0U);
 }
 
 TEST_F(ManagerLifetime, LockIsReentrantForItsThreadAndShutForOthers) {

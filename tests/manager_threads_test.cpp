@@ -4,6 +4,7 @@
 #include <sorvane/svsignalhandlermanager.h>
 
 #include <atomic>
+#include <cerrno>
 #include <csignal>
 #include <cstddef>
 #include <functional>
@@ -16,6 +17,7 @@
 #include <utility>
 #include <vector>
 
+#include "support/failure.h"
 #include "support/gate.h"
 #include "support/joining_thread.h"
 #include "support/manager_fixture.h"
@@ -527,6 +529,30 @@ TEST_F(TwoThreads, RegistrationFallsBetweenTheSignalsOfAStartAndIsTakenOver) {
     log->onFree = nullptr;
     EXPECT_TRUE(takenOverQ(SIGINT));
     EXPECT_TRUE(takenOverQ(SIGTERM));
+}
+
+// SIGKILL can't be taken over. It and the one after it have had their turns by then.
+TEST_F(TwoThreads, RegistrationThatTheSystemRefusesFallsBetweenTheSignalsOfAStartAndEndsIt) {
+    Manager manager(true);
+    manager.setSignalDisposition(SIGKILL, true);
+    manager.setHandlerFromFunction(SIGTERM, userHandler);
+    const std::shared_ptr<LockLog> log = WatchedLock::putInPlace();
+    bool first = true;
+    log->onFree = [&] {
+        if (std::exchange(first, false)) {
+            std::thread([] {
+                Manager other(true);
+                other.setHandlerFromFunction(SIGKILL, userHandler);
+                other.setHandlerFromFunction(SIGUSR1, userHandler);
+            }).join();
+        }
+    };
+    expectSigactionFailure(failureOf([&] { manager.startHandlingSignals(); }), EINVAL);
+    log->onFree = nullptr;
+    EXPECT_TRUE(takenOverQ(SIGTERM));
+    EXPECT_FALSE(takenOverQ(SIGUSR1)) << "it comes after the one that failed";
+    EXPECT_FALSE(Manager::currentlyHandlingSignals);
+    EXPECT_TRUE(lockIsFree());
 }
 
 TEST_F(TwoThreads, HandBackFallsBetweenTheSignalsOfAStartAndIsTakenOverAgain) {

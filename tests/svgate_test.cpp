@@ -2,6 +2,7 @@
 
 #include <../registry/svgate.h>
 #include <gtest/gtest.h>
+#include <linux/futex.h>
 #include <pthread.h>
 #include <sched.h>
 #include <sys/syscall.h>
@@ -27,6 +28,8 @@
 #include "support/joining_thread.h"
 #include "support/manager_fixture.h"
 #include "support/sanitizers.h"
+#include "support/stepping.h"
+#include "support/system_call_filter.h"
 #include "support/thread_state.h"
 
 extern "C" pid_t _Fork();
@@ -235,6 +238,35 @@ TEST_P(WaitingAtTheGate, IsDoneByAsManyAsLike) {
     }
 }
 
+// The change is told by then, and the kernel will not know of the opening if nobody waits.
+TEST_F(GateTest, IsHandedOnToOneWhoComesAtAnyInstructionOfItsOpening) {
+    SKIP_WITHOUT_STEPS();
+    const auto self = static_cast<unsigned int>(gettid());
+    bool reached = true;
+    unsigned int instruction = 0;
+    for (; reached; ++instruction) {
+        std::optional<SVGate> gate(std::in_place);
+        std::optional<GateWaiter> other;
+        unsigned int passed = 0;
+        step([&gate] { gate.reset(); },
+             [&](const Standing&) {
+                 reached = !SVGate::closedByThisThreadQ() && gateWord() == self &&
+                           passed++ == instruction;
+                 if (reached) {
+                     other.emplace(&closeAndOpen);
+                     other->waitUntilAsleep();
+                 }
+                 return !reached && gateWord() == self;
+             });
+        if (other) {
+            other->join();
+            EXPECT_TRUE(other->doneQ());
+        }
+        ASSERT_EQ(gateWord(), 0U) << "at instruction " << instruction;
+    }
+    EXPECT_GT(instruction, 3U);
+}
+
 TEST_F(GateTest, LetsOneInAtATime) {
     constexpr unsigned int rounds = 20000;
     constexpr unsigned int threadCount = 4;
@@ -283,6 +315,31 @@ TEST_F(GateTest, LetsOneInAtATimeAlsoOfHandlers) {
     const auto total = static_cast<unsigned int>(2 * signals * threads.size());
     threads.clear();
     EXPECT_EQ(changesInHandlers, total);
+}
+
+// Asleep for a moment at a time, then.
+TEST_F(GateTest, LetsOneInAtATimeAlsoIfTheKernelKnowsNoFutexWithPriorityInheritance) {
+    SKIP_WITHOUT_SYSTEM_CALL_FILTERS();
+    std::optional<SVGate> gate(std::in_place);
+    bool refused = false;
+    std::atomic<pid_t> number{0};
+    std::atomic<bool> inside{false};
+    JoiningThread other([&] {
+        refused = refuseSystemCall(SYS_futex, {{1, true, FUTEX_LOCK_PI_PRIVATE}}, ENOSYS);
+        number = gettid();
+        const SVGate own;
+        inside = true;
+    });
+    while (number == 0 || !(inside || ThreadState(number).asleepQ())) {
+        std::this_thread::yield();
+    }
+    EXPECT_FALSE(inside);
+    EXPECT_EQ(gateWord(), static_cast<unsigned int>(gettid())) << "the kernel knows who waits";
+    gate.reset();
+    other.join();
+    EXPECT_TRUE(refused);
+    EXPECT_TRUE(inside);
+    EXPECT_EQ(gateWord(), 0U);
 }
 
 // --- Priorities ----------------------------------------------------------------------------------
@@ -436,6 +493,54 @@ TEST_P(ChildOf, AChildGoesOnToo) {
     const ChildEnd end = endOf(child);
     done.open();
     EXPECT_TRUE(end.exitedWithQ(wentOn)) << end;
+}
+
+// Closes the gate and opens it, and a handler for SIGTRAP waits for it at one instruction before it
+// has become this thread's. Result: whether there are so many.
+bool closeAndComeAt(unsigned int instruction) {
+    const unsigned int found = gateWord();
+    unsigned int passed = 0;
+    bool came = false;
+    const auto closeAndLook = [] {
+        const SVGate gate;
+        EXPECT_TRUE(SVGate::closedByThisThreadQ());
+        EXPECT_EQ(gateWord(), static_cast<unsigned int>(gettid()));
+    };
+    step(closeAndLook, [&](const Standing& standing) {
+        // They are held back from the constructor's beginning.
+        came = gateWord() == found && sigismember(&standing.heldBack, SIGUSR1) == 1 &&
+               passed++ == instruction;
+        if (came) {
+            SVGate::waitUntilOpen();
+        }
+        return gateWord() == found;
+    });
+    return came;
+}
+
+TEST_F(GateTest, IsTakenByOneOfTwoWhoFindItClosedInAChildAtTheSameInstant) {
+    SKIP_WITHOUT_STEPS();
+    Gate closed;
+    Gate done;
+    JoiningThread other([&] {
+        const SVGate gate;
+        closed.open();
+        done.pass();
+    });
+    closed.pass();
+    const ChildEnd end = inChild([] {
+        const unsigned int found = gateWord();
+        unsigned int instruction = 0;
+        while (closeAndComeAt(instruction) && !testing::Test::HasFailure()) {
+            EXPECT_TRUE(SVGate::openQ());
+            EXPECT_EQ(gateWord(), 0U);
+            *memberOf(GateWord()) = found;
+            ++instruction;
+        }
+        EXPECT_GT(instruction, 10U);
+    });
+    done.open();
+    EXPECT_TRUE(end.wentOnQ()) << end;
 }
 
 // What fork() runs in the child, for those who have asked for it.

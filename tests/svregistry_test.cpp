@@ -8,13 +8,20 @@
 
 #include <climits>
 #include <csignal>
+#include <cstddef>
 #include <cstdint>
 #include <functional>
-#include <memory>
+#include <initializer_list>
 #include <optional>
 #include <set>
-#include <utility>
+#include <string>
 #include <vector>
+
+#include "support/child_process.h"
+#include "support/gate.h"
+#include "support/joining_thread.h"
+#include "support/memory_limit.h"
+#include "support/stepping.h"
 
 namespace {
 
@@ -337,6 +344,160 @@ TEST_F(RegistryWhileRead, EndsWithoutTheReadersNotice) {
     expectReaderUndisturbed();
 }
 
+// --- While somebody reads, and there is no memory ------------------------------------------------
+
+class RegistryWhileReadWithoutMemory : public RegistryWhileRead {
+protected:
+    void SetUp() override { SKIP_WITHOUT_MEMORY_LIMIT(); }
+
+    // With memory for no more than blocks of these sizes. Result: the failure's message.
+    static std::string failureWith(std::initializer_list<std::size_t> sizes,
+                                   const std::function<SVFailure()>& change) {
+        SVFailure failure;
+        {
+            const MemoryLimit limit(sizes);
+            const SVGate gate;
+            failure = change();
+        }
+        return failure ? failure.exception().getMessage() : "none";
+    }
+    SVFailure tryToAddTable(int signalNumber) { return m_registry.addTable(signalNumber, noTable); }
+    SVFailure tryToStore(int signalNumber, std::uintptr_t address) {
+        return m_registry.store(recordOf(signalNumber, address), noTable);
+    }
+
+    // What keeps displaced tables for their readers.
+    static constexpr std::size_t sizeOfRetired = 3 * sizeof(void*);
+};
+
+TEST_F(RegistryWhileReadWithoutMemory, EndsAndLeavesTheTablesToTheReadersForGood) {
+    {
+        const MemoryLimit limit;
+        end();
+    }
+    EXPECT_EQ(m_published, nullptr);
+    EXPECT_EQ(m_registry.timesEnded(), 1U);
+    begin();
+    ASSERT_TRUE(store(SIGUSR1, 5));
+    EXPECT_FALSE(hasQ(SIGUSR1, 1));
+    expectReaderUndisturbed();
+}
+
+TEST_F(RegistryWhileReadWithoutMemory, AddsNoSignalWithoutACopyOfTheOuterTableThatCanBeKeptApart) {
+    const auto add = [this] { return tryToAddTable(SIGTERM); };
+    constexpr std::size_t outer = sizeof(SVSignalTable);
+    constexpr std::size_t inner = sizeof(SVSignalHandlerTable);
+    for (const auto& sizes : {std::initializer_list<std::size_t>{inner},
+                              {inner, outer},
+                              {inner, sizeOfRetired},
+                              {outer, sizeOfRetired}}) {
+        EXPECT_EQ(failureWith(sizes, add), "no table");
+        EXPECT_EQ(m_published, m_outer);
+        EXPECT_EQ(tableOf(SIGTERM), nullptr);
+        expectReaderUndisturbed();
+    }
+    EXPECT_EQ(failureWith({inner, outer, sizeOfRetired}, add), "none");
+    EXPECT_NE(tableOf(SIGTERM), nullptr);
+    expectReaderUndisturbed();
+}
+
+TEST_F(RegistryWhileReadWithoutMemory, ChangesNoTableThatTheReadersShareWithoutACopyOfIt) {
+    ASSERT_TRUE(store(SIGUSR1, 2));
+    const auto change = [this] { return tryToStore(SIGUSR2, 2); };
+    EXPECT_EQ(failureWith({}, change), "no table");
+    EXPECT_EQ(tableOf(SIGUSR2), m_second);
+    expectReaderUndisturbed();
+    EXPECT_EQ(failureWith({sizeof(SVSignalHandlerTable)}, change), "none");
+    EXPECT_TRUE(hasQ(SIGUSR2, 2));
+    expectReaderUndisturbed();
+}
+
+TEST_F(RegistryWhileReadWithoutMemory, ChangesNoTableThatTheReadersShareIfTheCopyCantGrow) {
+    m_reader.reset();
+    for (std::uintptr_t address = 2; address <= 5; ++address) {
+        ASSERT_TRUE(store(SIGUSR2, address));
+    }
+    m_reader.emplace(m_published);
+    ASSERT_TRUE(store(SIGUSR1, 2));
+    const auto grow = [this] { return tryToStore(SIGUSR2, 6); };
+    EXPECT_EQ(failureWith({sizeof(SVSignalHandlerTable)}, grow),
+              "Unable to allocate space for new table.");
+    EXPECT_EQ(tableOf(SIGUSR2), m_second);
+    EXPECT_EQ(m_second->used, 5U);
+    ASSERT_TRUE(store(SIGUSR2, 6));
+    EXPECT_EQ(tableOf(SIGUSR2)->used, 6U);
+    EXPECT_EQ(m_second->used, 5U);
+}
+
+// --- In a child of a process in which another thread was changing a table ------------------------
+
+class RegistryInAChild : public RegistryTest {
+protected:
+    void SetUp() override {
+        SKIP_WITHOUT_STEPS();
+        for (const std::uintptr_t address : {1U, 2U, 3U}) {
+            ASSERT_TRUE(store(SIGUSR1, address));
+        }
+        ASSERT_TRUE(remove(SIGUSR1, 3));
+        m_table = tableOf(SIGUSR1);
+    }
+
+    // As its slots say, not its counts.
+    unsigned int slotsIn(unsigned int state) const {
+        unsigned int slots = 0;
+        for (unsigned int i = 0; i <= m_table->mask; ++i) {
+            slots += m_table->table[i].state == state ? 1 : 0;
+        }
+        return slots;
+    }
+
+    // A child that is split off when a slot has changed and the count has not followed yet.
+    void expectChildToCountAnew(const std::function<void()>& change) {
+        Gate halfDone;
+        Gate childEnded;
+        bool waited = false;
+        JoiningThread other([&] {
+            step(change, [&](const Standing&) {
+                waited = slotsIn(Sorvane::svslotOccupied) != m_table->used;
+                if (waited) {
+                    halfDone.open();
+                    childEnded.pass();
+                }
+                return !waited;
+            });
+            if (!waited) {
+                halfDone.open();
+            }
+        });
+        halfDone.pass();
+        EXPECT_TRUE(waited) << "the moment did not come";
+        const unsigned int usedBefore = m_table->used;
+        const ChildEnd end = inChild([&] {
+            SVGate::goOnInChild();
+            const unsigned int used = slotsIn(Sorvane::svslotOccupied);
+            EXPECT_NE(used, usedBefore);
+            EXPECT_EQ(m_table->used, used);
+            EXPECT_EQ(m_table->fill, used + slotsIn(Sorvane::svslotDeleted));
+            EXPECT_TRUE(store(SIGUSR1, 7));
+            EXPECT_EQ(m_table->used, used + 1);
+        });
+        EXPECT_TRUE(end.wentOnQ()) << end;
+        childEnded.open();
+        other.join();
+        EXPECT_EQ(m_table->used, slotsIn(Sorvane::svslotOccupied));
+    }
+
+    SVSignalHandlerTable* m_table = nullptr;
+};
+
+TEST_F(RegistryInAChild, CountsARecordThatHadJustComeToItsSlot) {
+    expectChildToCountAnew([this] { store(SIGUSR1, 5); });
+}
+
+TEST_F(RegistryInAChild, CountsARecordNoMoreThatHadJustGoneFromItsSlot) {
+    expectChildToCountAnew([this] { remove(SIGUSR1, 2); });
+}
+
 // --- What has been displaced ---------------------------------------------------------------------
 
 // Where tables lie tells whether they are released: their storage is then had again.
@@ -468,15 +629,17 @@ TEST_F(SameSlots, AreNotThoseOfAnotherSize) {
     EXPECT_FALSE(Sorvane::svsameSlotsQ(m_before, m_now));
 }
 
-// A key behind a collision comes into its home slot.
+// A key behind a collision comes into its home slot, and leaves its own to another key.
 TEST_F(SameSlots, AreNotThoseInWhichARecordHasMoved) {
-    SVSignalHandlerTable moved;
-    insert(moved, 9);
-    insert(moved, 2);
     SVSignalHandlerTable behind;
     insert(behind, 1);
     insert(behind, 9);
-    insert(behind, 2);
+    ASSERT_EQ(behind.table[7].key, functionAt(9));
+    SVSignalHandlerTable moved;
+    insert(moved, 9);
+    insert(moved, 7);
+    ASSERT_EQ(moved.table[1].key, functionAt(9));
+    ASSERT_EQ(moved.table[7].key, functionAt(7));
     EXPECT_FALSE(Sorvane::svsameSlotsQ(behind, moved));
 }
 

@@ -1,9 +1,11 @@
 // The library's own store: what it hands out, to whom, and what becomes of what comes back.
 
 #include <../support/svstore.h>
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <pthread.h>
 #include <sys/mman.h>
+#include <unistd.h>
 
 #include <array>
 #include <atomic>
@@ -14,6 +16,7 @@
 #include <cstring>
 #include <functional>
 #include <new>
+#include <string>
 #include <vector>
 
 #include "support/child_process.h"
@@ -265,6 +268,105 @@ TEST(StoreInTheLongRun, GivesNoBlockToAHandlerAtAnyInstruction) {
 }
 
 #endif
+
+// --- The last room in a chunk --------------------------------------------------------------------
+
+// A chunk has room for one block of the larger of these sizes, and for one of the other one then.
+constexpr std::size_t chunkSize = 16 * 1024;
+constexpr std::size_t mostOfChunk = 10240;
+constexpr std::size_t restOfChunk = 5120;
+
+std::size_t mappedBytes() {
+    char text[32] = {};
+    const int file = open("/proc/self/statm", O_RDONLY);
+    const ssize_t length = read(file, text, sizeof(text) - 1);
+    close(file);
+    return length < 0 ? 0 : static_cast<std::size_t>(sysconf(_SC_PAGESIZE)) * std::stoul(text);
+}
+
+// Two blocks of one size: the second one is taken at one instruction of the first one's taking.
+struct TwoBlocks {
+    unsigned char* interrupted = nullptr;
+    unsigned char* interrupting = nullptr;
+
+    // Result: whether the taking had so many instructions.
+    bool takeBoth(std::size_t size, unsigned int instruction) {
+        unsigned int passed = 0;
+        step([&] { interrupted = take(size); },
+             [&](const Standing&) {
+                 if (passed++ != instruction) {
+                     return true;
+                 }
+                 interrupting = take(size);
+                 return false;
+             });
+        return interrupting != nullptr;
+    }
+
+    void expectTwo(std::size_t size) const {
+        ASSERT_NE(interrupted, nullptr);
+        ASSERT_NE(interrupting, nullptr);
+        const Block first = {interrupted, size, 1};
+        const Block second = {interrupting, size, 2};
+        first.fill();
+        second.fill();
+        EXPECT_TRUE(first.stillFilledQ());
+    }
+};
+
+// The second one is in a chunk that was made for it, because no chunk has room for two.
+struct NewChunk {
+    const Block before = {take(mostOfChunk), mostOfChunk, 3};
+    const Block first = {take(mostOfChunk), mostOfChunk, 4};
+
+    NewChunk() {
+        before.fill();
+        first.fill();
+    }
+    void expectUndisturbed() const {
+        EXPECT_TRUE(before.stillFilledQ());
+        EXPECT_TRUE(first.stillFilledQ());
+    }
+};
+
+TEST(StoreAtTheEndOfAChunk, GivesTheLastRoomToOneOfTwoAtAnyInstruction) {
+    SKIP_WITHOUT_STEPS();
+    bool reached = true;
+    unsigned int instruction = 0;
+    for (; reached; ++instruction) {
+        const NewChunk chunk;
+        TwoBlocks blocks;
+        reached = blocks.takeBoth(restOfChunk, instruction);
+        if (reached) {
+            blocks.expectTwo(restOfChunk);
+            chunk.expectUndisturbed();
+        }
+        ASSERT_FALSE(testing::Test::HasFailure()) << "at instruction " << instruction;
+    }
+    EXPECT_GT(instruction, 50U);
+}
+
+TEST(StoreAtTheEndOfAChunk, KeepsNoChunkThatASecondOneHasMadeAtAnyInstruction) {
+    SKIP_WITHOUT_STEPS();
+    bool reached = true;
+    unsigned int instruction = 0;
+    for (; reached; ++instruction) {
+        const NewChunk chunk;
+        TwoBlocks blocks;
+        const std::size_t before = mappedBytes();
+        reached = blocks.takeBoth(mostOfChunk, instruction);
+        const std::size_t after = mappedBytes();
+        if (reached) {
+            blocks.expectTwo(mostOfChunk);
+            chunk.expectUndisturbed();
+            EXPECT_EQ(after - before, 2 * chunkSize);
+        }
+        ASSERT_FALSE(testing::Test::HasFailure()) << "at instruction " << instruction;
+    }
+    EXPECT_GT(instruction, 50U);
+}
+
+// --- A child -------------------------------------------------------------------------------------
 
 TEST(StoreInTheLongRun, ServesAForkedChildWhateverOtherThreadsDidJustThen) {
     std::atomic<bool> over{false};

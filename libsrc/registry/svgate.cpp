@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <csignal>
 #include <iterator>
 
@@ -28,7 +29,8 @@ unsigned int numberOfThisThread() noexcept {
 
 // Whether a thread that has the gate is none of this process: then this is a child of it.
 bool ofAnotherProcessQ(unsigned int thread) noexcept {
-    return syscall(SYS_tgkill, getpid(), static_cast<long>(thread & FUTEX_TID_MASK), 0) != 0;
+    return syscall(SYS_tgkill, getpid(), static_cast<long>(thread & FUTEX_TID_MASK), 0) != 0 &&
+           errno == ESRCH;
 }
 
 }  // namespace
@@ -57,8 +59,8 @@ bool SVGate::lock() noexcept {
             return false;
         }
         if (ofAnotherProcessQ(found)) {
-            const bool mine = word.compare_exchange_strong(found, self, std::memory_order_acquire);
-            if (mine) {  // GCOVR_EXCL_BR_LINE: another thread of the child may have been faster
+            // False if two of a child find it at the same instant.
+            if (word.compare_exchange_strong(found, self, std::memory_order_acquire)) {
                 giveUpChange();
                 return true;
             }
@@ -83,9 +85,8 @@ void SVGate::unlock() noexcept {
 // The change of a thread that this process does not have.
 void SVGate::giveUpChange() noexcept {
     SVRegistry::countAnew();
-    if ((changes.load(std::memory_order_relaxed) & 1U) != 0) {
-        changes.fetch_add(1, std::memory_order_release);
-    }
+    unsigned int closed = changes.load(std::memory_order_relaxed) | 1U;
+    changes.compare_exchange_strong(closed, closed + 1, std::memory_order_release);
 }
 
 // A handler for SIGTRAP or SIGSYS may find the word locked by its own thread, before or after that

@@ -1,13 +1,10 @@
 // A signal that an instruction brings about, and that does not come again by itself, arrives while
 // another thread takes its signal over: the host's handler answers it at once and on the spot, with
-// the context of that very instruction.
+// the context of that very instruction. So it is inside the gate, on the thread that has closed it.
 
 #include <gtest/gtest.h>
-#include <linux/audit.h>
-#include <linux/filter.h>
 #include <linux/seccomp.h>
 #include <sorvane/svsignalhandlermanager.h>
-#include <sys/prctl.h>
 #include <sys/syscall.h>
 #include <time.h>
 #include <ucontext.h>
@@ -15,7 +12,6 @@
 
 #include <atomic>
 #include <csignal>
-#include <cstddef>
 #include <cstdlib>
 #include <functional>
 
@@ -24,6 +20,7 @@
 #include "disturbed/waiting.h"
 #include "support/joining_thread.h"
 #include "support/system_actions.h"
+#include "support/system_call_filter.h"
 
 #if defined(__x86_64__) || defined(__i386__)
 
@@ -60,17 +57,7 @@ void answerInContext(int, siginfo_t*, void* context) {
 constexpr long trappedCall = SYS_getsid;
 
 bool trapSystemCall() {
-    sock_filter filter[] = {
-        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
-        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, trappedCall, 0, 1),
-        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_TRAP),
-        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
-    };
-    sock_fprog program = {};
-    program.len = sizeof(filter) / sizeof(filter[0]);
-    program.filter = filter;
-    return prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) == 0 &&
-           prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program) == 0;
+    return answerSystemCall(trappedCall, {}, SECCOMP_RET_TRAP);
 }
 
 int makeTrappedCall() {
@@ -159,9 +146,7 @@ void expectAnswersOnTheSpot(
 // --- The tests ---------------------------------------------------------------------------------
 
 TEST(SynchronousSignalDuringATakeOver, OfATrappedSystemCallIsAnsweredOnTheSpot) {
-    if (prctl(PR_GET_SECCOMP) < 0) {
-        GTEST_SKIP() << "the kernel traps no system calls";
-    }
+    SKIP_WITHOUT_SYSTEM_CALL_FILTERS();
     expectToGoOn([] { expectAnswersOnTheSpot(SIGSYS, makeTrappedCall, trapSystemCall); });
 }
 
@@ -189,6 +174,49 @@ TEST(SynchronousSignalDuringATakeOver, OfAnAbortReachesTheHostsHandlerBeforeTheE
         other.join();
     });
     EXPECT_TRUE(end.exitedWithQ(orderlyEnd)) << end;
+}
+
+// --- Inside the gate ---------------------------------------------------------------------------
+
+// There is no manager any more but the dispatch's own, and signals are still handled.
+void expectTeardownToEndByItself(int signalNumber, const std::function<int()>& instruction) {
+    hostInstalls(signalNumber, answerInContext);
+    hostInstalls(SIGUSR1, SIG_DFL);
+    auto* const manager = new Manager(true);
+    Record record(signalNumber, answerInContext, false, false, true);
+    manager->setHandler(record);
+    Record host(
+        SIGUSR1, [](int) {}, true, true, true);
+    manager->setHandler(host);
+    manager->startHandlingSignals();
+    int result = 0;
+    bool handlingAfterwards = false;
+    {
+        const StretchedSigaction stretched(SIGUSR1, When::before, [&] {
+            result = instruction();
+            handlingAfterwards = Manager::currentlyHandlingSignals;
+        });
+        delete manager;
+    }
+    EXPECT_EQ(answered, 1U);
+    EXPECT_EQ(result, answer);
+    EXPECT_TRUE(handlingAfterwards) << "the dispatch ended what it had interrupted";
+    EXPECT_FALSE(Manager::currentlyHandlingSignals);
+    EXPECT_EQ(Manager::handlerTables, nullptr);
+    EXPECT_EQ(Manager::numberOfManagers, 0U);
+    EXPECT_FALSE(takenOverQ(SIGUSR1));
+}
+
+TEST(SynchronousSignalDuringATeardown, OfATrappedSystemCallIsAnsweredAndTheTeardownGoesOn) {
+    SKIP_WITHOUT_SYSTEM_CALL_FILTERS();
+    expectToGoOn([] {
+        ASSERT_TRUE(trapSystemCall());
+        expectTeardownToEndByItself(SIGSYS, makeTrappedCall);
+    });
+}
+
+TEST(SynchronousSignalDuringATeardown, OfABreakpointIsAnsweredAndTheTeardownGoesOn) {
+    expectToGoOn([] { expectTeardownToEndByItself(SIGTRAP, stopAtBreakpoint); });
 }
 
 }  // namespace

@@ -1,0 +1,198 @@
+// What comes between the installations of an operation, or instead of one: the host's own, that of
+// another thread's dispatch, and the kernel's refusal.
+
+#include <../registry/svownership.h>
+#include <gtest/gtest.h>
+#include <sorvane/svsignalhandlermanager.h>
+
+#include <atomic>
+#include <cerrno>
+#include <csignal>
+#include <functional>
+#include <memory>
+#include <thread>
+#include <utility>
+
+#include "disturbed/limited_child.h"
+#include "disturbed/stretched_sigaction.h"
+#include "disturbed/waiting.h"
+#include "support/failure.h"
+#include "support/joining_thread.h"
+#include "support/manager_fixture.h"
+#include "support/system_call_filter.h"
+#include "support/watched_lock.h"
+
+namespace {
+
+using When = StretchedSigaction::When;
+
+constexpr int theSignal = SIGUSR1;
+
+// --- The host replaces its handler just before it is displaced ---------------------------------
+
+class HostInMidTakeOver : public OneManagerTest {
+protected:
+    ~HostInMidTakeOver() noexcept override = default;
+
+    void takeOverWhileHostInstalls(void (*handler)(int)) {
+        const StretchedSigaction stretched(theSignal, When::before,
+                                           [handler] { hostInstalls(theSignal, handler); });
+        m_manager.handleSignal(theSignal);
+    }
+};
+
+TEST_F(HostInMidTakeOver, ReplacesTheRecordOfItsHandler) {
+    hostInstalls(theSignal, hostHandler);
+    takeOverWhileHostInstalls(otherHostHandler);
+    EXPECT_TRUE(takenOverQ(theSignal));
+    EXPECT_EQ(recordOf(theSignal, hostHandler), nullptr);
+    const Record* const record = recordOf(theSignal, otherHostHandler);
+    ASSERT_NE(record, nullptr);
+    EXPECT_TRUE(record->preExistsQ());
+    EXPECT_EQ(recordCount(theSignal), 1U);
+}
+
+TEST_F(HostInMidTakeOver, TakesNoRecordAwayThatWasThereBefore) {
+    hostInstalls(theSignal, hostHandler);
+    m_manager.setHandlerFromFunction(theSignal, hostHandler);
+    takeOverWhileHostInstalls(otherHostHandler);
+    EXPECT_NE(recordOf(theSignal, hostHandler), nullptr);
+    EXPECT_NE(recordOf(theSignal, otherHostHandler), nullptr);
+}
+
+TEST_F(HostInMidTakeOver, LeavesARecordThatItsNewHandlerHasAlready) {
+    hostInstalls(theSignal, hostHandler);
+    m_manager.setHandlerFromFunction(theSignal, otherHostHandler);
+    takeOverWhileHostInstalls(otherHostHandler);
+    EXPECT_EQ(recordOf(theSignal, hostHandler), nullptr);
+    const Record* const record = recordOf(theSignal, otherHostHandler);
+    ASSERT_NE(record, nullptr);
+    EXPECT_FALSE(record->preExistsQ());
+}
+
+// --- A dispatch hides what the host has --------------------------------------------------------
+
+enum Moment : unsigned int { before, dispatched, handedBack, installed, takenOver };
+
+std::atomic<unsigned int> moment{before};
+
+void await(Moment awaited) {
+    waitUpTo(childPatience, [awaited] { return moment >= awaited; });
+}
+
+void hostThatIsTakenOverFrom(int) {
+    moment = dispatched;
+    await(handedBack);
+}
+
+TEST(TakeOver, BetweenADispatchsInstallationAndItsLastLookKeepsTheHostsHandler) {
+    expectToGoOn([] {
+        hostInstalls(theSignal, hostThatIsTakenOverFrom);
+        Manager manager(true);
+        manager.handleSignal(theSignal);
+        JoiningThread other([] {
+            const StretchedSigaction stretched(theSignal, When::after, [] {
+                if (moment == handedBack) {
+                    moment = installed;
+                    await(takenOver);
+                }
+            });
+            raise(theSignal);
+        });
+        await(dispatched);
+        Record host(theSignal, hostThatIsTakenOverFrom, true, true, true);
+        manager.clearHandler(host);
+        EXPECT_EQ(recordCount(theSignal), 0U);
+        moment = handedBack;
+        await(installed);
+        EXPECT_TRUE(takenOverQ(theSignal)) << "by the dispatch";
+        manager.handleSignal(theSignal);
+        EXPECT_NE(recordOf(theSignal, hostThatIsTakenOverFrom), nullptr);
+        moment = takenOver;
+        other.join();
+        EXPECT_TRUE(takenOverQ(theSignal));
+    });
+}
+
+// --- The kernel refuses ------------------------------------------------------------------------
+
+// On a thread of its own, because the kernel goes on refusing.
+class RefusedInstallation : public OneManagerTest {
+protected:
+    void SetUp() override { SKIP_WITHOUT_SYSTEM_CALL_FILTERS(); }
+    ~RefusedInstallation() noexcept override = default;
+
+    static void expectRefusal(const std::function<void()>& operation) {
+        Failure failure;
+        JoiningThread([&] { failure = failureOf([&] { operation(); }); }).join();
+        expectSigactionFailure(failure, EPERM);
+        EXPECT_TRUE(lockIsFree());
+    }
+    static void refuse(int signalNumber) { EXPECT_TRUE(refuseInstallation(signalNumber, EPERM)); }
+};
+
+TEST_F(RefusedInstallation, OfATakeOverLeavesNoRecordOfTheHostsHandler) {
+    hostInstalls(theSignal, hostHandler);
+    const Sorvane::SVOwnership::Count before = Sorvane::SVOwnership::count(theSignal);
+    expectRefusal([this] {
+        refuse(theSignal);
+        m_manager.handleSignal(theSignal);
+    });
+    EXPECT_EQ(systemHandler(theSignal), addressOf(hostHandler));
+    EXPECT_EQ(recordCount(theSignal), 0U);
+    EXPECT_EQ(Sorvane::SVOwnership::count(theSignal), before);
+}
+
+TEST_F(RefusedInstallation, OfATakeOverLeavesARecordThatWasThereBefore) {
+    hostInstalls(theSignal, hostHandler);
+    m_manager.setHandlerFromFunction(theSignal, hostHandler);
+    expectRefusal([this] {
+        refuse(theSignal);
+        m_manager.handleSignal(theSignal);
+    });
+    EXPECT_NE(recordOf(theSignal, hostHandler), nullptr);
+}
+
+TEST_F(RefusedInstallation, OfAHandBackLeavesTheSignalTakenOver) {
+    hostInstalls(theSignal, hostHandler);
+    m_manager.handleSignal(theSignal);
+    expectRefusal([this] {
+        refuse(theSignal);
+        m_manager.stopHandlingSignal(theSignal);
+    });
+    EXPECT_TRUE(takenOverQ(theSignal));
+    EXPECT_TRUE(Sorvane::SVOwnership::librarysQ(theSignal));
+    raise(theSignal);
+    EXPECT_EQ(callsOf(hostHandler), 1U);
+    EXPECT_TRUE(takenOverQ(theSignal));
+}
+
+TEST_F(RefusedInstallation, OfASignalThatCameBackDuringAStopEndsTheStop) {
+    for (const int signalNumber : {SIGUSR1, SIGTERM}) {
+        m_manager.setHandlerFromFunction(signalNumber, userHandler);
+    }
+    m_manager.startHandlingSignals();
+    const std::shared_ptr<LockLog> log = WatchedLock::putInPlace();
+    bool first = true;
+    log->onFree = [&] {
+        // Both have had their turns.
+        if (!takenOverQ(SIGTERM) && std::exchange(first, false)) {
+            std::thread([] {
+                Manager other(true);
+                other.setHandlerFromFunction(SIGUSR1, userHandler);
+                other.setHandlerFromFunction(SIGTERM, userHandler);
+            }).join();
+            refuse(SIGUSR1);
+        }
+    };
+    expectRefusal([this] { m_manager.stopHandlingSignals(); });
+    log->onFree = nullptr;
+    EXPECT_FALSE(first) << "the moment did not come";
+    EXPECT_TRUE(takenOverQ(SIGUSR1));
+    EXPECT_TRUE(takenOverQ(SIGTERM)) << "it comes after the one that failed";
+    EXPECT_TRUE(Manager::currentlyHandlingSignals);
+    m_manager.stopHandlingSignals();
+    EXPECT_FALSE(takenOverQ(SIGTERM));
+}
+
+}  // namespace
