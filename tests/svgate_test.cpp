@@ -2,15 +2,20 @@
 
 #include <../registry/svgate.h>
 #include <gtest/gtest.h>
+#include <linux/filter.h>
+#include <linux/seccomp.h>
 #include <pthread.h>
 #include <sched.h>
+#include <sys/prctl.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <csignal>
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -109,6 +114,12 @@ TEST_F(GateTest, LetsASandboxAndADebuggerIn) {
     EXPECT_EQ(callsOf(otherHostHandler), 1U);
 }
 
+// In a process of its own it is not the second one.
+TEST(TheFirstGate, FindsNobodyElse) {
+    EXPECT_EQ(gateWord(), 0U);
+    EXPECT_TRUE(SVGate::openQ());
+}
+
 // --- One inside another --------------------------------------------------------------------------
 
 bool openToOthersQ() {
@@ -127,6 +138,7 @@ TEST_F(GateTest, InsideAnotherChangesNothing) {
             EXPECT_TRUE(SVGate::closedByThisThreadQ());
         }
         EXPECT_TRUE(SVGate::closedByThisThreadQ());
+        EXPECT_NE(gateWord(), 0U);
         if (m_knowsMasks) {
             EXPECT_EQ(ThreadState().heldBack(), allHeldBack);
         }
@@ -140,6 +152,7 @@ TEST_F(GateTest, IsOpenToTheThreadThatHasClosedIt) {
     const SVGate gate;
     EXPECT_TRUE(SVGate::openQ());
     SVGate::waitUntilOpen();
+    EXPECT_NE(gateWord(), 0U);
     bool closedByOther = true;
     JoiningThread([&] { closedByOther = SVGate::closedByThisThreadQ(); }).join();
     EXPECT_FALSE(closedByOther);
@@ -206,6 +219,18 @@ TEST_P(WaitingAtTheGate, IsSleepingUntilItOpens) {
     other.join();
     EXPECT_TRUE(other.doneQ());
     EXPECT_EQ(gateWord(), 0U);
+}
+
+// That nobody has it is not to be read from an error of some time ago.
+TEST_P(WaitingAtTheGate, IsDoneWhateverErrorWasTheLast) {
+    std::optional<SVGate> gate(std::in_place);
+    GateWaiter other([] {
+        errno = ESRCH;
+        GetParam()();
+    });
+    other.waitUntilAsleep();
+    EXPECT_FALSE(other.doneQ());
+    gate.reset();
 }
 
 // A handler that ran there might keep the next one from the gate.
@@ -283,6 +308,83 @@ TEST_F(GateTest, LetsOneInAtATimeAlsoOfHandlers) {
     const auto total = static_cast<unsigned int>(2 * signals * threads.size());
     threads.clear();
     EXPECT_EQ(changesInHandlers, total);
+}
+
+// --- What the kernel is asked --------------------------------------------------------------------
+
+// Lets the kernel do something else whenever this process asks it for a certain thing.
+bool filter(long systemCall, unsigned int instead) {
+    sock_filter instructions[] = {
+        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, static_cast<unsigned int>(systemCall), 0, 1),
+        BPF_STMT(BPF_RET | BPF_K, instead),
+        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
+    };
+    sock_fprog program = {};
+    program.len = sizeof(instructions) / sizeof(instructions[0]);
+    program.filter = instructions;
+    return prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) == 0 &&
+           prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program) == 0;
+}
+
+class FilteredGate : public GateTest {
+protected:
+    void SetUp() override {
+        if (builtWithThreadSanitizer || underValgrindQ() || emulated) {
+            GTEST_SKIP() << "what is asked here is not the library's alone, or is not filtered";
+        }
+    }
+};
+
+TEST_F(FilteredGate, AsksForNoFutexIfNobodyElseWantsIt) {
+    const ChildEnd end = inChild([] {
+        ASSERT_TRUE(filter(SYS_futex, SECCOMP_RET_KILL_PROCESS));
+        {
+            const SVGate gate;
+            closeAndOpen();
+            SVGate::waitUntilOpen();
+        }
+        SVGate::waitUntilOpen();
+        EXPECT_EQ(gateWord(), 0U);
+    });
+    EXPECT_TRUE(end.wentOnQ()) << end;
+}
+
+// Then whoever waits has to look again and again, but leaves the processor to others meanwhile.
+TEST_F(FilteredGate, IsSleptForWithoutAFutex) {
+    const ChildEnd end = inChild([] {
+        std::optional<SVGate> gate(std::in_place);
+        std::atomic<pid_t> number{0};
+        std::atomic<bool> done{false};
+        const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(5);
+        JoiningThread other([&] {
+            ASSERT_TRUE(filter(SYS_futex, SECCOMP_RET_ERRNO | ENOSYS));
+            number = gettid();
+            closeAndOpen();
+            done = true;
+        });
+        bool asleep = false;
+        while (!asleep && std::chrono::steady_clock::now() < end) {
+            asleep = number != 0 && ThreadState(number).asleepQ();
+        }
+        EXPECT_TRUE(asleep);
+        EXPECT_FALSE(done);
+        gate.reset();
+    });
+    EXPECT_TRUE(end.wentOnQ()) << end;
+}
+
+// A sandbox may forbid the question whether the holder is of this process.
+TEST_F(FilteredGate, IsWaitedForIfItIsNotToBeLearntWhoHasIt) {
+    const ChildEnd end = inChild([] {
+        std::optional<SVGate> gate(std::in_place);
+        ASSERT_TRUE(filter(SYS_tgkill, SECCOMP_RET_ERRNO | EPERM));
+        GateWaiter other(&closeAndOpen);
+        other.waitUntilAsleep();
+        EXPECT_FALSE(other.doneQ());
+        gate.reset();
+    });
+    EXPECT_TRUE(end.wentOnQ()) << end;
 }
 
 // --- Priorities ----------------------------------------------------------------------------------
