@@ -32,6 +32,7 @@
 #include "support/joining_thread.h"
 #include "support/manager_fixture.h"
 #include "support/sanitizers.h"
+#include "support/single_steps.h"
 #include "support/thread_state.h"
 
 extern "C" pid_t _Fork();
@@ -157,6 +158,35 @@ TEST_F(GateTest, IsOpenToTheThreadThatHasClosedIt) {
     JoiningThread([&] { closedByOther = SVGate::closedByThisThreadQ(); }).join();
     EXPECT_FALSE(closedByOther);
 }
+
+#if defined(__x86_64__) || defined(__i386__)
+
+// A debugger's handler is let in, and reads what is published.
+unsigned int steps;
+unsigned int stepsNotOpen;
+
+void lookAtTheGate(int) {
+    ++steps;
+    stepsNotOpen += SVGate::openQ() ? 0U : 1U;
+}
+
+TEST_F(GateTest, IsOpenToItsOwnThreadAtAnyInstruction) {
+    if (builtWithThreadSanitizer || underValgrindQ()) {
+        GTEST_SKIP() << "there is no trap flag here, or the signal comes later";
+    }
+    JoiningThread([] { const SVGate gate; }).join();
+    hostInstalls(SIGTRAP, lookAtTheGate);
+    {
+        const SingleSteps stepping;
+        const SVGate outer;
+        { const SVGate inner; }
+        SVGate::waitUntilOpen();
+    }
+    EXPECT_GT(steps, 100U);
+    EXPECT_EQ(stepsNotOpen, 0U);
+}
+
+#endif
 
 TEST_F(GateTest, PutsTheHeapOutOfBounds) {
     using Sorvane::SVHandlerContext::insideQ;
@@ -560,6 +590,42 @@ TEST_F(GateTest, IsOpenedInAChildAtOnceIfAnotherThreadHadClosedIt) {
     done.open();
     EXPECT_TRUE(end.wentOnQ()) << end;
 }
+
+#if defined(__x86_64__) || defined(__i386__)
+
+// Whoever could take the word of a closed gate would go on waiting for somebody to open it.
+void lookForAClosedGateOfNobody(int) {
+    ++steps;
+    stepsNotOpen += gateWord() == 0 && !SVGate::openQ() ? 1U : 0U;
+}
+
+TEST_F(GateTest, IsOpenedInAChildBeforeItsWordIsFree) {
+    if (builtWithThreadSanitizer || underValgrindQ()) {
+        GTEST_SKIP() << "there is no trap flag here, or the signal comes later";
+    }
+    Gate closed;
+    Gate done;
+    JoiningThread other([&] {
+        const SVGate gate;
+        closed.open();
+        done.pass();
+    });
+    closed.pass();
+    const ChildEnd end = inChild([] {
+        hostInstalls(SIGTRAP, lookForAClosedGateOfNobody);
+        {
+            const SingleSteps stepping;
+            SVGate::goOnInChild();
+        }
+        EXPECT_GT(steps, 20U);
+        EXPECT_EQ(stepsNotOpen, 0U);
+        EXPECT_TRUE(SVGate::openQ());
+    });
+    done.open();
+    EXPECT_TRUE(end.wentOnQ()) << end;
+}
+
+#endif
 
 TEST_F(GateTest, StaysClosedInAChildIfItsOwnThreadHadClosedIt) {
     const ChildEnd end = inChild([] {
