@@ -6,15 +6,21 @@
 #include <../registry/svregistry.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <array>
 #include <climits>
 #include <csignal>
+#include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <functional>
 #include <memory>
 #include <optional>
 #include <set>
 #include <utility>
 #include <vector>
+
+#include "support/memory_limit.h"
 
 namespace {
 
@@ -189,6 +195,20 @@ TEST_F(RegistryTest, KeepsTheAddressesOfTheTablesOfSignalsThatAreNotHeldBackToo)
     }
 }
 
+// The slots of that many lie in memory of their own, which goes at once.
+TEST_F(RegistryTest, EndsWithManySignals) {
+    for (int signalNumber = 1; signalNumber <= 400; ++signalNumber) {
+        ASSERT_TRUE(addTable(signalNumber));
+    }
+    {
+        const SVPin reader(m_published);
+        ASSERT_TRUE(addTable(0));
+    }
+    ASSERT_TRUE(addTable(-1));
+    end();
+    EXPECT_EQ(m_published, nullptr);
+}
+
 // --- While somebody reads ------------------------------------------------------------------------
 
 class RegistryWhileRead : public RegistryTest {
@@ -212,6 +232,13 @@ protected:
             EXPECT_EQ(table->used, 1U);
             ASSERT_TRUE(table->has_key(functionAt(1)));
             EXPECT_TRUE(table->get(functionAt(1))->value.validQ());
+        }
+    }
+
+    // What has been released is used again, and so is no longer what it was.
+    void storeForOthers() {
+        for (int signalNumber = 20; signalNumber < 40; ++signalNumber) {
+            ASSERT_TRUE(store(signalNumber, 5));
         }
     }
 
@@ -306,6 +333,199 @@ TEST_F(RegistryWhileRead, EndsWithoutTheReadersNotice) {
     ASSERT_TRUE(store(SIGUSR1, 5));
     EXPECT_FALSE(hasQ(SIGUSR1, 1));
     expectReaderUndisturbed();
+}
+
+TEST_F(RegistryWhileRead, KeepsWhatItSharesWithWhatIsReleased) {
+    ASSERT_TRUE(store(SIGUSR1, 2));
+    m_reader.reset();
+    storeForOthers();
+    EXPECT_EQ(tableOf(SIGUSR2), m_second);
+    EXPECT_EQ(m_second->used, 1U);
+    EXPECT_TRUE(m_second->has_key(functionAt(1)));
+}
+
+TEST_F(RegistryWhileRead, KeepsWhatOneReaderSharesWithAnother) {
+    ASSERT_TRUE(store(SIGUSR1, 2));
+    {
+        const SVPin second(m_published);
+        ASSERT_TRUE(store(SIGUSR2, 2));
+    }
+    storeForOthers();
+    expectReaderUndisturbed();
+}
+
+// What is retired has tables that are published still.
+TEST_F(RegistryWhileRead, EndsWithoutTheNoticeOfReadersOfWhatIsRetired) {
+    ASSERT_TRUE(store(SIGUSR1, 2));
+    end();
+    EXPECT_EQ(m_published, nullptr);
+    begin();
+    storeForOthers();
+    expectReaderUndisturbed();
+}
+
+// The language notes how many slots it has to destroy: with the end slot one more than are used.
+TEST_F(RegistryWhileRead, CopiesTheEndSlotToo) {
+    for (std::uintptr_t address = 2; address < 30; ++address) {
+        ASSERT_TRUE(store(SIGUSR1, address));
+    }
+    const SVPin second(m_published);
+    const SVSignalHandlerTable* const former = tableOf(SIGUSR1);
+    ASSERT_TRUE(remove(SIGUSR1, 1));
+    const SVSignalHandlerTable* const copy = tableOf(SIGUSR1);
+    ASSERT_NE(copy, former);
+    std::size_t slots = 0;
+    std::memcpy(&slots, reinterpret_cast<const unsigned char*>(copy->table) - sizeof(slots),
+                sizeof(slots));
+    EXPECT_EQ(slots, std::size_t{former->mask} + 2);
+}
+
+// --- Without memory ------------------------------------------------------------------------------
+
+// No larger than what a reader's tables are remembered in.
+struct Small : Sorvane::SVObject {};
+
+template <typename Object>
+bool canBeHadQ() {
+    const SVGate gate;
+    const auto* const object = new Object;
+    delete object;
+    return object != nullptr;
+}
+
+// The table is as full of deleted slots as it may be, and has as many slots after its rebuild as
+// before. So what a stand-in for it takes is what it needs itself.
+TEST_F(RegistryTest, IsRebuiltInSightWithMemoryForThatAlone) {
+    SKIP_WITHOUT_MEMORY_LIMIT();
+    for (std::uintptr_t address = 0; address < 21; ++address) {
+        ASSERT_TRUE(store(SIGUSR1, address));
+        ASSERT_TRUE(address < 6 || remove(SIGUSR1, address));
+    }
+    for (std::uintptr_t address = 3; address < 6; ++address) {
+        ASSERT_TRUE(remove(SIGUSR1, address));
+    }
+    const SVSignalHandlerTable* const table = tableOf(SIGUSR1);
+    ASSERT_TRUE(table->growsWithQ(functionAt(21)));
+    const unsigned int mask = table->mask;
+    const std::size_t slots = sizeof(std::size_t) + (mask + 2) * sizeof(*table->table);
+    MemoryLimit limit({sizeof(*table), slots});
+    const bool stored = store(SIGUSR1, 21);
+    limit.release();
+    EXPECT_TRUE(stored);
+    EXPECT_EQ(tableOf(SIGUSR1), table);
+    EXPECT_EQ(table->mask, mask);
+    EXPECT_EQ(table->fill, 4U);
+    EXPECT_TRUE(hasQ(SIGUSR1, 21));
+}
+
+// A stand-in can be done without, and leaves nothing behind.
+TEST_F(RegistryTest, ReplacesARecordWithoutMemoryForTheSlotsOfAStandIn) {
+    SKIP_WITHOUT_MEMORY_LIMIT();
+    for (std::uintptr_t address = 0; address < 10; ++address) {
+        ASSERT_TRUE(store(SIGUSR1, address));
+    }
+    MemoryLimit limit({sizeof(SVSignalHandlerTable)});
+    const bool stored = store(SIGUSR1, 1, false);
+    const bool leftNothing = canBeHadQ<SVSignalHandlerTable>();
+    limit.release();
+    EXPECT_TRUE(stored);
+    EXPECT_TRUE(leftNothing);
+    EXPECT_FALSE(tableOf(SIGUSR1)->get(functionAt(1))->value.validQ());
+}
+
+TEST_F(RegistryWhileRead, ChangesNothingWithoutMemoryForACopy) {
+    SKIP_WITHOUT_MEMORY_LIMIT();
+    for (const std::size_t had : {sizeof(Small), sizeof(SVSignalTable)}) {
+        MemoryLimit limit({had});
+        const bool stored = store(SIGUSR1, 2);
+        const bool removed = remove(SIGUSR1, 1);
+        const bool leftNothing =
+            had == sizeof(Small) ? canBeHadQ<Small>() : canBeHadQ<SVSignalTable>();
+        limit.release();
+        EXPECT_FALSE(stored);
+        EXPECT_FALSE(removed);
+        EXPECT_TRUE(leftNothing);
+        ASSERT_EQ(m_published, m_outer);
+        expectReaderUndisturbed();
+    }
+}
+
+TEST_F(RegistryWhileRead, AddsNoTableWithoutMemoryForACopy) {
+    SKIP_WITHOUT_MEMORY_LIMIT();
+    MemoryLimit limit({sizeof(SVSignalHandlerTable)});
+    const bool added = addTable(SIGTERM);
+    const bool leftNothing = canBeHadQ<SVSignalHandlerTable>();
+    limit.release();
+    EXPECT_FALSE(added);
+    EXPECT_TRUE(leftNothing);
+    EXPECT_EQ(m_published, m_outer);
+    EXPECT_EQ(tableOf(SIGTERM), nullptr);
+    expectReaderUndisturbed();
+}
+
+TEST_F(RegistryWhileRead, GivesAllBackThatItHadForAReader) {
+    SKIP_WITHOUT_MEMORY_LIMIT();
+    ASSERT_TRUE(store(SIGUSR1, 2));
+    m_reader.reset();
+    MemoryLimit limit;
+    const bool removed = remove(SIGUSR1, 2);
+    const bool small = canBeHadQ<Small>();
+    const bool outer = canBeHadQ<SVSignalTable>();
+    const bool inner = canBeHadQ<SVSignalHandlerTable>();
+    limit.release();
+    EXPECT_TRUE(removed);
+    EXPECT_TRUE(small);
+    EXPECT_TRUE(outer);
+    EXPECT_TRUE(inner);
+}
+
+TEST_F(RegistryTest, EndsWithoutMemoryAndGivesBackWhatItHad) {
+    SKIP_WITHOUT_MEMORY_LIMIT();
+    ASSERT_TRUE(store(SIGUSR1, 1));
+    MemoryLimit limit;
+    end();
+    const bool ended = m_published == nullptr;
+    begin();
+    const bool begun = m_published != nullptr;
+    const bool added = begun && addTable(SIGUSR2);
+    limit.release();
+    EXPECT_TRUE(ended);
+    EXPECT_TRUE(begun);
+    EXPECT_TRUE(added);
+}
+
+TEST_F(RegistryWhileRead, EndsWithoutMemory) {
+    SKIP_WITHOUT_MEMORY_LIMIT();
+    MemoryLimit limit;
+    end();
+    limit.release();
+    EXPECT_EQ(m_published, nullptr);
+    expectReaderUndisturbed();
+}
+
+// What is retired goes at once if nobody reads it any more.
+TEST_F(RegistryWhileRead, EndsAndGivesBackWhatIsRetired) {
+    SKIP_WITHOUT_MEMORY_LIMIT();
+    ASSERT_TRUE(store(SIGUSR1, 2));
+    m_reader.reset();
+    MemoryLimit limit({sizeof(Small)});
+    end();
+    std::array<SVSignalTable*, 2> had{};
+    std::array<SVSignalHandlerTable*, 3> hadOfSignals{};
+    {
+        const SVGate gate;
+        std::ranges::generate(had, [] { return new SVSignalTable; });
+        std::ranges::generate(hadOfSignals, [] { return new SVSignalHandlerTable; });
+    }
+    limit.release();
+    for (const SVSignalTable* const table : had) {
+        EXPECT_NE(table, nullptr);
+        delete table;
+    }
+    for (const SVSignalHandlerTable* const table : hadOfSignals) {
+        EXPECT_NE(table, nullptr);
+        delete table;
+    }
 }
 
 // --- What has been displaced ---------------------------------------------------------------------
