@@ -4,6 +4,7 @@
 #include <../registry/svgate.h>
 #include <../registry/svpin.h>
 #include <../registry/svregistry.h>
+#include <../support/svstore.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -20,7 +21,10 @@
 #include <utility>
 #include <vector>
 
+#include "support/emulation.h"
 #include "support/memory_limit.h"
+#include "support/sanitizers.h"
+#include "support/single_steps.h"
 
 namespace {
 
@@ -208,6 +212,95 @@ TEST_F(RegistryTest, EndsWithManySignals) {
     end();
     EXPECT_EQ(m_published, nullptr);
 }
+
+// The storage of a table that is gone may be somebody else's.
+TEST_F(RegistryTest, CountsNothingAnewAfterAChange) {
+    for (const int signalNumber : {SIGUSR1, SIGTRAP}) {
+        ASSERT_TRUE(addTable(signalNumber));
+        ASSERT_TRUE(store(signalNumber, 1));
+        end();
+        using Storage = std::array<unsigned char, sizeof(SVSignalHandlerTable)>;
+        Storage pattern;
+        pattern.fill(0xa5);
+        std::vector<void*> blocks(10);
+        const SVGate gate;
+        for (void*& block : blocks) {
+            block = Sorvane::SVStore::take(sizeof(Storage));
+            ASSERT_NE(block, nullptr);
+            std::memcpy(block, pattern.data(), sizeof(Storage));
+        }
+        SVRegistry::countAnew();
+        for (void* const block : blocks) {
+            EXPECT_EQ(std::memcmp(block, pattern.data(), sizeof(Storage)), 0) << signalNumber;
+            Sorvane::SVStore::giveBack(block, sizeof(Storage));
+        }
+        m_registry.begin();
+    }
+}
+
+#if defined(__x86_64__) || defined(__i386__)
+
+// --- At each instruction
+
+struct Watched {
+    SVSignalTable** place;
+    std::set<const SVSignalHandlerTable*> expected;
+    unsigned int steps;
+    unsigned int wrong;
+};
+Watched watched;
+
+// What a debugger's handler finds inside the gate.
+void lookAtWhatIsPublished(int) {
+    ++watched.steps;
+    const SVSignalTable* const tables = *watched.place;
+    const SVSignalTable::Entry* const entry = tables->get(signalKey(SIGUSR1));
+    if (entry == nullptr || !watched.expected.contains(entry->value)) {
+        ++watched.wrong;
+    }
+}
+
+class RegistryStepped : public RegistryTest {
+protected:
+    void SetUp() override {
+        if (underValgrindQ() || builtWithThreadSanitizer) {
+            GTEST_SKIP() << "there is no trap flag here, or the signal comes later";
+        }
+        ASSERT_TRUE(store(SIGUSR1, 1));
+        watched = Watched{&m_published, {tableOf(SIGUSR1)}, 0, 0};
+    }
+
+    void step(const std::function<void()>& change) {
+        std::signal(SIGTRAP, lookAtWhatIsPublished);
+        {
+            const SVGate gate;
+            const SingleSteps steps;
+            change();
+        }
+        std::signal(SIGTRAP, SIG_DFL);
+        EXPECT_GT(watched.steps, 100U);
+        EXPECT_EQ(watched.wrong, 0U);
+    }
+};
+
+// Nothing else takes the place of the table, not even for a moment.
+TEST_F(RegistryStepped, ChangesATableInItsPlaceIfNobodyReads) {
+    const SVSignalHandler record = recordOf(SIGUSR1, 2);
+    step([&] {
+        m_registry.store(record, noTable);
+        m_registry.remove(SIGUSR1, functionAt(1), noTable);
+    });
+}
+
+// The slots of that many lie in memory of their own, which goes at once.
+TEST_F(RegistryStepped, IsWholeWhileASignalIsAddedToMany) {
+    for (int signalNumber = 1; signalNumber <= 400; ++signalNumber) {
+        ASSERT_TRUE(addTable(signalNumber));
+    }
+    step([this] { m_registry.addTable(1000, noTable); });
+}
+
+#endif
 
 // --- While somebody reads ------------------------------------------------------------------------
 
@@ -461,6 +554,36 @@ TEST_F(RegistryWhileRead, AddsNoTableWithoutMemoryForACopy) {
     EXPECT_EQ(m_published, m_outer);
     EXPECT_EQ(tableOf(SIGTERM), nullptr);
     expectReaderUndisturbed();
+}
+
+TEST_F(RegistryWhileRead, LeavesASharedTableWithoutMemoryForItsCopy) {
+    SKIP_WITHOUT_MEMORY_LIMIT();
+    ASSERT_TRUE(store(SIGUSR1, 2));
+    MemoryLimit limit;
+    const bool stored = store(SIGUSR2, 2);
+    limit.release();
+    EXPECT_FALSE(stored);
+    EXPECT_EQ(tableOf(SIGUSR2), m_second);
+    expectReaderUndisturbed();
+}
+
+TEST_F(RegistryTest, LeavesASharedTableWithoutMemoryForTheGrowthOfItsCopy) {
+    SKIP_WITHOUT_MEMORY_LIMIT();
+    for (std::uintptr_t address = 0; address < 5; ++address) {
+        ASSERT_TRUE(store(SIGUSR2, address));
+    }
+    const SVSignalHandlerTable* const table = tableOf(SIGUSR2);
+    ASSERT_TRUE(table->growsWithQ(functionAt(5)));
+    const SVPin reader(m_published);
+    ASSERT_TRUE(store(SIGUSR1, 1));
+    MemoryLimit limit({sizeof(SVSignalHandlerTable)});
+    const bool stored = store(SIGUSR2, 5);
+    const bool leftNothing = canBeHadQ<SVSignalHandlerTable>();
+    limit.release();
+    EXPECT_FALSE(stored);
+    EXPECT_TRUE(leftNothing);
+    EXPECT_EQ(tableOf(SIGUSR2), table);
+    EXPECT_EQ(table->used, 5U);
 }
 
 TEST_F(RegistryWhileRead, GivesAllBackThatItHadForAReader) {
