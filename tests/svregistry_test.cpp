@@ -6,9 +6,12 @@
 #include <../registry/svregistry.h>
 #include <../support/svstore.h>
 #include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <climits>
 #include <csignal>
 #include <cstddef>
@@ -244,8 +247,9 @@ TEST_F(RegistryTest, CountsNothingAnewAfterAChange) {
 
 struct Watched {
     SVSignalTable** place;
-    std::set<const SVSignalHandlerTable*> expected;
+    SVSignalHandlerTable* table;
     unsigned int steps;
+    unsigned int elsewhere;
     unsigned int wrong;
 };
 Watched watched;
@@ -253,11 +257,9 @@ Watched watched;
 // What a debugger's handler finds inside the gate.
 void lookAtWhatIsPublished(int) {
     ++watched.steps;
-    const SVSignalTable* const tables = *watched.place;
-    const SVSignalTable::Entry* const entry = tables->get(signalKey(SIGUSR1));
-    if (entry == nullptr || !watched.expected.contains(entry->value)) {
-        ++watched.wrong;
-    }
+    const SVSignalTable::Entry* const entry = (*watched.place)->get(signalKey(SIGUSR1));
+    watched.wrong += entry == nullptr ? 1U : 0U;
+    watched.elsewhere += entry != nullptr && entry->value != watched.table ? 1U : 0U;
 }
 
 class RegistryStepped : public RegistryTest {
@@ -267,17 +269,23 @@ protected:
             GTEST_SKIP() << "there is no trap flag here, or the signal comes later";
         }
         ASSERT_TRUE(store(SIGUSR1, 1));
-        watched = Watched{&m_published, {tableOf(SIGUSR1)}, 0, 0};
+        watched = Watched{&m_published, tableOf(SIGUSR1), 0, 0, 0};
     }
 
-    void step(const std::function<void()>& change) {
-        std::signal(SIGTRAP, lookAtWhatIsPublished);
+    template <typename Change>
+    static void stepThrough(Change change, void (*handler)(int) = lookAtWhatIsPublished) {
+        std::signal(SIGTRAP, handler);
         {
             const SVGate gate;
             const SingleSteps steps;
             change();
         }
         std::signal(SIGTRAP, SIG_DFL);
+    }
+
+    template <typename Change>
+    static void step(Change change, void (*handler)(int) = lookAtWhatIsPublished) {
+        stepThrough(change, handler);
         EXPECT_GT(watched.steps, 100U);
         EXPECT_EQ(watched.wrong, 0U);
     }
@@ -290,10 +298,83 @@ TEST_F(RegistryStepped, ChangesATableInItsPlaceIfNobodyReads) {
         m_registry.store(record, noTable);
         m_registry.remove(SIGUSR1, functionAt(1), noTable);
     });
+    EXPECT_EQ(watched.elsewhere, 0U);
+}
+
+bool countedRightQ(const SVSignalHandlerTable& table) {
+    unsigned int used = 0;
+    unsigned int fill = 0;
+    for (unsigned int slot = 0; slot <= table.mask; ++slot) {
+        used += table.table[slot].state == Sorvane::svslotOccupied ? 1 : 0;
+        fill += table.table[slot].state != Sorvane::svslotEmpty ? 1 : 0;
+    }
+    return table.used == used && table.fill == fill;
+}
+
+// A child in which nobody goes on with the change.
+void splitAChildOff(int) {
+    ++watched.steps;
+    const pid_t child = fork();
+    if (child == 0) {
+        SVSignalHandlerTable* const table = watched.table;
+        SVRegistry::countAnew();
+        const bool right = countedRightQ(*table);
+        // Once is enough.
+        table->used += 10;
+        SVRegistry::countAnew();
+        table->used -= 10;
+        _exit(right && countedRightQ(*table) ? 0 : 1);
+    }
+    int status = 1;
+    while (waitpid(child, &status, 0) < 0 && errno == EINTR) {
+    }
+    watched.wrong += status == 0 ? 0U : 1U;
+}
+
+TEST_F(RegistryStepped, ChangesATableInItsPlaceWithoutMemoryForAStandIn) {
+    SKIP_WITHOUT_MEMORY_LIMIT();
+    const SVSignalHandler record = recordOf(SIGUSR1, 1, false);
+    MemoryLimit limit;
+    stepThrough([&] { m_registry.store(record, noTable); });
+    limit.release();
+    EXPECT_GT(watched.steps, 100U);
+    EXPECT_EQ(watched.wrong, 0U);
+    EXPECT_EQ(watched.elsewhere, 0U);
+    EXPECT_FALSE(watched.table->get(functionAt(1))->value.validQ());
+}
+
+TEST_F(RegistryStepped, IsCountedRightInAChildAtAnyInstruction) {
+    for (const std::uintptr_t address : {0U, 3U, 7U}) {
+        ASSERT_TRUE(store(SIGUSR1, address));
+    }
+    ASSERT_TRUE(remove(SIGUSR1, 3));
+    const SVSignalHandler record = recordOf(SIGUSR1, 5);
+    step(
+        [&] {
+            m_registry.store(record, noTable);
+            m_registry.remove(SIGUSR1, functionAt(7), noTable);
+        },
+        splitAChildOff);
+    EXPECT_EQ(tableOf(SIGUSR1)->used, 3U);
+    EXPECT_EQ(tableOf(SIGUSR1)->fill, 5U);
+}
+
+// Half of one record and half of another is nothing to be called.
+TEST_F(RegistryStepped, ReplacesARecordAndRebuildsATableWhereNobodyFindsIt) {
+    for (std::uintptr_t address = 2; address < 6; ++address) {
+        ASSERT_TRUE(store(SIGUSR1, address));
+    }
+    ASSERT_TRUE(tableOf(SIGUSR1)->growsWithQ(functionAt(6)));
+    for (const SVSignalHandler& record : {recordOf(SIGUSR1, 1, false), recordOf(SIGUSR1, 6)}) {
+        watched = Watched{&m_published, tableOf(SIGUSR1), 0, 0, 0};
+        step([&] { m_registry.store(record, noTable); });
+        EXPECT_GT(watched.elsewhere, 20U);
+        EXPECT_EQ(tableOf(SIGUSR1), watched.table);
+    }
 }
 
 // The slots of that many lie in memory of their own, which goes at once.
-TEST_F(RegistryStepped, IsWholeWhileASignalIsAddedToMany) {
+TEST_F(RegistryStepped, IsThereWhileASignalIsAddedToMany) {
     for (int signalNumber = 1; signalNumber <= 400; ++signalNumber) {
         ASSERT_TRUE(addTable(signalNumber));
     }
@@ -780,6 +861,38 @@ TEST_F(SameSlots, AreNotThoseAfterARebuild) {
 TEST_F(SameSlots, AreNotThoseOfAnotherSize) {
     m_now.resize(16);
     EXPECT_FALSE(Sorvane::svsameSlotsQ(m_before, m_now));
+}
+
+TEST_F(SameSlots, AreNotThoseOfWhichTheFirstIsEmptyNow) {
+    insert(m_before, 0);
+    ASSERT_EQ(m_before.table[0].key, functionAt(0));
+    EXPECT_FALSE(Sorvane::svsameSlotsQ(m_before, m_now));
+    EXPECT_TRUE(Sorvane::svsameSlotsQ(m_now, m_before));
+}
+
+// Who is registered again stands behind what has taken the slot; before it was not there at all.
+TEST_F(SameSlots, AreThoseInWhichARecordThatWasGoneIsElsewhere) {
+    m_before.remove(functionAt(1));
+    m_now.remove(functionAt(1));
+    insert(m_now, 9);
+    insert(m_now, 1);
+    ASSERT_EQ(m_before.table[1].key, functionAt(1));
+    ASSERT_EQ(m_now.table[1].key, functionAt(9));
+    EXPECT_TRUE(Sorvane::svsameSlotsQ(m_before, m_now));
+}
+
+TEST(SlotsAfterARebuild, AreNotTheSameIfAnotherRecordHasTheSlotOfOneThatHasMoved) {
+    SVSignalHandlerTable behind;
+    SVSignalHandlerTable moved;
+    for (const std::uintptr_t address : {1U, 9U}) {
+        behind.insert(functionAt(address), recordOf(SIGUSR1, address));
+    }
+    for (const std::uintptr_t address : {9U, 15U}) {
+        moved.insert(functionAt(address), recordOf(SIGUSR1, address));
+    }
+    ASSERT_EQ(behind.table[7].key, functionAt(9));
+    ASSERT_EQ(moved.table[7].key, functionAt(15));
+    EXPECT_FALSE(Sorvane::svsameSlotsQ(behind, moved));
 }
 
 // A key behind a collision comes into its home slot.
