@@ -330,6 +330,44 @@ TEST_F(PinTest, IsNotForgottenByItsOwnThreadAtAnyInstruction) {
     EXPECT_FALSE(SVPin::pinnedQ(&m_tables));
 }
 
+SVSignalTable** placeForHandler;
+SVSignalTable* othersForHandler;
+unsigned int stepsToPublication;
+bool publishedUnseen;
+
+// What somebody does who finds nobody who reads. He may release what he has displaced.
+void publishInHandler(int) {
+    if (--stepsToPublication == 0 && !SVPin::pinnedQ(*placeForHandler)) {
+        *placeForHandler = othersForHandler;
+        publishedUnseen = true;
+    }
+}
+
+TEST_F(PinTest, IsOfWhatIsPublishedWhicheverInstructionThatComesAt) {
+    if (underValgrindQ()) {
+        GTEST_SKIP() << "valgrind has no trap flag";
+    }
+    placeForHandler = &m_published;
+    othersForHandler = &m_others;
+    unsigned int publications = 0;
+    std::signal(SIGTRAP, publishInHandler);
+    for (unsigned int steps = 1; steps <= 200; ++steps) {
+        m_published = &m_tables;
+        publishedUnseen = false;
+        stepsToPublication = steps;
+        std::optional<SVPin> pin;
+        {
+            const SingleSteps stepping;
+            pin.emplace(m_published);
+        }
+        publications += publishedUnseen ? 1U : 0U;
+        EXPECT_EQ(pin->tables(), publishedUnseen ? &m_others : &m_tables) << steps;
+    }
+    std::signal(SIGTRAP, SIG_DFL);
+    EXPECT_GT(publications, 10U);
+    EXPECT_LT(publications, 200U);
+}
+
 #endif
 
 // --- Together with the gate ----------------------------------------------------------------------
