@@ -504,4 +504,26 @@ TEST_F(PinInAChild, WithoutASlotIsForgottenUnlessItMayBeOfTheOnlyThread) {
     EXPECT_TRUE(end.wentOnQ()) << end;
 }
 
+#if defined(__x86_64__) || defined(__i386__)
+
+// No slot tells any more that it was another thread's.
+TEST_F(PinInAChild, IsNotForgottenAtAnyInstructionAfterThoseOfOthers) {
+    const ChildEnd end = endOfChildBeside([this] { return pins(); },
+                                          [this] {
+                                              SVPin::forgetOtherThreads();
+                                              std::signal(SIGTRAP, forgetOtherThreadsInHandler);
+                                              bool pinned = false;
+                                              {
+                                                  const SingleSteps steps;
+                                                  const SVPin pin(m_published);
+                                                  pinned = SVPin::pinnedQ(m_published);
+                                              }
+                                              std::signal(SIGTRAP, SIG_DFL);
+                                              EXPECT_TRUE(pinned);
+                                          });
+    EXPECT_TRUE(end.wentOnQ()) << end;
+}
+
+#endif
+
 }  // namespace
