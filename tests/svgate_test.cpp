@@ -386,7 +386,7 @@ TEST_F(FilteredGate, IsSleptForWithoutAFutex) {
         std::optional<SVGate> gate(std::in_place);
         std::atomic<pid_t> number{0};
         std::atomic<bool> done{false};
-        const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(5);
+        const auto latest = std::chrono::steady_clock::now() + std::chrono::seconds(5);
         JoiningThread other([&] {
             ASSERT_TRUE(filter(SYS_futex, SECCOMP_RET_ERRNO | ENOSYS));
             number = gettid();
@@ -394,7 +394,7 @@ TEST_F(FilteredGate, IsSleptForWithoutAFutex) {
             done = true;
         });
         bool asleep = false;
-        while (!asleep && std::chrono::steady_clock::now() < end) {
+        while (!asleep && std::chrono::steady_clock::now() < latest) {
             asleep = number != 0 && ThreadState(number).asleepQ();
         }
         EXPECT_TRUE(asleep);
