@@ -404,19 +404,6 @@ TEST_F(FilteredGate, IsSleptForWithoutAFutex) {
     EXPECT_TRUE(end.wentOnQ()) << end;
 }
 
-// A sandbox may forbid the question whether the holder is of this process.
-TEST_F(FilteredGate, IsWaitedForIfItIsNotToBeLearntWhoHasIt) {
-    const ChildEnd end = inChild([] {
-        std::optional<SVGate> gate(std::in_place);
-        ASSERT_TRUE(filter(SYS_tgkill, SECCOMP_RET_ERRNO | EPERM));
-        GateWaiter other(&closeAndOpen);
-        other.waitUntilAsleep();
-        EXPECT_FALSE(other.doneQ());
-        gate.reset();
-    });
-    EXPECT_TRUE(end.wentOnQ()) << end;
-}
-
 // --- Priorities ----------------------------------------------------------------------------------
 
 TEST_F(GateTest, LendsThePriorityOfWhoeverWaitsToTheOneWhoHasClosedIt) {

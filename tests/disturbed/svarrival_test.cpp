@@ -51,7 +51,7 @@ void handBack(int signalNumber = theSignal) {
 }
 
 void installLibrary(int signalNumber = theSignal) {
-    const struct sigaction action = Sorvane::svownAction(signalNumber);
+    const struct sigaction action = Sorvane::svownAction;
     sigaction(signalNumber, &action, nullptr);
 }
 
@@ -74,7 +74,7 @@ bool hostsQ(int signalNumber = theSignal) {
 
 // --- Sent on -------------------------------------------------------------------------------------
 
-class LateArrival : public OneManagerTest {
+class SentOn : public OneManagerTest {
 protected:
     static siginfo informationWith(int signalNumber, int code) {
         siginfo information = {};
@@ -100,7 +100,7 @@ protected:
     }
 };
 
-TEST_F(LateArrival, ComesAgainAsItWas) {
+TEST_F(SentOn, ComesAgainAsItWas) {
     const BlockedSignals held{theSignal};
     take();
     handBack();
@@ -116,7 +116,7 @@ TEST_F(LateArrival, ComesAgainAsItWas) {
     EXPECT_FALSE(SVOwnership::librarysQ(theSignal));
 }
 
-TEST_F(LateArrival, OfASignalThatWasTakenOverAgainIsNone) {
+TEST_F(SentOn, OfASignalThatWasTakenOverAgainIsNone) {
     const BlockedSignals held{theSignal};
     handBack();
     take();
@@ -126,23 +126,15 @@ TEST_F(LateArrival, OfASignalThatWasTakenOverAgainIsNone) {
     EXPECT_EQ(SVOwnership::count(theSignal), before);
 }
 
-TEST_F(LateArrival, OfASignalThatNeverWasHandedBackIsNone) {
-    // One that no other test uses.
-    const BlockedSignals held{SIGUSR2};
-    EXPECT_FALSE(sendOn(SIGUSR2));
-    EXPECT_FALSE(cameAgainQ(SIGUSR2));
-    EXPECT_FALSE(SVOwnership::librarysQ(SIGUSR2));
-}
-
 // Without the kernel's doing: then it is the library's.
-TEST_F(LateArrival, OfACallByHandIsNone) {
+TEST_F(SentOn, OfACallByHandIsNone) {
     handBack();
     EXPECT_FALSE(sendOn());
     EXPECT_TRUE(SVOwnership::librarysQ(theSignal));
     EXPECT_EQ(callCount(), 0U);
 }
 
-TEST_F(LateArrival, WithoutInformationIsNone) {
+TEST_F(SentOn, WithoutInformationIsNone) {
     const BlockedSignals held{theSignal};
     handBack();
     EXPECT_FALSE(Sorvane::svsendOn(theSignal, nullptr, nullptr));
@@ -150,7 +142,7 @@ TEST_F(LateArrival, WithoutInformationIsNone) {
     EXPECT_FALSE(cameAgainQ());
 }
 
-TEST_F(LateArrival, ComesAgainOnceForEachHandBack) {
+TEST_F(SentOn, ComesAgainOnceForEachHandBack) {
     const BlockedSignals held{theSignal};
     for (int round = 0; round < 2; ++round) {
         handBack();
@@ -163,7 +155,7 @@ TEST_F(LateArrival, ComesAgainOnceForEachHandBack) {
 }
 
 // Another dispatch has installed it, and has not looked whose the signal is.
-TEST_F(LateArrival, PutsTheHostsActionBackWhileAnotherDispatchHasTheLibraryInstalled) {
+TEST_F(SentOn, PutsTheHostsActionBackWhileAnotherDispatchHasTheLibraryInstalled) {
     const BlockedSignals held{theSignal};
     const OtherDispatch other;
     handBack();
@@ -176,7 +168,7 @@ TEST_F(LateArrival, PutsTheHostsActionBackWhileAnotherDispatchHasTheLibraryInsta
     }
 }
 
-TEST_F(LateArrival, IsNoneIfTheLibraryWasInstalledByHand) {
+TEST_F(SentOn, IsNoneIfTheLibraryWasInstalledByHand) {
     const BlockedSignals held{theSignal};
     handBack();
     installLibrary();
@@ -186,7 +178,7 @@ TEST_F(LateArrival, IsNoneIfTheLibraryWasInstalledByHand) {
     EXPECT_TRUE(SVOwnership::librarysQ(theSignal));
 }
 
-TEST_F(LateArrival, LeavesWhatTheHostInstallsMeanwhile) {
+TEST_F(SentOn, LeavesWhatTheHostInstallsMeanwhile) {
     const BlockedSignals held{theSignal};
     const OtherDispatch other;
     handBack();
@@ -200,14 +192,14 @@ TEST_F(LateArrival, LeavesWhatTheHostInstallsMeanwhile) {
     EXPECT_TRUE(cameAgainQ());
 }
 
-TEST_F(LateArrival, DoesNotLeaveTheLibraryThatIsInstalledMeanwhile) {
+TEST_F(SentOn, DoesNotLeaveTheLibraryThatIsInstalledMeanwhile) {
     const BlockedSignals held{theSignal};
     const OtherDispatch other;
     handBack();
     installLibrary();
     {
         const StretchedSigaction stretched(theSignal, When::before, [] {
-            struct sigaction action = Sorvane::svownAction(theSignal);
+            struct sigaction action = Sorvane::svownAction;
             action.sa_flags |= SA_NODEFER;
             sigaction(theSignal, &action, nullptr);
         });
@@ -218,7 +210,7 @@ TEST_F(LateArrival, DoesNotLeaveTheLibraryThatIsInstalledMeanwhile) {
 }
 
 // The instruction runs again.
-TEST_F(LateArrival, OfAFaultIsNotSentOn) {
+TEST_F(SentOn, OfAFaultIsNotSentOn) {
     for (const int fault : {SIGSEGV, SIGBUS, SIGILL, SIGFPE}) {
         const BlockedSignals held{fault};
         for (const int code : {1, static_cast<int>(BUS_MCEERR_AR)}) {
@@ -234,7 +226,7 @@ TEST_F(LateArrival, OfAFaultIsNotSentOn) {
     }
 }
 
-TEST_F(LateArrival, OfADefectThatIsOnlyReportedIsSentOn) {
+TEST_F(SentOn, OfADefectThatIsOnlyReportedIsSentOn) {
     const BlockedSignals held{SIGBUS, SIGSEGV};
     handBack(SIGBUS);
     EXPECT_TRUE(sendOn(SIGBUS, BUS_MCEERR_AO));
@@ -244,7 +236,7 @@ TEST_F(LateArrival, OfADefectThatIsOnlyReportedIsSentOn) {
     EXPECT_FALSE(cameAgainQ(SIGSEGV, BUS_MCEERR_AO)) << "the code is another one's";
 }
 
-TEST_F(LateArrival, ThatIsNoFaultIsSentOnWhateverItsCode) {
+TEST_F(SentOn, ThatIsNoFaultIsSentOnWhateverItsCode) {
     const BlockedSignals held{theSignal};
     for (const int code : {1, static_cast<int>(BUS_MCEERR_AO)}) {
         handBack();
@@ -253,7 +245,7 @@ TEST_F(LateArrival, ThatIsNoFaultIsSentOnWhateverItsCode) {
     }
 }
 
-TEST_F(LateArrival, IsHadByTheHostFromHereIfTheQueueIsFull) {
+TEST_F(SentOn, IsHadByTheHostFromHereIfTheQueueIsFull) {
     const int queued = SIGRTMIN;
     const BlockedSignals held{queued};
     handBack(queued);
