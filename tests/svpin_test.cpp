@@ -288,9 +288,7 @@ void pinInHandlerWhatIsPinned(int) {
 }
 
 TEST_F(PinTest, IsNotEndedByAHandlerAtAnyInstructionOfTheFirst) {
-    if (underValgrindQ()) {
-        GTEST_SKIP() << "valgrind has no trap flag";
-    }
+    SKIP_WITHOUT_STEPS();
     publishedForHandler = m_published;
     pinsOfHandler = 0;
     std::signal(SIGTRAP, pinInHandlerWhatIsPinned);
@@ -313,9 +311,7 @@ void forgetOtherThreadsInHandler(int) {
 }
 
 TEST_F(PinTest, IsNotForgottenByItsOwnThreadAtAnyInstruction) {
-    if (underValgrindQ()) {
-        GTEST_SKIP() << "valgrind has no trap flag";
-    }
+    SKIP_WITHOUT_STEPS();
     pinsOfHandler = 0;
     std::signal(SIGTRAP, forgetOtherThreadsInHandler);
     bool pinned = false;
@@ -344,9 +340,7 @@ void publishInHandler(int) {
 }
 
 TEST_F(PinTest, IsOfWhatIsPublishedWhicheverInstructionThatComesAt) {
-    if (underValgrindQ()) {
-        GTEST_SKIP() << "valgrind has no trap flag";
-    }
+    SKIP_WITHOUT_STEPS();
     placeForHandler = &m_published;
     othersForHandler = &m_others;
     unsigned int publications = 0;
@@ -508,6 +502,7 @@ TEST_F(PinInAChild, WithoutASlotIsForgottenUnlessItMayBeOfTheOnlyThread) {
 
 // No slot tells any more that it was another thread's.
 TEST_F(PinInAChild, IsNotForgottenAtAnyInstructionAfterThoseOfOthers) {
+    SKIP_WITHOUT_STEPS();
     const ChildEnd end = endOfChildBeside([this] { return pins(); },
                                           [this] {
                                               SVPin::forgetOtherThreads();
