@@ -2,16 +2,21 @@
 
 #include <../registry/svgate.h>
 #include <gtest/gtest.h>
+#include <linux/filter.h>
 #include <linux/futex.h>
+#include <linux/seccomp.h>
 #include <pthread.h>
 #include <sched.h>
+#include <sys/prctl.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <csignal>
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -28,6 +33,7 @@
 #include "support/joining_thread.h"
 #include "support/manager_fixture.h"
 #include "support/sanitizers.h"
+#include "support/single_steps.h"
 #include "support/stepping.h"
 #include "support/system_call_filter.h"
 #include "support/thread_state.h"
@@ -112,6 +118,12 @@ TEST_F(GateTest, LetsASandboxAndADebuggerIn) {
     EXPECT_EQ(callsOf(otherHostHandler), 1U);
 }
 
+// In a process of its own it is not the second one.
+TEST(TheFirstGate, FindsNobodyElse) {
+    EXPECT_EQ(gateWord(), 0U);
+    EXPECT_TRUE(SVGate::openQ());
+}
+
 // --- One inside another --------------------------------------------------------------------------
 
 bool openToOthersQ() {
@@ -130,6 +142,7 @@ TEST_F(GateTest, InsideAnotherChangesNothing) {
             EXPECT_TRUE(SVGate::closedByThisThreadQ());
         }
         EXPECT_TRUE(SVGate::closedByThisThreadQ());
+        EXPECT_NE(gateWord(), 0U);
         if (m_knowsMasks) {
             EXPECT_EQ(ThreadState().heldBack(), allHeldBack);
         }
@@ -143,10 +156,40 @@ TEST_F(GateTest, IsOpenToTheThreadThatHasClosedIt) {
     const SVGate gate;
     EXPECT_TRUE(SVGate::openQ());
     SVGate::waitUntilOpen();
+    EXPECT_NE(gateWord(), 0U);
     bool closedByOther = true;
     JoiningThread([&] { closedByOther = SVGate::closedByThisThreadQ(); }).join();
     EXPECT_FALSE(closedByOther);
 }
+
+#if defined(__x86_64__) || defined(__i386__)
+
+// A debugger's handler is let in, and reads what is published.
+unsigned int steps;
+unsigned int stepsNotOpen;
+
+void lookAtTheGate(int) {
+    ++steps;
+    stepsNotOpen += SVGate::openQ() ? 0U : 1U;
+}
+
+TEST_F(GateTest, IsOpenToItsOwnThreadAtAnyInstruction) {
+    if (builtWithThreadSanitizer || underValgrindQ()) {
+        GTEST_SKIP() << "there is no trap flag here, or the signal comes later";
+    }
+    JoiningThread([] { const SVGate gate; }).join();
+    hostInstalls(SIGTRAP, lookAtTheGate);
+    {
+        const SingleSteps stepping;
+        const SVGate outer;
+        { const SVGate inner; }
+        SVGate::waitUntilOpen();
+    }
+    EXPECT_GT(steps, 100U);
+    EXPECT_EQ(stepsNotOpen, 0U);
+}
+
+#endif
 
 TEST_F(GateTest, PutsTheHeapOutOfBounds) {
     using Sorvane::SVHandlerContext::insideQ;
@@ -209,6 +252,18 @@ TEST_P(WaitingAtTheGate, IsSleepingUntilItOpens) {
     other.join();
     EXPECT_TRUE(other.doneQ());
     EXPECT_EQ(gateWord(), 0U);
+}
+
+// That nobody has it is not to be read from an error of some time ago.
+TEST_P(WaitingAtTheGate, IsDoneWhateverErrorWasTheLast) {
+    std::optional<SVGate> gate(std::in_place);
+    GateWaiter other([] {
+        errno = ESRCH;
+        GetParam()();
+    });
+    other.waitUntilAsleep();
+    EXPECT_FALSE(other.doneQ());
+    gate.reset();
 }
 
 // A handler that ran there might keep the next one from the gate.
@@ -340,6 +395,59 @@ TEST_F(GateTest, LetsOneInAtATimeAlsoIfTheKernelKnowsNoFutexWithPriorityInherita
     EXPECT_TRUE(refused);
     EXPECT_TRUE(inside);
     EXPECT_EQ(gateWord(), 0U);
+}
+
+// --- What the kernel is asked --------------------------------------------------------------------
+
+// Lets the kernel do something else whenever this process asks it for a certain thing.
+bool filter(long systemCall, unsigned int instead) {
+    sock_filter instructions[] = {
+        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, static_cast<unsigned int>(systemCall), 0, 1),
+        BPF_STMT(BPF_RET | BPF_K, instead),
+        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
+    };
+    sock_fprog program = {};
+    program.len = sizeof(instructions) / sizeof(instructions[0]);
+    program.filter = instructions;
+    return prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) == 0 &&
+           prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program) == 0;
+}
+
+class FilteredGate : public GateTest {
+protected:
+    void SetUp() override {
+        if (builtWithThreadSanitizer || underValgrindQ() || emulated) {
+            GTEST_SKIP() << "what is asked here is not the library's alone, or is not filtered";
+        }
+    }
+};
+
+TEST_F(FilteredGate, AsksForNoFutexIfNobodyElseWantsIt) {
+    const ChildEnd end = inChild([] {
+        ASSERT_TRUE(filter(SYS_futex, SECCOMP_RET_KILL_PROCESS));
+        {
+            const SVGate gate;
+            closeAndOpen();
+            SVGate::waitUntilOpen();
+        }
+        SVGate::waitUntilOpen();
+        EXPECT_EQ(gateWord(), 0U);
+    });
+    EXPECT_TRUE(end.wentOnQ()) << end;
+}
+
+// A sandbox may forbid the question whether the holder is of this process.
+TEST_F(FilteredGate, IsWaitedForIfItIsNotToBeLearntWhoHasIt) {
+    const ChildEnd end = inChild([] {
+        std::optional<SVGate> gate(std::in_place);
+        ASSERT_TRUE(filter(SYS_tgkill, SECCOMP_RET_ERRNO | EPERM));
+        GateWaiter other(&closeAndOpen);
+        other.waitUntilAsleep();
+        EXPECT_FALSE(other.doneQ());
+        gate.reset();
+    });
+    EXPECT_TRUE(end.wentOnQ()) << end;
 }
 
 // --- Priorities ----------------------------------------------------------------------------------
@@ -563,6 +671,42 @@ TEST_F(GateTest, IsOpenedInAChildAtOnceIfAnotherThreadHadClosedIt) {
     done.open();
     EXPECT_TRUE(end.wentOnQ()) << end;
 }
+
+#if defined(__x86_64__) || defined(__i386__)
+
+// Whoever could take the word of a closed gate would go on waiting for somebody to open it.
+void lookForAClosedGateOfNobody(int) {
+    ++steps;
+    stepsNotOpen += gateWord() == 0 && !SVGate::openQ() ? 1U : 0U;
+}
+
+TEST_F(GateTest, IsOpenedInAChildBeforeItsWordIsFree) {
+    if (builtWithThreadSanitizer || underValgrindQ()) {
+        GTEST_SKIP() << "there is no trap flag here, or the signal comes later";
+    }
+    Gate closed;
+    Gate done;
+    JoiningThread other([&] {
+        const SVGate gate;
+        closed.open();
+        done.pass();
+    });
+    closed.pass();
+    const ChildEnd end = inChild([] {
+        hostInstalls(SIGTRAP, lookForAClosedGateOfNobody);
+        {
+            const SingleSteps stepping;
+            SVGate::goOnInChild();
+        }
+        EXPECT_GT(steps, 20U);
+        EXPECT_EQ(stepsNotOpen, 0U);
+        EXPECT_TRUE(SVGate::openQ());
+    });
+    done.open();
+    EXPECT_TRUE(end.wentOnQ()) << end;
+}
+
+#endif
 
 TEST_F(GateTest, StaysClosedInAChildIfItsOwnThreadHadClosedIt) {
     const ChildEnd end = inChild([] {

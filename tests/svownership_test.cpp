@@ -4,8 +4,10 @@
 #include <../registry/svownership.h>
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <climits>
 #include <csignal>
+#include <latch>
 #include <set>
 #include <vector>
 
@@ -219,6 +221,23 @@ TEST(SendingOn, IsTheFirstTimeForEachThreadByItself) {
     EXPECT_FALSE(second);
 }
 
+// There are fewer places than threads here, so that some of them share one.
+TEST(SendingOn, IsTheFirstTimeForEachOfManyThreads) {
+    constexpr unsigned int threadCount = 100;
+    handBack();
+    std::atomic<unsigned int> first{0};
+    std::latch over(threadCount);
+    std::vector<JoiningThread> threads;
+    for (unsigned int i = 0; i < threadCount; ++i) {
+        threads.emplace_back([&] {
+            first += sendsOnFirstQ() ? 1U : 0U;
+            over.arrive_and_wait();
+        });
+    }
+    threads.clear();
+    EXPECT_EQ(first, threadCount);
+}
+
 // --- Actions that do the same --------------------------------------------------------------------
 
 class SameAction : public testing::Test {
@@ -255,9 +274,14 @@ TEST_F(SameAction, HasTheSameHandler) {
 }
 
 TEST_F(SameAction, HasTheSameFlags) {
-    m_other.sa_flags |= SA_NODEFER;
-    EXPECT_FALSE(svsameActionQ(m_one, m_other));
-    EXPECT_FALSE(svsameActionQ(m_other, m_one));
+    for (const int flag : {SA_NOCLDSTOP, SA_NOCLDWAIT, SA_SIGINFO, SA_ONSTACK, SA_RESTART,
+                           SA_NODEFER, static_cast<int>(SA_RESETHAND)}) {
+        m_other.sa_flags ^= flag;
+        EXPECT_FALSE(svsameActionQ(m_one, m_other)) << flag;
+        EXPECT_FALSE(svsameActionQ(m_other, m_one)) << flag;
+        m_other.sa_flags ^= flag;
+    }
+    EXPECT_TRUE(svsameActionQ(m_one, m_other));
 }
 
 TEST_F(SameAction, HoldsTheSameSignalsBack) {

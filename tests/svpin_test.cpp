@@ -64,10 +64,13 @@ TEST_F(PinTest, IsOfWhatIsPublishedAsLongAsItLives) {
 
 TEST_F(PinTest, OfNothingPinsNothing) {
     m_published = nullptr;
-    const SVPin pin(m_published);
-    EXPECT_EQ(pin.tables(), nullptr);
-    EXPECT_TRUE(pin.publishedQ());
-    EXPECT_EQ(pin.tableOf(usedSignal), nullptr);
+    {
+        const SVPin pin(m_published);
+        EXPECT_EQ(pin.tables(), nullptr);
+        EXPECT_TRUE(pin.publishedQ());
+        EXPECT_EQ(pin.tableOf(usedSignal), nullptr);
+        EXPECT_FALSE(SVPin::pinnedQ(&m_tables));
+    }
     EXPECT_FALSE(SVPin::pinnedQ(&m_tables));
 }
 
@@ -124,20 +127,22 @@ TEST_F(PinTest, ExchangesWhatItKeeps) {
 // One for each of many tables, which take a slot each, and then do without one.
 class ManyPins : public PinTest {
 protected:
-    Pins pins() {
+    Pins pinsOf(std::size_t count) {
         Pins made;
-        for (SVSignalTable& tables : m_manyTables) {
-            m_published = &tables;
+        for (std::size_t i = 0; i < count; ++i) {
+            m_published = &m_manyTables[i];
             made.push_back(std::make_unique<SVPin>(m_published));
         }
         return made;
     }
+    Pins pins() { return pinsOf(m_manyTables.size()); }
 
     std::size_t pinnedTables() const {
         return static_cast<std::size_t>(std::ranges::count_if(
             m_manyTables, [](const SVSignalTable& tables) { return SVPin::pinnedQ(&tables); }));
     }
 
+    static constexpr std::size_t slotCount = 64;
     std::array<SVSignalTable, 100> m_manyTables;
 };
 
@@ -152,6 +157,21 @@ TEST_F(ManyPins, PinEverythingWhenNoSlotIsLeft) {
     made.clear();
     EXPECT_EQ(pinnedTables(), 0U);
     EXPECT_FALSE(SVPin::pinnedQ(&m_others));
+}
+
+TEST_F(ManyPins, TakeASlotEachWhileThereAreSome) {
+    const Pins made = pinsOf(slotCount);
+    EXPECT_EQ(pinnedTables(), slotCount);
+    EXPECT_FALSE(SVPin::pinnedQ(&m_others));
+    // One of the same tables, but of another thread: a slot has only one owner.
+    bool everythingPinned = false;
+    JoiningThread([&] {
+        const SVPin pin(m_published);
+        everythingPinned = SVPin::pinnedQ(&m_others);
+    }).join();
+    EXPECT_TRUE(everythingPinned);
+    EXPECT_FALSE(SVPin::pinnedQ(&m_others));
+    EXPECT_EQ(pinnedTables(), slotCount);
 }
 
 TEST_F(ManyPins, AreLetGoOneByOne) {
@@ -259,6 +279,89 @@ TEST_F(PinTest, IsOneMoreThanThoseOfAHandlerAtAnyInstruction) {
     EXPECT_FALSE(SVPin::pinnedQ(&m_others));
 }
 
+// A slot that nobody has had yet.
+void pinInHandlerWhatIsPinned(int) {
+    if (SVPin::pinnedQ(publishedForHandler)) {
+        const SVPin pin(publishedForHandler);
+        ++pinsOfHandler;
+    }
+}
+
+TEST_F(PinTest, IsNotEndedByAHandlerAtAnyInstructionOfTheFirst) {
+    SKIP_WITHOUT_STEPS();
+    publishedForHandler = m_published;
+    pinsOfHandler = 0;
+    std::signal(SIGTRAP, pinInHandlerWhatIsPinned);
+    bool pinned = false;
+    {
+        const SingleSteps steps;
+        const SVPin pin(m_published);
+        pinned = SVPin::pinnedQ(&m_tables);
+    }
+    std::signal(SIGTRAP, SIG_DFL);
+    EXPECT_GT(pinsOfHandler, 20U);
+    EXPECT_TRUE(pinned);
+    EXPECT_FALSE(SVPin::pinnedQ(&m_tables));
+}
+
+// What a child does if its only thread was split off just here.
+void forgetOtherThreadsInHandler(int) {
+    SVPin::forgetOtherThreads();
+    ++pinsOfHandler;
+}
+
+TEST_F(PinTest, IsNotForgottenByItsOwnThreadAtAnyInstruction) {
+    SKIP_WITHOUT_STEPS();
+    pinsOfHandler = 0;
+    std::signal(SIGTRAP, forgetOtherThreadsInHandler);
+    bool pinned = false;
+    {
+        const SingleSteps steps;
+        const SVPin pin(m_published);
+        pinned = SVPin::pinnedQ(&m_tables);
+    }
+    std::signal(SIGTRAP, SIG_DFL);
+    EXPECT_GT(pinsOfHandler, 20U);
+    EXPECT_TRUE(pinned);
+    EXPECT_FALSE(SVPin::pinnedQ(&m_tables));
+}
+
+SVSignalTable** placeForHandler;
+SVSignalTable* othersForHandler;
+unsigned int stepsToPublication;
+bool publishedUnseen;
+
+// What somebody does who finds nobody who reads. He may release what he has displaced.
+void publishInHandler(int) {
+    if (--stepsToPublication == 0 && !SVPin::pinnedQ(*placeForHandler)) {
+        *placeForHandler = othersForHandler;
+        publishedUnseen = true;
+    }
+}
+
+TEST_F(PinTest, IsOfWhatIsPublishedWhicheverInstructionThatComesAt) {
+    SKIP_WITHOUT_STEPS();
+    placeForHandler = &m_published;
+    othersForHandler = &m_others;
+    unsigned int publications = 0;
+    std::signal(SIGTRAP, publishInHandler);
+    for (unsigned int steps = 1; steps <= 200; ++steps) {
+        m_published = &m_tables;
+        publishedUnseen = false;
+        stepsToPublication = steps;
+        std::optional<SVPin> pin;
+        {
+            const SingleSteps stepping;
+            pin.emplace(m_published);
+        }
+        publications += publishedUnseen ? 1U : 0U;
+        EXPECT_EQ(pin->tables(), publishedUnseen ? &m_others : &m_tables) << steps;
+    }
+    std::signal(SIGTRAP, SIG_DFL);
+    EXPECT_GT(publications, 10U);
+    EXPECT_LT(publications, 200U);
+}
+
 #endif
 
 // --- Together with the gate ----------------------------------------------------------------------
@@ -273,6 +376,18 @@ TEST_F(PinTest, IsMadeWhenTheGateIsOpenAgainAndOfWhatIsPublishedThen) {
     gate.reset();
     reader.join();
     EXPECT_EQ(found, &m_others);
+}
+
+// Whoever waits has let go, and others may have taken all slots meanwhile.
+TEST_F(ManyPins, HaveNothingToDoWithTheSlotOfOneWhoWaited) {
+    std::optional<SVGate> gate(std::in_place);
+    GateWaiter reader([this] { const SVPin pin(m_published); });
+    reader.waitUntilAsleep();
+    const Pins made = pinsOf(slotCount);
+    gate.reset();
+    reader.join();
+    EXPECT_EQ(pinnedTables(), slotCount);
+    EXPECT_FALSE(SVPin::pinnedQ(&m_others));
 }
 
 TEST_F(PinTest, IsMadeInsideTheGateByTheThreadThatHasClosedIt) {
@@ -382,5 +497,28 @@ TEST_F(PinInAChild, WithoutASlotIsForgottenUnlessItMayBeOfTheOnlyThread) {
                                           });
     EXPECT_TRUE(end.wentOnQ()) << end;
 }
+
+#if defined(__x86_64__) || defined(__i386__)
+
+// No slot tells any more that it was another thread's.
+TEST_F(PinInAChild, IsNotForgottenAtAnyInstructionAfterThoseOfOthers) {
+    SKIP_WITHOUT_STEPS();
+    const ChildEnd end = endOfChildBeside([this] { return pins(); },
+                                          [this] {
+                                              SVPin::forgetOtherThreads();
+                                              std::signal(SIGTRAP, forgetOtherThreadsInHandler);
+                                              bool pinned = false;
+                                              {
+                                                  const SingleSteps steps;
+                                                  const SVPin pin(m_published);
+                                                  pinned = SVPin::pinnedQ(m_published);
+                                              }
+                                              std::signal(SIGTRAP, SIG_DFL);
+                                              EXPECT_TRUE(pinned);
+                                          });
+    EXPECT_TRUE(end.wentOnQ()) << end;
+}
+
+#endif
 
 }  // namespace

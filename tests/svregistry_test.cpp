@@ -4,12 +4,19 @@
 #include <../registry/svgate.h>
 #include <../registry/svpin.h>
 #include <../registry/svregistry.h>
+#include <../support/svstore.h>
 #include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
+#include <algorithm>
+#include <array>
+#include <cerrno>
 #include <climits>
 #include <csignal>
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <functional>
 #include <initializer_list>
 #include <optional>
@@ -18,9 +25,12 @@
 #include <vector>
 
 #include "support/child_process.h"
+#include "support/emulation.h"
 #include "support/gate.h"
 #include "support/joining_thread.h"
 #include "support/memory_limit.h"
+#include "support/sanitizers.h"
+#include "support/single_steps.h"
 #include "support/stepping.h"
 
 namespace {
@@ -196,6 +206,187 @@ TEST_F(RegistryTest, KeepsTheAddressesOfTheTablesOfSignalsThatAreNotHeldBackToo)
     }
 }
 
+// The slots of that many lie in memory of their own, which goes at once.
+TEST_F(RegistryTest, EndsWithManySignals) {
+    for (int signalNumber = 1; signalNumber <= 400; ++signalNumber) {
+        ASSERT_TRUE(addTable(signalNumber));
+    }
+    {
+        const SVPin reader(m_published);
+        ASSERT_TRUE(addTable(0));
+    }
+    ASSERT_TRUE(addTable(-1));
+    end();
+    EXPECT_EQ(m_published, nullptr);
+}
+
+// The storage of a table that is gone may be somebody else's.
+TEST_F(RegistryTest, CountsNothingAnewAfterAChange) {
+    for (const int signalNumber : {SIGUSR1, SIGTRAP}) {
+        ASSERT_TRUE(addTable(signalNumber));
+        ASSERT_TRUE(store(signalNumber, 1));
+        end();
+        using Storage = std::array<unsigned char, sizeof(SVSignalHandlerTable)>;
+        Storage pattern;
+        pattern.fill(0xa5);
+        std::vector<void*> blocks(10);
+        const SVGate gate;
+        for (void*& block : blocks) {
+            block = Sorvane::SVStore::take(sizeof(Storage));
+            ASSERT_NE(block, nullptr);
+            std::memcpy(block, pattern.data(), sizeof(Storage));
+        }
+        SVRegistry::countAnew();
+        for (void* const block : blocks) {
+            EXPECT_EQ(std::memcmp(block, pattern.data(), sizeof(Storage)), 0) << signalNumber;
+            Sorvane::SVStore::giveBack(block, sizeof(Storage));
+        }
+        m_registry.begin();
+    }
+}
+
+#if defined(__x86_64__) || defined(__i386__)
+
+// --- At each instruction
+
+struct Watched {
+    SVSignalTable** place;
+    SVSignalHandlerTable* table;
+    unsigned int steps;
+    unsigned int elsewhere;
+    unsigned int wrong;
+};
+Watched watched;
+
+// What a debugger's handler finds inside the gate.
+void lookAtWhatIsPublished(int) {
+    ++watched.steps;
+    const SVSignalTable::Entry* const entry = (*watched.place)->get(signalKey(SIGUSR1));
+    watched.wrong += entry == nullptr ? 1U : 0U;
+    watched.elsewhere += entry != nullptr && entry->value != watched.table ? 1U : 0U;
+}
+
+class RegistryStepped : public RegistryTest {
+protected:
+    void SetUp() override {
+        if (underValgrindQ() || builtWithThreadSanitizer) {
+            GTEST_SKIP() << "there is no trap flag here, or the signal comes later";
+        }
+        ASSERT_TRUE(store(SIGUSR1, 1));
+        watched = Watched{&m_published, tableOf(SIGUSR1), 0, 0, 0};
+    }
+
+    template <typename Change>
+    static void stepThrough(Change change, void (*handler)(int) = lookAtWhatIsPublished) {
+        std::signal(SIGTRAP, handler);
+        {
+            const SVGate gate;
+            const SingleSteps steps;
+            change();
+        }
+        std::signal(SIGTRAP, SIG_DFL);
+    }
+
+    template <typename Change>
+    static void step(Change change, void (*handler)(int) = lookAtWhatIsPublished) {
+        stepThrough(change, handler);
+        EXPECT_GT(watched.steps, 100U);
+        EXPECT_EQ(watched.wrong, 0U);
+    }
+};
+
+// Nothing else takes the place of the table, not even for a moment.
+TEST_F(RegistryStepped, ChangesATableInItsPlaceIfNobodyReads) {
+    const SVSignalHandler record = recordOf(SIGUSR1, 2);
+    step([&] {
+        m_registry.store(record, noTable);
+        m_registry.remove(SIGUSR1, functionAt(1), noTable);
+    });
+    EXPECT_EQ(watched.elsewhere, 0U);
+}
+
+bool countedRightQ(const SVSignalHandlerTable& table) {
+    unsigned int used = 0;
+    unsigned int fill = 0;
+    for (unsigned int slot = 0; slot <= table.mask; ++slot) {
+        used += table.table[slot].state == Sorvane::svslotOccupied ? 1 : 0;
+        fill += table.table[slot].state != Sorvane::svslotEmpty ? 1 : 0;
+    }
+    return table.used == used && table.fill == fill;
+}
+
+// A child in which nobody goes on with the change.
+void splitAChildOff(int) {
+    ++watched.steps;
+    const pid_t child = fork();
+    if (child == 0) {
+        SVSignalHandlerTable* const table = watched.table;
+        SVRegistry::countAnew();
+        const bool right = countedRightQ(*table);
+        // Once is enough.
+        table->used += 10;
+        SVRegistry::countAnew();
+        table->used -= 10;
+        _exit(right && countedRightQ(*table) ? 0 : 1);
+    }
+    int status = 1;
+    while (waitpid(child, &status, 0) < 0 && errno == EINTR) {
+    }
+    watched.wrong += status == 0 ? 0U : 1U;
+}
+
+TEST_F(RegistryStepped, ChangesATableInItsPlaceWithoutMemoryForAStandIn) {
+    SKIP_WITHOUT_MEMORY_LIMIT();
+    const SVSignalHandler record = recordOf(SIGUSR1, 1, false);
+    MemoryLimit limit;
+    stepThrough([&] { m_registry.store(record, noTable); });
+    limit.release();
+    EXPECT_GT(watched.steps, 100U);
+    EXPECT_EQ(watched.wrong, 0U);
+    EXPECT_EQ(watched.elsewhere, 0U);
+    EXPECT_FALSE(watched.table->get(functionAt(1))->value.validQ());
+}
+
+TEST_F(RegistryStepped, IsCountedRightInAChildAtAnyInstruction) {
+    for (const std::uintptr_t address : {0U, 3U, 7U}) {
+        ASSERT_TRUE(store(SIGUSR1, address));
+    }
+    ASSERT_TRUE(remove(SIGUSR1, 3));
+    const SVSignalHandler record = recordOf(SIGUSR1, 5);
+    step(
+        [&] {
+            m_registry.store(record, noTable);
+            m_registry.remove(SIGUSR1, functionAt(7), noTable);
+        },
+        splitAChildOff);
+    EXPECT_EQ(tableOf(SIGUSR1)->used, 3U);
+    EXPECT_EQ(tableOf(SIGUSR1)->fill, 5U);
+}
+
+// Half of one record and half of another is nothing to be called.
+TEST_F(RegistryStepped, ReplacesARecordAndRebuildsATableWhereNobodyFindsIt) {
+    for (std::uintptr_t address = 2; address < 6; ++address) {
+        ASSERT_TRUE(store(SIGUSR1, address));
+    }
+    ASSERT_TRUE(tableOf(SIGUSR1)->growsWithQ(functionAt(6)));
+    for (const SVSignalHandler& record : {recordOf(SIGUSR1, 1, false), recordOf(SIGUSR1, 6)}) {
+        watched = Watched{&m_published, tableOf(SIGUSR1), 0, 0, 0};
+        step([&] { m_registry.store(record, noTable); });
+        EXPECT_GT(watched.elsewhere, 20U);
+        EXPECT_EQ(tableOf(SIGUSR1), watched.table);
+    }
+}
+
+// The slots of that many lie in memory of their own, which goes at once.
+TEST_F(RegistryStepped, IsThereWhileASignalIsAddedToMany) {
+    for (int signalNumber = 1; signalNumber <= 400; ++signalNumber) {
+        ASSERT_TRUE(addTable(signalNumber));
+    }
+    step([this] { m_registry.addTable(1000, noTable); });
+}
+
+#endif
+
 // --- While somebody reads ------------------------------------------------------------------------
 
 class RegistryWhileRead : public RegistryTest {
@@ -209,8 +400,6 @@ protected:
         m_reader.emplace(m_published);
     }
 
-    void addManyTables();
-
     // The reader finds what it found before.
     void expectReaderUndisturbed() const {
         ASSERT_EQ(m_reader->tables(), m_outer);
@@ -221,6 +410,13 @@ protected:
             EXPECT_EQ(table->used, 1U);
             ASSERT_TRUE(table->has_key(functionAt(1)));
             EXPECT_TRUE(table->get(functionAt(1))->value.validQ());
+        }
+    }
+
+    // What has been released is used again, and so is no longer what it was.
+    void storeForOthers() {
+        for (int signalNumber = 20; signalNumber < 40; ++signalNumber) {
+            ASSERT_TRUE(store(signalNumber, 5));
         }
     }
 
@@ -305,33 +501,6 @@ TEST_F(RegistryWhileRead, ChangesInPlaceAgainAfterTheLastReader) {
     ASSERT_TRUE(store(SIGUSR2, 2));
     EXPECT_EQ(m_published, outer);
     EXPECT_EQ(tableOf(SIGUSR2), m_second);
-}
-
-// Storage that is released is had again by the next tables.
-void RegistryWhileRead::addManyTables() {
-    for (int signalNumber = 1; signalNumber <= 9; ++signalNumber) {
-        ASSERT_TRUE(store(signalNumber, 7));
-    }
-}
-
-TEST_F(RegistryWhileRead, ReleasesNoTableThatIsStillPublished) {
-    ASSERT_TRUE(store(SIGUSR1, 2));
-    m_reader.reset();
-    addManyTables();
-    EXPECT_EQ(tableOf(SIGUSR2), m_second);
-    EXPECT_EQ(m_second->used, 1U);
-    EXPECT_TRUE(hasQ(SIGUSR2, 1));
-}
-
-TEST_F(RegistryWhileRead, ReleasesNoTableThatAnOlderReaderShares) {
-    ASSERT_TRUE(store(SIGUSR1, 2));
-    {
-        const SVPin second(m_published);
-        ASSERT_TRUE(store(SIGUSR2, 2));
-        EXPECT_EQ(second.tableOf(SIGUSR2), m_second);
-    }
-    addManyTables();
-    expectReaderUndisturbed();
 }
 
 TEST_F(RegistryWhileRead, EndsWithoutTheReadersNotice) {
@@ -498,6 +667,229 @@ TEST_F(RegistryInAChild, CountsARecordNoMoreThatHadJustGoneFromItsSlot) {
     expectChildToCountAnew([this] { remove(SIGUSR1, 2); });
 }
 
+TEST_F(RegistryWhileRead, KeepsWhatItSharesWithWhatIsReleased) {
+    ASSERT_TRUE(store(SIGUSR1, 2));
+    m_reader.reset();
+    storeForOthers();
+    EXPECT_EQ(tableOf(SIGUSR2), m_second);
+    EXPECT_EQ(m_second->used, 1U);
+    EXPECT_TRUE(m_second->has_key(functionAt(1)));
+}
+
+TEST_F(RegistryWhileRead, KeepsWhatOneReaderSharesWithAnother) {
+    ASSERT_TRUE(store(SIGUSR1, 2));
+    {
+        const SVPin second(m_published);
+        ASSERT_TRUE(store(SIGUSR2, 2));
+    }
+    storeForOthers();
+    expectReaderUndisturbed();
+}
+
+// What is retired has tables that are published still.
+TEST_F(RegistryWhileRead, EndsWithoutTheNoticeOfReadersOfWhatIsRetired) {
+    ASSERT_TRUE(store(SIGUSR1, 2));
+    end();
+    EXPECT_EQ(m_published, nullptr);
+    begin();
+    storeForOthers();
+    expectReaderUndisturbed();
+}
+
+// The language notes how many slots it has to destroy: with the end slot one more than are used.
+TEST_F(RegistryWhileRead, CopiesTheEndSlotToo) {
+    for (std::uintptr_t address = 2; address < 30; ++address) {
+        ASSERT_TRUE(store(SIGUSR1, address));
+    }
+    const SVPin second(m_published);
+    const SVSignalHandlerTable* const former = tableOf(SIGUSR1);
+    ASSERT_TRUE(remove(SIGUSR1, 1));
+    const SVSignalHandlerTable* const copy = tableOf(SIGUSR1);
+    ASSERT_NE(copy, former);
+    std::size_t slots = 0;
+    std::memcpy(&slots, reinterpret_cast<const unsigned char*>(copy->table) - sizeof(slots),
+                sizeof(slots));
+    EXPECT_EQ(slots, std::size_t{former->mask} + 2);
+}
+
+// --- Without memory ------------------------------------------------------------------------------
+
+// No larger than what a reader's tables are remembered in.
+struct Small : Sorvane::SVObject {};
+
+template <typename Object>
+bool canBeHadQ() {
+    const SVGate gate;
+    const auto* const object = new Object;
+    delete object;
+    return object != nullptr;
+}
+
+// The table is as full of deleted slots as it may be, and has as many slots after its rebuild as
+// before. So what a stand-in for it takes is what it needs itself.
+TEST_F(RegistryTest, IsRebuiltInSightWithMemoryForThatAlone) {
+    SKIP_WITHOUT_MEMORY_LIMIT();
+    for (std::uintptr_t address = 0; address < 21; ++address) {
+        ASSERT_TRUE(store(SIGUSR1, address));
+        ASSERT_TRUE(address < 6 || remove(SIGUSR1, address));
+    }
+    for (std::uintptr_t address = 3; address < 6; ++address) {
+        ASSERT_TRUE(remove(SIGUSR1, address));
+    }
+    const SVSignalHandlerTable* const table = tableOf(SIGUSR1);
+    ASSERT_TRUE(table->growsWithQ(functionAt(21)));
+    const unsigned int mask = table->mask;
+    const std::size_t slots = sizeof(std::size_t) + (mask + 2) * sizeof(*table->table);
+    MemoryLimit limit({sizeof(*table), slots});
+    const bool stored = store(SIGUSR1, 21);
+    limit.release();
+    EXPECT_TRUE(stored);
+    EXPECT_EQ(tableOf(SIGUSR1), table);
+    EXPECT_EQ(table->mask, mask);
+    EXPECT_EQ(table->fill, 4U);
+    EXPECT_TRUE(hasQ(SIGUSR1, 21));
+}
+
+// A stand-in can be done without, and leaves nothing behind.
+TEST_F(RegistryTest, ReplacesARecordWithoutMemoryForTheSlotsOfAStandIn) {
+    SKIP_WITHOUT_MEMORY_LIMIT();
+    for (std::uintptr_t address = 0; address < 10; ++address) {
+        ASSERT_TRUE(store(SIGUSR1, address));
+    }
+    MemoryLimit limit({sizeof(SVSignalHandlerTable)});
+    const bool stored = store(SIGUSR1, 1, false);
+    const bool leftNothing = canBeHadQ<SVSignalHandlerTable>();
+    limit.release();
+    EXPECT_TRUE(stored);
+    EXPECT_TRUE(leftNothing);
+    EXPECT_FALSE(tableOf(SIGUSR1)->get(functionAt(1))->value.validQ());
+}
+
+TEST_F(RegistryWhileRead, ChangesNothingWithoutMemoryForACopy) {
+    SKIP_WITHOUT_MEMORY_LIMIT();
+    for (const std::size_t had : {sizeof(Small), sizeof(SVSignalTable)}) {
+        MemoryLimit limit({had});
+        const bool stored = store(SIGUSR1, 2);
+        const bool removed = remove(SIGUSR1, 1);
+        const bool leftNothing =
+            had == sizeof(Small) ? canBeHadQ<Small>() : canBeHadQ<SVSignalTable>();
+        limit.release();
+        EXPECT_FALSE(stored);
+        EXPECT_FALSE(removed);
+        EXPECT_TRUE(leftNothing);
+        ASSERT_EQ(m_published, m_outer);
+        expectReaderUndisturbed();
+    }
+}
+
+TEST_F(RegistryWhileRead, AddsNoTableWithoutMemoryForACopy) {
+    SKIP_WITHOUT_MEMORY_LIMIT();
+    MemoryLimit limit({sizeof(SVSignalHandlerTable)});
+    const bool added = addTable(SIGTERM);
+    const bool leftNothing = canBeHadQ<SVSignalHandlerTable>();
+    limit.release();
+    EXPECT_FALSE(added);
+    EXPECT_TRUE(leftNothing);
+    EXPECT_EQ(m_published, m_outer);
+    EXPECT_EQ(tableOf(SIGTERM), nullptr);
+    expectReaderUndisturbed();
+}
+
+TEST_F(RegistryWhileRead, LeavesASharedTableWithoutMemoryForItsCopy) {
+    SKIP_WITHOUT_MEMORY_LIMIT();
+    ASSERT_TRUE(store(SIGUSR1, 2));
+    MemoryLimit limit;
+    const bool stored = store(SIGUSR2, 2);
+    limit.release();
+    EXPECT_FALSE(stored);
+    EXPECT_EQ(tableOf(SIGUSR2), m_second);
+    expectReaderUndisturbed();
+}
+
+TEST_F(RegistryTest, LeavesASharedTableWithoutMemoryForTheGrowthOfItsCopy) {
+    SKIP_WITHOUT_MEMORY_LIMIT();
+    for (std::uintptr_t address = 0; address < 5; ++address) {
+        ASSERT_TRUE(store(SIGUSR2, address));
+    }
+    const SVSignalHandlerTable* const table = tableOf(SIGUSR2);
+    ASSERT_TRUE(table->growsWithQ(functionAt(5)));
+    const SVPin reader(m_published);
+    ASSERT_TRUE(store(SIGUSR1, 1));
+    MemoryLimit limit({sizeof(SVSignalHandlerTable)});
+    const bool stored = store(SIGUSR2, 5);
+    const bool leftNothing = canBeHadQ<SVSignalHandlerTable>();
+    limit.release();
+    EXPECT_FALSE(stored);
+    EXPECT_TRUE(leftNothing);
+    EXPECT_EQ(tableOf(SIGUSR2), table);
+    EXPECT_EQ(table->used, 5U);
+}
+
+TEST_F(RegistryWhileRead, GivesAllBackThatItHadForAReader) {
+    SKIP_WITHOUT_MEMORY_LIMIT();
+    ASSERT_TRUE(store(SIGUSR1, 2));
+    m_reader.reset();
+    MemoryLimit limit;
+    const bool removed = remove(SIGUSR1, 2);
+    const bool small = canBeHadQ<Small>();
+    const bool outer = canBeHadQ<SVSignalTable>();
+    const bool inner = canBeHadQ<SVSignalHandlerTable>();
+    limit.release();
+    EXPECT_TRUE(removed);
+    EXPECT_TRUE(small);
+    EXPECT_TRUE(outer);
+    EXPECT_TRUE(inner);
+}
+
+TEST_F(RegistryTest, EndsWithoutMemoryAndGivesBackWhatItHad) {
+    SKIP_WITHOUT_MEMORY_LIMIT();
+    ASSERT_TRUE(store(SIGUSR1, 1));
+    MemoryLimit limit;
+    end();
+    const bool ended = m_published == nullptr;
+    begin();
+    const bool begun = m_published != nullptr;
+    const bool added = begun && addTable(SIGUSR2);
+    limit.release();
+    EXPECT_TRUE(ended);
+    EXPECT_TRUE(begun);
+    EXPECT_TRUE(added);
+}
+
+TEST_F(RegistryWhileRead, EndsWithoutMemory) {
+    SKIP_WITHOUT_MEMORY_LIMIT();
+    MemoryLimit limit;
+    end();
+    limit.release();
+    EXPECT_EQ(m_published, nullptr);
+    expectReaderUndisturbed();
+}
+
+// What is retired goes at once if nobody reads it any more.
+TEST_F(RegistryWhileRead, EndsAndGivesBackWhatIsRetired) {
+    SKIP_WITHOUT_MEMORY_LIMIT();
+    ASSERT_TRUE(store(SIGUSR1, 2));
+    m_reader.reset();
+    MemoryLimit limit({sizeof(Small)});
+    end();
+    std::array<SVSignalTable*, 2> had{};
+    std::array<SVSignalHandlerTable*, 3> hadOfSignals{};
+    {
+        const SVGate gate;
+        std::ranges::generate(had, [] { return new SVSignalTable; });
+        std::ranges::generate(hadOfSignals, [] { return new SVSignalHandlerTable; });
+    }
+    limit.release();
+    for (const SVSignalTable* const table : had) {
+        EXPECT_NE(table, nullptr);
+        delete table;
+    }
+    for (const SVSignalHandlerTable* const table : hadOfSignals) {
+        EXPECT_NE(table, nullptr);
+        delete table;
+    }
+}
+
 // --- What has been displaced ---------------------------------------------------------------------
 
 // Where tables lie tells whether they are released: their storage is then had again.
@@ -630,6 +1022,41 @@ TEST_F(SameSlots, AreNotThoseOfAnotherSize) {
 }
 
 // A key behind a collision comes into its home slot, and leaves its own to another key.
+TEST_F(SameSlots, AreNotThoseOfWhichTheFirstIsEmptyNow) {
+    insert(m_before, 0);
+    ASSERT_EQ(m_before.table[0].key, functionAt(0));
+    EXPECT_FALSE(Sorvane::svsameSlotsQ(m_before, m_now));
+    EXPECT_TRUE(Sorvane::svsameSlotsQ(m_now, m_before));
+}
+
+// Who is registered again stands behind what has taken the slot; before it was not there at all.
+TEST_F(SameSlots, AreThoseInWhichARecordThatWasGoneIsElsewhere) {
+    m_before.remove(functionAt(1));
+    m_now.remove(functionAt(1));
+    insert(m_now, 9);
+    insert(m_now, 1);
+    ASSERT_EQ(m_before.table[1].key, functionAt(1));
+    ASSERT_EQ(m_now.table[1].key, functionAt(9));
+    EXPECT_TRUE(Sorvane::svsameSlotsQ(m_before, m_now));
+}
+
+TEST(SlotsAfterARebuild, AreNotTheSameIfAnotherRecordHasTheSlotOfOneThatHasMoved) {
+    SVSignalHandlerTable behind;
+    SVSignalHandlerTable moved;
+    for (const std::uintptr_t address : {1U, 9U}) {
+        behind.insert(functionAt(address), recordOf(SIGUSR1, address));
+    }
+    for (const std::uintptr_t address : {9U, 15U}) {
+        moved.insert(functionAt(address), recordOf(SIGUSR1, address));
+    }
+    ASSERT_EQ(behind.table[7].key, functionAt(9));
+    ASSERT_EQ(moved.table[7].key, functionAt(15));
+    EXPECT_FALSE(Sorvane::svsameSlotsQ(behind, moved));
+    moved.remove(functionAt(15));
+    EXPECT_FALSE(Sorvane::svsameSlotsQ(behind, moved)) << "whoever goes on there misses one";
+}
+
+// A key behind a collision comes into its home slot.
 TEST_F(SameSlots, AreNotThoseInWhichARecordHasMoved) {
     SVSignalHandlerTable behind;
     insert(behind, 1);

@@ -238,8 +238,8 @@ bool svsameSlotsQ(const SVSignalHandlerTable& one, const SVSignalHandlerTable& o
         const SVSignalHandlerTable::Entry& before = one.table[i];
         const SVSignalHandlerTable::Entry& now = other.table[i];
         const bool emptied = before.state != svslotEmpty && now.state == svslotEmpty;
-        const bool moved = before.state == svslotOccupied && now.state == svslotOccupied &&
-                           before.key != now.key && other.has_key(before.key);
+        const bool moved =
+            before.state == svslotOccupied && before.key != now.key && other.has_key(before.key);
         same = !emptied && !moved;
     }
     return same;

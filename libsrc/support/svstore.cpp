@@ -124,6 +124,7 @@ Block* pop(std::atomic<Block*>& list) noexcept {
         while (last->next != nullptr) {
             last = last->next;
         }
+        push(list, rest, last);
     }
     return first;
 }

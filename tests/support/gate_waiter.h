@@ -34,9 +34,10 @@ public:
               m_done = true;
           }) {}
 
-    /// Waits until the thread sleeps at the gate.
+    /// Waits until the thread sleeps at the gate, or has come to its end without that.
     void waitUntilAsleep() const {
-        while ((gateWord() & FUTEX_WAITERS) == 0 || m_number == 0 || !state().asleepQ()) {
+        while (!m_done &&
+               ((gateWord() & FUTEX_WAITERS) == 0 || m_number == 0 || !state().asleepQ())) {
             std::this_thread::yield();
         }
     }

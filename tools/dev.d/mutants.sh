@@ -3,4 +3,9 @@
 source tools/devlib.sh
 
 require_packages build test mutants
-exec nice -n 10 python3 tools/mutants.py "$@"
+script=tools/mutants.py
+for argument in "$@"; do
+    [[ "$argument" != --search ]] || script=tools/mutant_search.py
+done
+# Nothing that Python compiles is left beside the sources.
+exec nice -n 10 python3 -B "$script" "$@"
