@@ -130,7 +130,7 @@ protected:
     Pins pinsOf(std::size_t count) {
         Pins made;
         for (std::size_t i = 0; i < count; ++i) {
-            m_published = &m_manyTables[i];
+            Sorvane::SVAtomicRef<SVSignalTable*>(m_published).store(&m_manyTables[i]);
             made.push_back(std::make_unique<SVPin>(m_published));
         }
         return made;
