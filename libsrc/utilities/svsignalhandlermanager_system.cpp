@@ -71,7 +71,7 @@ SVFailure SVSystemActions::handBackPreexisting() noexcept {
 }
 
 // That of theSVHandler(), known before anything runs.
-constinit const struct sigaction svownAction = [] {
+constinit const struct sigaction svownAction = []() noexcept {
     struct sigaction action = {};
     action.sa_sigaction = &actualSignalHandler;
     action.sa_flags = SA_SIGINFO | SA_RESTART | SA_ONSTACK;
