@@ -103,8 +103,8 @@ void walkAndStop(std::size_t number) {
                  return true;
              }
              ++standing;
-             while (released <= number) {
-                 sleepWhile(released, released.load());
+             for (unsigned int now = released; now <= number; now = released) {
+                 sleepWhile(released, now);
              }
              return false;
          });
