@@ -232,6 +232,15 @@ TEST_F(ManagerLifetime, LastManagerWithoutAStartTakesOnlyTheLockDown) {
     EXPECT_EQ(Manager::handlerTableLock, nullptr);
 }
 
+TEST_F(ManagerLifetime, LastManagerWithoutAStartTakesTheLockOnlyOnce) {
+    const std::shared_ptr<LockLog> log = WatchedLock::putInPlace();
+    std::optional<Manager> last(std::in_place, true);
+    const unsigned int locksBefore = log->locks;
+    last.reset();
+    EXPECT_EQ(log->locks, locksBefore + 1);
+    EXPECT_EQ(log->unlocks, log->locks);
+}
+
 // A manager that never locks does not know whether somebody else is about to use the lock.
 TEST_F(ManagerLifetime, LockSurvivesALastManagerThatNeverLocksAndServesALaterOne) {
     const SVMutexHandle* lock = nullptr;

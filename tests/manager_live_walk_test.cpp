@@ -325,6 +325,23 @@ void replaceTheOnlyManager(int signalNumber, SimpleHandler) {
     nextManager->setHandlerFromFunction(signalNumber, userHandler);
 }
 
+void replaceTheOnlyManagerAndForbidTheHandlers(int signalNumber, SimpleHandler) {
+    delete theOnlyManager;
+    nextManager = new Manager(false);
+    for (const SimpleHandler handler : present) {
+        Record notToBeCalled(signalNumber, handler, false, false, false);
+        nextManager->setHandler(notToBeCalled);
+    }
+}
+
+// The new records stand in the same slots.
+TEST_F(LiveWalk, HandlersAreCalledWhateverTheNextManagerSaysOfThem) {
+    callThroughTheOnlyManager<replaceTheOnlyManagerAndForbidTheHandlers>();
+    EXPECT_EQ(recordCount(SIGUSR1), actors);
+    expectEachCalledOnce();
+    delete nextManager;
+}
+
 TEST_F(LiveWalk, HandlersAreCalledAlthoughTheNextManagerBeginsWithoutThem) {
     callThroughTheOnlyManager<replaceTheOnlyManager>();
     EXPECT_EQ(functionsInSlotOrder(SIGUSR1), std::vector<void*>{addressOf(userHandler)});

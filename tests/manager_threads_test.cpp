@@ -515,6 +515,7 @@ TEST_F(TwoThreads, RegistrationFallsBetweenTheElementsOfAList) {
     EXPECT_EQ(Manager::handlerTables->used, 3U);
 }
 
+// One of the two has had its turn.
 TEST_F(TwoThreads, RegistrationFallsBetweenTheSignalsOfAStartAndIsTakenOver) {
     Manager manager(true);
     manager.setHandlerFromFunction(SIGINT, userHandler);
@@ -522,11 +523,16 @@ TEST_F(TwoThreads, RegistrationFallsBetweenTheSignalsOfAStartAndIsTakenOver) {
     bool first = true;
     log->onFree = [&] {
         if (std::exchange(first, false)) {
-            std::thread([] { Manager(true).setHandlerFromFunction(SIGTERM, userHandler); }).join();
+            std::thread([] {
+                Manager other(true);
+                other.setHandlerFromFunction(SIGHUP, userHandler);
+                other.setHandlerFromFunction(SIGTERM, userHandler);
+            }).join();
         }
     };
     manager.startHandlingSignals();
     log->onFree = nullptr;
+    EXPECT_TRUE(takenOverQ(SIGHUP));
     EXPECT_TRUE(takenOverQ(SIGINT));
     EXPECT_TRUE(takenOverQ(SIGTERM));
 }

@@ -2,12 +2,10 @@
 
 #include <../registry/svgate.h>
 #include <gtest/gtest.h>
-#include <linux/filter.h>
 #include <linux/futex.h>
 #include <linux/seccomp.h>
 #include <pthread.h>
 #include <sched.h>
-#include <sys/prctl.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -16,7 +14,6 @@
 #include <cerrno>
 #include <chrono>
 #include <csignal>
-#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -191,6 +188,23 @@ TEST_F(GateTest, IsOpenToItsOwnThreadAtAnyInstruction) {
 
 #endif
 
+TEST_F(GateTest, IsClosedOnlyWhileSignalsAreHeldBackAtAnyInstruction) {
+    SKIP_WITHOUT_STEPS();
+    const auto self = static_cast<unsigned int>(gettid());
+    unsigned int closed = 0;
+    unsigned int notHeldBack = 0;
+    step([] { const SVGate gate; },
+         [&](const Standing& standing) {
+             if (gateWord() == self) {
+                 ++closed;
+                 notHeldBack += sigismember(&standing.heldBack, SIGUSR1) == 1 ? 0U : 1U;
+             }
+             return true;
+         });
+    EXPECT_GT(closed, 5U);
+    EXPECT_EQ(notHeldBack, 0U);
+}
+
 TEST_F(GateTest, PutsTheHeapOutOfBounds) {
     using Sorvane::SVHandlerContext::insideQ;
     EXPECT_FALSE(insideQ());
@@ -230,6 +244,24 @@ TEST_F(GateTest, ThrowsNothingWithoutAFailure) {
 }
 
 // --- Other threads -------------------------------------------------------------------------------
+
+// While one of these lives, another thread has closed the gate.
+class ClosedByAnother {
+public:
+    ClosedByAnother() { m_closed.pass(); }
+    ClosedByAnother(const ClosedByAnother&) = delete;
+    ClosedByAnother& operator=(const ClosedByAnother&) = delete;
+    ~ClosedByAnother() { m_over.open(); }
+
+private:
+    Gate m_closed;
+    Gate m_over;
+    JoiningThread m_thread{[this] {
+        const SVGate gate;
+        m_closed.open();
+        m_over.pass();
+    }};
+};
 
 void closeAndOpen() {
     const SVGate gate;
@@ -399,33 +431,19 @@ TEST_F(GateTest, LetsOneInAtATimeAlsoIfTheKernelKnowsNoFutexWithPriorityInherita
 
 // --- What the kernel is asked --------------------------------------------------------------------
 
-// Lets the kernel do something else whenever this process asks it for a certain thing.
-bool filter(long systemCall, unsigned int instead) {
-    sock_filter instructions[] = {
-        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
-        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, static_cast<unsigned int>(systemCall), 0, 1),
-        BPF_STMT(BPF_RET | BPF_K, instead),
-        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
-    };
-    sock_fprog program = {};
-    program.len = sizeof(instructions) / sizeof(instructions[0]);
-    program.filter = instructions;
-    return prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) == 0 &&
-           prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program) == 0;
-}
-
 class FilteredGate : public GateTest {
 protected:
     void SetUp() override {
-        if (builtWithThreadSanitizer || underValgrindQ() || emulated) {
-            GTEST_SKIP() << "what is asked here is not the library's alone, or is not filtered";
+        SKIP_WITHOUT_SYSTEM_CALL_FILTERS();
+        if (builtWithThreadSanitizer) {
+            GTEST_SKIP() << "what is asked here is not the library's alone";
         }
     }
 };
 
 TEST_F(FilteredGate, AsksForNoFutexIfNobodyElseWantsIt) {
     const ChildEnd end = inChild([] {
-        ASSERT_TRUE(filter(SYS_futex, SECCOMP_RET_KILL_PROCESS));
+        ASSERT_TRUE(answerSystemCall(SYS_futex, {}, SECCOMP_RET_KILL_PROCESS));
         {
             const SVGate gate;
             closeAndOpen();
@@ -441,7 +459,7 @@ TEST_F(FilteredGate, AsksForNoFutexIfNobodyElseWantsIt) {
 TEST_F(FilteredGate, IsWaitedForIfItIsNotToBeLearntWhoHasIt) {
     const ChildEnd end = inChild([] {
         std::optional<SVGate> gate(std::in_place);
-        ASSERT_TRUE(filter(SYS_tgkill, SECCOMP_RET_ERRNO | EPERM));
+        ASSERT_TRUE(refuseSystemCall(SYS_tgkill, {}, EPERM));
         GateWaiter other(&closeAndOpen);
         other.waitUntilAsleep();
         EXPECT_FALSE(other.doneQ());
@@ -539,32 +557,17 @@ TEST_P(ChildOf, GoesOnWhenTheGateIsOpen) {
 }
 
 TEST_P(ChildOf, GoesOnWhenAnotherThreadHadClosedTheGate) {
-    Gate closed;
-    Gate done;
-    JoiningThread other([&] {
-        const SVGate gate;
-        closed.open();
-        done.pass();
-    });
-    closed.pass();
+    const ClosedByAnother closed;
     const ChildEnd end = endOfChild();
-    done.open();
     EXPECT_TRUE(end.exitedWithQ(wentOn)) << end;
 }
 
 TEST_P(ChildOf, GoesOnWhenThreadsWaitedForTheGate) {
-    Gate closed;
-    Gate done;
-    JoiningThread holder([&] {
-        const SVGate gate;
-        closed.open();
-        done.pass();
-    });
-    closed.pass();
+    std::optional<ClosedByAnother> closed(std::in_place);
     GateWaiter waiting(&closeAndOpen);
     waiting.waitUntilAsleep();
     const ChildEnd end = endOfChild();
-    done.open();
+    closed.reset();
     EXPECT_TRUE(end.exitedWithQ(wentOn)) << end;
 }
 
@@ -582,14 +585,7 @@ TEST_P(ChildOf, HasTheGateOfItsOwnThread) {
 }
 
 TEST_P(ChildOf, AChildGoesOnToo) {
-    Gate closed;
-    Gate done;
-    JoiningThread other([&] {
-        const SVGate gate;
-        closed.open();
-        done.pass();
-    });
-    closed.pass();
+    const ClosedByAnother closed;
     const pid_t child = GetParam()();
     if (child == 0) {
         const pid_t grandchild = GetParam()();
@@ -599,7 +595,6 @@ TEST_P(ChildOf, AChildGoesOnToo) {
         _exit(endOf(grandchild).exitedWithQ(wentOn) ? wentOn : stillClosed);
     }
     const ChildEnd end = endOf(child);
-    done.open();
     EXPECT_TRUE(end.exitedWithQ(wentOn)) << end;
 }
 
@@ -628,14 +623,7 @@ bool closeAndComeAt(unsigned int instruction) {
 
 TEST_F(GateTest, IsTakenByOneOfTwoWhoFindItClosedInAChildAtTheSameInstant) {
     SKIP_WITHOUT_STEPS();
-    Gate closed;
-    Gate done;
-    JoiningThread other([&] {
-        const SVGate gate;
-        closed.open();
-        done.pass();
-    });
-    closed.pass();
+    const ClosedByAnother closed;
     const ChildEnd end = inChild([] {
         const unsigned int found = gateWord();
         unsigned int instruction = 0;
@@ -647,20 +635,12 @@ TEST_F(GateTest, IsTakenByOneOfTwoWhoFindItClosedInAChildAtTheSameInstant) {
         }
         EXPECT_GT(instruction, 10U);
     });
-    done.open();
     EXPECT_TRUE(end.wentOnQ()) << end;
 }
 
 // What fork() runs in the child, for those who have asked for it.
 TEST_F(GateTest, IsOpenedInAChildAtOnceIfAnotherThreadHadClosedIt) {
-    Gate closed;
-    Gate done;
-    JoiningThread other([&] {
-        const SVGate gate;
-        closed.open();
-        done.pass();
-    });
-    closed.pass();
+    const ClosedByAnother closed;
     const ChildEnd end = inChild([] {
         SVGate::goOnInChild();
         EXPECT_TRUE(SVGate::openQ());
@@ -668,7 +648,6 @@ TEST_F(GateTest, IsOpenedInAChildAtOnceIfAnotherThreadHadClosedIt) {
         closeAndOpen();
         EXPECT_TRUE(SVGate::openQ());
     });
-    done.open();
     EXPECT_TRUE(end.wentOnQ()) << end;
 }
 
@@ -684,14 +663,7 @@ TEST_F(GateTest, IsOpenedInAChildBeforeItsWordIsFree) {
     if (builtWithThreadSanitizer || underValgrindQ()) {
         GTEST_SKIP() << "there is no trap flag here, or the signal comes later";
     }
-    Gate closed;
-    Gate done;
-    JoiningThread other([&] {
-        const SVGate gate;
-        closed.open();
-        done.pass();
-    });
-    closed.pass();
+    const ClosedByAnother closed;
     const ChildEnd end = inChild([] {
         hostInstalls(SIGTRAP, lookForAClosedGateOfNobody);
         {
@@ -702,7 +674,6 @@ TEST_F(GateTest, IsOpenedInAChildBeforeItsWordIsFree) {
         EXPECT_EQ(stepsNotOpen, 0U);
         EXPECT_TRUE(SVGate::openQ());
     });
-    done.open();
     EXPECT_TRUE(end.wentOnQ()) << end;
 }
 

@@ -7,6 +7,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cstdint>
 #include <cstring>
 #include <fstream>
@@ -22,6 +23,7 @@
 #include "support/child_process.h"
 #include "support/memory_limit.h"
 #include "support/sanitizers.h"
+#include "support/thread_state.h"
 #include "support/virtual_table.h"
 
 namespace {
@@ -113,21 +115,22 @@ TEST(SVMutexHandle, MayBeLockedAgainByItsHolderAndIsFreeAfterAsManyUnlocks) {
 
 TEST(SVMutexHandle, LockWaitsUntilTheHolderUnlocks) {
     const HandlePointer handle = makeHandle();
-    std::binary_semaphore about(0);
-    int order = 0;
-    int placeOfOther = 0;
+    std::atomic<pid_t> number{0};
+    std::atomic<bool> locked{false};
     handle->lock();
     std::thread other([&] {
-        about.release();
+        number = gettid();
         handle->lock();
-        placeOfOther = ++order;
+        locked = true;
         handle->unlock();
     });
-    about.acquire();
-    EXPECT_EQ(++order, 1);
+    while (number == 0 || !(locked || ThreadState(number).asleepQ())) {
+        std::this_thread::yield();
+    }
+    EXPECT_FALSE(locked);
     handle->unlock();
     other.join();
-    EXPECT_EQ(placeOfOther, 2);
+    EXPECT_TRUE(locked);
 }
 
 // A number that names no kind counts as the default one.

@@ -326,6 +326,21 @@ TEST_F(PinTest, IsNotForgottenByItsOwnThreadAtAnyInstruction) {
     EXPECT_FALSE(SVPin::pinnedQ(&m_tables));
 }
 
+TEST_F(PinTest, HasASlotOfItsOwnWhicheverInstructionAnotherIsMadeAt) {
+    SKIP_WITHOUT_STEPS();
+    const unsigned int instructions = atEachInstruction([this](unsigned int instruction) {
+        SVSignalTable* publishedElsewhere = &m_others;
+        std::optional<SVPin> pin;
+        std::optional<SVPin> other;
+        const bool reached = disturb([&] { pin.emplace(m_published); }, instruction,
+                                     [&] { other.emplace(publishedElsewhere); });
+        EXPECT_TRUE(SVPin::pinnedQ(&m_tables));
+        EXPECT_EQ(SVPin::pinnedQ(&m_others), reached);
+        return reached;
+    });
+    EXPECT_GT(instructions, 20U);
+}
+
 SVSignalTable** placeForHandler;
 SVSignalTable* othersForHandler;
 unsigned int stepsToPublication;

@@ -88,10 +88,10 @@ SVFailure SVArrival::settle(const struct sigaction& displaced, SVOwnership::Coun
     if (SVOwnership::handedBackByThisThreadQ(m_signalNumber)) {
         return SVSystemActions::takeOver(m_signalNumber, current);
     }
-    const bool newer = !SVOwnership::handedBackSinceQ(m_signalNumber, before);
     if (svownActionQ(displaced)) {
         return SVFailure();
     }
+    const bool newer = !SVOwnership::handedBackSinceQ(m_signalNumber, before);
     // Taken over again, when the host's action was hidden by the library's.
     if (SVOwnership::librarysQ(m_signalNumber)) {
         bool kept = false;

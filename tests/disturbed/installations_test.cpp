@@ -1,11 +1,10 @@
-// What comes between the installations of an operation, or instead of one: the host's own, that of
-// another thread's dispatch, and the kernel's refusal.
+// What comes between the installations of an operation, or instead of one: the host's own, and the
+// kernel's refusal.
 
 #include <../registry/svownership.h>
 #include <gtest/gtest.h>
 #include <sorvane/svsignalhandlermanager.h>
 
-#include <atomic>
 #include <cerrno>
 #include <csignal>
 #include <functional>
@@ -13,9 +12,7 @@
 #include <thread>
 #include <utility>
 
-#include "disturbed/limited_child.h"
 #include "disturbed/stretched_sigaction.h"
-#include "disturbed/waiting.h"
 #include "support/failure.h"
 #include "support/joining_thread.h"
 #include "support/manager_fixture.h"
@@ -68,50 +65,6 @@ TEST_F(HostInMidTakeOver, LeavesARecordThatItsNewHandlerHasAlready) {
     const Record* const record = recordOf(theSignal, otherHostHandler);
     ASSERT_NE(record, nullptr);
     EXPECT_FALSE(record->preExistsQ());
-}
-
-// --- A dispatch hides what the host has --------------------------------------------------------
-
-enum Moment : unsigned int { before, dispatched, handedBack, installed, takenOver };
-
-std::atomic<unsigned int> moment{before};
-
-void await(Moment awaited) {
-    waitUpTo(childPatience, [awaited] { return moment >= awaited; });
-}
-
-void hostThatIsTakenOverFrom(int) {
-    moment = dispatched;
-    await(handedBack);
-}
-
-TEST(TakeOver, BetweenADispatchsInstallationAndItsLastLookKeepsTheHostsHandler) {
-    expectToGoOn([] {
-        hostInstalls(theSignal, hostThatIsTakenOverFrom);
-        Manager manager(true);
-        manager.handleSignal(theSignal);
-        JoiningThread other([] {
-            const StretchedSigaction stretched(theSignal, When::after, [] {
-                if (moment == handedBack) {
-                    moment = installed;
-                    await(takenOver);
-                }
-            });
-            raise(theSignal);
-        });
-        await(dispatched);
-        Record host(theSignal, hostThatIsTakenOverFrom, true, true, true);
-        manager.clearHandler(host);
-        EXPECT_EQ(recordCount(theSignal), 0U);
-        moment = handedBack;
-        await(installed);
-        EXPECT_TRUE(takenOverQ(theSignal)) << "by the dispatch";
-        manager.handleSignal(theSignal);
-        EXPECT_NE(recordOf(theSignal, hostThatIsTakenOverFrom), nullptr);
-        moment = takenOver;
-        other.join();
-        EXPECT_TRUE(takenOverQ(theSignal));
-    });
 }
 
 // --- The kernel refuses ------------------------------------------------------------------------

@@ -6,7 +6,6 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <csignal>
 
 #include "disturbed/limited_child.h"
@@ -40,20 +39,11 @@ void whileTheLibraryIsInstalledLate(int signalNumber, Act act) {
     hostInstalls(signalNumber, hosts);
     Manager locking(true);
     locking.handleSignal(signalNumber);
-    std::atomic<bool> installed{false};
-    std::atomic<bool> over{false};
-    OtherDispatch other(signalNumber, When::after, [&](unsigned int installations) {
-        if (installations == 1) {
-            installed = true;
-            await(over);
-        }
-    });
+    OtherDispatchAtItsInstallation other(signalNumber, When::after);
     locking.stopHandlingSignal(signalNumber);
-    OtherDispatch::letGo();
-    await(installed);
+    other.letCome();
     EXPECT_TRUE(takenOverQ(signalNumber)) << "the moment did not come";
     act();
-    over = true;
     other.join();
 }
 

@@ -36,11 +36,12 @@ unsigned int OtherDispatch::received() {
 
 OtherDispatch::OtherDispatch(int signalNumber, StretchedSigaction::When when,
                              std::function<void(unsigned int)> act)
-    : m_thread([signalNumber, when, act = std::move(act)] {
+    : m_thread([this, signalNumber, when, act = std::move(act)] {
           isOther = true;
           unsigned int installations = 0;
           const StretchedSigaction stretched(signalNumber, when, [&] { act(++installations); });
           raise(signalNumber);
+          m_done = true;
       }) {
     await(standsStill);
 }
@@ -52,4 +53,23 @@ void OtherDispatch::letGo() {
 void OtherDispatch::join() {
     letGo();
     m_thread.join();
+}
+
+OtherDispatchAtItsInstallation::OtherDispatchAtItsInstallation(int signalNumber,
+                                                               StretchedSigaction::When when)
+    : m_dispatch(signalNumber, when, [this](unsigned int installations) {
+          if (installations == 1) {
+              m_there = true;
+              await(m_over);
+          }
+      }) {}
+
+void OtherDispatchAtItsInstallation::letCome() const {
+    OtherDispatch::letGo();
+    await(m_there);
+}
+
+void OtherDispatchAtItsInstallation::join() {
+    letGoOn();
+    m_dispatch.join();
 }

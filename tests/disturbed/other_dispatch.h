@@ -32,9 +32,31 @@ public:
     /// Lets it leave the host's handler.
     static void letGo();
     void join();
+    bool doneQ() const { return m_done; }
 
 private:
+    std::atomic<bool> m_done{false};
     JoiningThread m_thread;
+};
+
+/// One that stands still once more, at its first installation: just before it, or just after it.
+class OtherDispatchAtItsInstallation {
+public:
+    OtherDispatchAtItsInstallation(int signalNumber, StretchedSigaction::When when);
+
+    /// Lets it leave the host's handler, and waits until it stands there.
+    void letCome() const;
+
+    /// Lets it go on from there.
+    void letGoOn() { m_over = true; }
+
+    /// The same, and waits for its end.
+    void join();
+
+private:
+    std::atomic<bool> m_there{false};
+    std::atomic<bool> m_over{false};
+    OtherDispatch m_dispatch;
 };
 
 #endif

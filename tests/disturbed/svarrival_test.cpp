@@ -59,13 +59,13 @@ void onAnotherThread(const std::function<void()>& body) {
     JoiningThread(body).join();
 }
 
-// It counts as a manager.
-class OtherDispatch {
+// As much of a dispatch on another thread as is seen from here: it counts as a manager.
+class CountedDispatch {
 public:
-    OtherDispatch() { ++Manager::numberOfManagers; }
-    OtherDispatch(const OtherDispatch&) = delete;
-    OtherDispatch& operator=(const OtherDispatch&) = delete;
-    ~OtherDispatch() { --Manager::numberOfManagers; }
+    CountedDispatch() { ++Manager::numberOfManagers; }
+    CountedDispatch(const CountedDispatch&) = delete;
+    CountedDispatch& operator=(const CountedDispatch&) = delete;
+    ~CountedDispatch() { --Manager::numberOfManagers; }
 };
 
 bool hostsQ(int signalNumber = theSignal) {
@@ -116,6 +116,14 @@ TEST_F(SentOn, ComesAgainAsItWas) {
     EXPECT_FALSE(SVOwnership::librarysQ(theSignal));
 }
 
+TEST_F(SentOn, ComesAgainToNoOtherThread) {
+    const BlockedSignals held{theSignal};
+    handBack();
+    EXPECT_TRUE(sendOn());
+    onAnotherThread([] { EXPECT_FALSE(cameAgainQ()); });
+    EXPECT_TRUE(cameAgainQ());
+}
+
 TEST_F(SentOn, OfASignalThatWasTakenOverAgainIsNone) {
     const BlockedSignals held{theSignal};
     handBack();
@@ -157,7 +165,7 @@ TEST_F(SentOn, ComesAgainOnceForEachHandBack) {
 // Another dispatch has installed it, and has not looked whose the signal is.
 TEST_F(SentOn, PutsTheHostsActionBackWhileAnotherDispatchHasTheLibraryInstalled) {
     const BlockedSignals held{theSignal};
-    const OtherDispatch other;
+    const CountedDispatch other;
     handBack();
     for (int round = 0; round < 2; ++round) {
         installLibrary();
@@ -180,7 +188,7 @@ TEST_F(SentOn, IsNoneIfTheLibraryWasInstalledByHand) {
 
 TEST_F(SentOn, LeavesWhatTheHostInstallsMeanwhile) {
     const BlockedSignals held{theSignal};
-    const OtherDispatch other;
+    const CountedDispatch other;
     handBack();
     installLibrary();
     {
@@ -194,7 +202,7 @@ TEST_F(SentOn, LeavesWhatTheHostInstallsMeanwhile) {
 
 TEST_F(SentOn, DoesNotLeaveTheLibraryThatIsInstalledMeanwhile) {
     const BlockedSignals held{theSignal};
-    const OtherDispatch other;
+    const CountedDispatch other;
     handBack();
     installLibrary();
     {
@@ -375,6 +383,17 @@ TEST_F(EndOfADispatch, LeavesTheLibraryToTheDispatchThatInstalledIt) {
     });
     EXPECT_TRUE(takenOverQ(theSignal));
     EXPECT_FALSE(SVOwnership::librarysQ(theSignal));
+}
+
+// It has displaced the library, and the host's action is back by then.
+TEST_F(EndOfADispatch, DoesNotPutTheLibraryBack) {
+    dispatch(
+        [] {
+            handBackElsewhere();
+            installLibrary();
+        },
+        When::after, [] { hostInstalls(theSignal, hostInformationHandler); });
+    EXPECT_TRUE(hostsQ());
 }
 
 TEST_F(EndOfADispatch, PutsBackWhatIsNewerThanWhatAnotherDispatchPutBack) {

@@ -10,6 +10,7 @@
 #include "disturbed/other_dispatch.h"
 #include "disturbed/stretched_sigaction.h"
 #include "disturbed/waiting.h"
+#include "support/gate_waiter.h"
 #include "support/joining_thread.h"
 #include "support/observed_handlers.h"
 #include "support/system_actions.h"
@@ -87,33 +88,61 @@ TEST(TwoDispatches, OfWhichOneHandedBackInItsHandlerLeaveTheSignalTakenOver) {
 
 // --- What a dispatch has displaced -------------------------------------------------------------
 
+// The signal, which the library has and the host had.
+class TakenOver {
+public:
+    TakenOver() {
+        hostInstalls(theSignal, hosts);
+        takeOver();
+    }
+
+    void takeOver() { manager.handleSignal(theSignal); }
+    void stop() { manager.stopHandlingSignal(theSignal); }
+    void clearHost() {
+        Record host(theSignal, hosts, true, true, true);
+        manager.clearHandler(host);
+    }
+
+    Manager manager{true};
+};
+
+// It must be said before the host's action is installed.
+TEST(DispatchBesideHandBacks, DoesNotTakeBackWhatTheHostHasJustGot) {
+    expectToGoOn([] {
+        TakenOver signal;
+        OtherDispatch other(theSignal, When::after, [](unsigned int) {});
+        bool moment = false;
+        {
+            const StretchedSigaction stretched(theSignal, When::after, [&] {
+                OtherDispatch::letGo();
+                moment = waitUpTo(childPatience, [&other] {
+                    return other.doneQ() || (gateWord() & FUTEX_WAITERS) != 0;
+                });
+            });
+            signal.stop();
+        }
+        other.join();
+        EXPECT_TRUE(moment) << "the moment did not come";
+        EXPECT_TRUE(hasQ(addressOf(hosts)));
+    });
+}
+
 TEST(DispatchBesideHandBacks, LeavesTheLastOneDoneIfItWasThereBefore) {
     expectToGoOn([] {
-        hostInstalls(theSignal, hosts);
-        Manager locking(true);
-        locking.handleSignal(theSignal);
-        Record host(theSignal, hosts, true, true, true);
-        std::atomic<bool> aboutToInstall{false};
-        std::atomic<bool> handsBackAgain{false};
-        OtherDispatch other(theSignal, When::before, [&](unsigned int installations) {
-            if (installations == 1) {
-                aboutToInstall = true;
-                await(handsBackAgain);
-            }
-        });
-        OtherDispatch::letGo();
-        await(aboutToInstall);
+        TakenOver signal;
+        OtherDispatchAtItsInstallation other(theSignal, When::before);
+        other.letCome();
         unsigned int installations = 0;
         bool moment = false;
         {
             const StretchedSigaction stretched(theSignal, When::before, [&] {
                 if (++installations == 2) {
-                    handsBackAgain = true;
+                    other.letGoOn();
                     moment = waitUpTo(childPatience, [] { return takenOverQ(theSignal); });
                 }
             });
-            locking.clearHandler(host);
-            locking.stopHandlingSignal(theSignal);
+            signal.clearHost();
+            signal.stop();
         }
         other.join();
         EXPECT_TRUE(moment) << "the moment did not come";
@@ -123,14 +152,12 @@ TEST(DispatchBesideHandBacks, LeavesTheLastOneDoneIfItWasThereBefore) {
 
 TEST(DispatchBesideHandBacks, PutsBackWhatTheHostHasInstalledSince) {
     expectToGoOn([] {
-        hostInstalls(theSignal, hosts);
-        Manager locking(true);
-        locking.handleSignal(theSignal);
+        TakenOver signal;
         bool installed = false;
         OtherDispatch other(theSignal, When::after, [&installed](unsigned int) {
             installed = installed || takenOverQ(theSignal);
         });
-        locking.stopHandlingSignal(theSignal);
+        signal.stop();
         hostInstalls(theSignal, otherHostHandler);
         other.join();
         EXPECT_TRUE(installed) << "the moment did not come";
@@ -140,15 +167,13 @@ TEST(DispatchBesideHandBacks, PutsBackWhatTheHostHasInstalledSince) {
 
 TEST(DispatchBesideHandBacks, LeavesWhatTheHostInstallsJustBeforeItPutsBack) {
     expectToGoOn([] {
-        hostInstalls(theSignal, hosts);
-        Manager locking(true);
-        locking.handleSignal(theSignal);
+        TakenOver signal;
         OtherDispatch other(theSignal, When::before, [](unsigned int installations) {
             if (installations == 2) {
                 hostInstalls(theSignal, otherHostHandler);
             }
         });
-        locking.stopHandlingSignal(theSignal);
+        signal.stop();
         other.join();
         EXPECT_TRUE(hasQ(addressOf(otherHostHandler)));
     });
@@ -158,49 +183,39 @@ TEST(DispatchBesideHandBacks, LeavesWhatTheHostInstallsJustBeforeItPutsBack) {
 
 TEST(TakeOverBesideADispatch, TakesWhatTheSignalWasHandedBackToForTheHosts) {
     expectToGoOn([] {
-        hostInstalls(theSignal, hosts);
-        Manager locking(true);
-        locking.handleSignal(theSignal);
-        Record host(theSignal, hosts, true, true, true);
-        std::atomic<bool> installed{false};
-        std::atomic<bool> takenOver{false};
-        OtherDispatch other(theSignal, When::after, [&](unsigned int installations) {
-            if (installations == 1) {
-                installed = true;
-                await(takenOver);
-            }
-        });
-        locking.clearHandler(host);
-        OtherDispatch::letGo();
-        await(installed);
-        locking.handleSignal(theSignal);
-        takenOver = true;
+        TakenOver signal;
+        OtherDispatchAtItsInstallation other(theSignal, When::after);
+        signal.clearHost();
+        other.letCome();
+        signal.takeOver();
+        EXPECT_TRUE(signal.manager.hasPreexistingOrExternalHandlerQ(theSignal)) << "at once";
         other.join();
         EXPECT_TRUE(takenOverQ(theSignal));
-        locking.stopHandlingSignal(theSignal);
+        signal.stop();
         EXPECT_TRUE(hasQ(addressOf(hosts)));
+    });
+}
+
+// There is no dispatch, so it is what the host has now.
+TEST(TakeOverOfTheLibraryInstalledByHand, KeepsNothingThatTheHostHadBefore) {
+    expectToGoOn([] {
+        TakenOver signal;
+        signal.clearHost();
+        hostInstalls(theSignal, actualSignalHandler);
+        signal.takeOver();
+        EXPECT_TRUE(takenOverQ(theSignal));
+        EXPECT_FALSE(signal.manager.hasPreexistingOrExternalHandlerQ(theSignal));
     });
 }
 
 TEST(TakeOverBesideADispatch, KeepsWhatTheHostHasInstalledSinceTheHandBack) {
     expectToGoOn([] {
-        hostInstalls(theSignal, hosts);
-        Manager locking(true);
-        locking.handleSignal(theSignal);
-        std::atomic<bool> installed{false};
-        std::atomic<bool> takenOver{false};
-        OtherDispatch other(theSignal, When::after, [&](unsigned int installations) {
-            if (installations == 1) {
-                installed = true;
-                await(takenOver);
-            }
-        });
-        locking.stopHandlingSignal(theSignal);
+        TakenOver signal;
+        OtherDispatchAtItsInstallation other(theSignal, When::after);
+        signal.stop();
         hostInstalls(theSignal, otherHostHandler);
-        OtherDispatch::letGo();
-        await(installed);
-        locking.handleSignal(theSignal);
-        takenOver = true;
+        other.letCome();
+        signal.takeOver();
         other.join();
         raise(theSignal);
         EXPECT_EQ(callsOf(otherHostHandler), 1U) << "it is on record";
@@ -211,35 +226,24 @@ TEST(TakeOverBesideADispatch, KeepsWhatTheHostHasInstalledSinceTheHandBack) {
 // had before the take-over does.
 TEST(TakeOverBesideADispatch, DoesNotKeepAgainWhatWasClearedBefore) {
     expectToGoOn([] {
-        hostInstalls(theSignal, hosts);
-        Manager locking(true);
-        locking.handleSignal(theSignal);
-        Record host(theSignal, hosts, true, true, true);
-        std::atomic<bool> aboutToInstall{false};
-        std::atomic<bool> takesOver{false};
-        OtherDispatch other(theSignal, When::before, [&](unsigned int installations) {
-            if (installations == 1) {
-                aboutToInstall = true;
-                await(takesOver);
-            }
-        });
-        OtherDispatch::letGo();
-        await(aboutToInstall);
-        locking.clearHandler(host);
+        TakenOver signal;
+        OtherDispatchAtItsInstallation other(theSignal, When::before);
+        other.letCome();
+        signal.clearHost();
         hostInstalls(theSignal, SIG_DFL);
         bool moment = false;
         {
             const StretchedSigaction stretched(theSignal, When::before, [&] {
                 hostInstalls(theSignal, hosts);
-                takesOver = true;
+                other.letGoOn();
                 moment = waitUpTo(childPatience, [] { return takenOverQ(theSignal); });
             });
-            locking.handleSignal(theSignal);
+            signal.takeOver();
         }
         other.join();
         EXPECT_TRUE(moment) << "the moment did not come";
         EXPECT_TRUE(takenOverQ(theSignal));
-        EXPECT_FALSE(locking.hasPreexistingOrExternalHandlerQ(theSignal));
+        EXPECT_FALSE(signal.manager.hasPreexistingOrExternalHandlerQ(theSignal));
     });
 }
 

@@ -73,3 +73,17 @@ const char* reasonForNotStepping() noexcept {
 }
 
 #endif
+
+bool disturb(const std::function<void()>& operation, unsigned int instruction,
+             const std::function<void()>& disturbance) {
+    unsigned int passed = 0;
+    bool reached = false;
+    step(operation, [&](const Standing&) {
+        reached = passed++ == instruction;
+        if (reached) {
+            disturbance();
+        }
+        return !reached;
+    });
+    return reached;
+}

@@ -3,6 +3,8 @@
 #ifndef SORVANE_TESTS_SUPPORT_STEPPING_H
 #define SORVANE_TESTS_SUPPORT_STEPPING_H
 
+#include <gtest/gtest.h>
+
 #include <csignal>
 #include <cstdint>
 #include <functional>
@@ -30,5 +32,23 @@ using AfterEach = std::function<bool(const Standing&)>;
 /// Runs an operation on this thread instruction by instruction. Signal handlers that interrupt it
 /// are not stepped. Several threads may step at once.
 void step(const std::function<void()>& operation, const AfterEach& afterEach);
+
+/// Runs an operation on this thread, and does something else after one of its instructions, which
+/// are counted from 0. Result: whether the operation has so many.
+bool disturb(const std::function<void()>& operation, unsigned int instruction,
+             const std::function<void()>& disturbance);
+
+/// Calls an attempt with 0, 1, 2..., as long as it says that the operation has such an instruction,
+/// and the test has not failed. Result: how many there were.
+template <typename Attempt>
+unsigned int atEachInstruction(Attempt attempt) {
+    unsigned int instruction = 0;
+    for (bool reached = true; reached && !testing::Test::HasFailure();) {
+        SCOPED_TRACE(testing::Message() << "at instruction " << instruction);
+        reached = attempt(instruction);
+        instruction += reached ? 1U : 0U;
+    }
+    return instruction;
+}
 
 #endif
