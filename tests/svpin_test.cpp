@@ -341,40 +341,27 @@ TEST_F(PinTest, HasASlotOfItsOwnWhicheverInstructionAnotherIsMadeAt) {
     EXPECT_GT(instructions, 20U);
 }
 
-SVSignalTable** placeForHandler;
-SVSignalTable* othersForHandler;
-unsigned int stepsToPublication;
-bool publishedUnseen;
-
-// What somebody does who finds nobody who reads. He may release what he has displaced.
-void publishInHandler(int) {
-    if (--stepsToPublication == 0 && !SVPin::pinnedQ(*placeForHandler)) {
-        *placeForHandler = othersForHandler;
-        publishedUnseen = true;
-    }
-}
-
+// Whoever finds nobody who reads publishes something else, and may release what was published.
 TEST_F(PinTest, IsOfWhatIsPublishedWhicheverInstructionThatComesAt) {
     SKIP_WITHOUT_STEPS();
-    placeForHandler = &m_published;
-    othersForHandler = &m_others;
     unsigned int publications = 0;
-    std::signal(SIGTRAP, publishInHandler);
-    for (unsigned int steps = 1; steps <= 400; ++steps) {
+    const unsigned int instructions = atEachInstruction([&](unsigned int instruction) {
         m_published = &m_tables;
-        publishedUnseen = false;
-        stepsToPublication = steps;
+        bool unseen = false;
         std::optional<SVPin> pin;
-        {
-            const SingleSteps stepping;
-            pin.emplace(m_published);
-        }
-        publications += publishedUnseen ? 1U : 0U;
-        EXPECT_EQ(pin->tables(), publishedUnseen ? &m_others : &m_tables) << steps;
-    }
-    std::signal(SIGTRAP, SIG_DFL);
+        const bool reached = disturb([&] { pin.emplace(m_published); }, instruction,
+                                     [&] {
+                                         unseen = !SVPin::pinnedQ(m_published);
+                                         if (unseen) {
+                                             m_published = &m_others;
+                                             ++publications;
+                                         }
+                                     });
+        EXPECT_EQ(pin->tables(), unseen ? &m_others : &m_tables);
+        return reached;
+    });
     EXPECT_GT(publications, 10U);
-    EXPECT_LT(publications, 400U);
+    EXPECT_LT(publications, instructions);
 }
 
 #endif

@@ -57,7 +57,8 @@ def written_branches(paths):
             kind = tuple(branch["fallthrough"] for branch in branches)
             variants = found[path, line["line_number"]][places.get(line.get("function_name"))]
             counts = variants.setdefault(kind, [0] * len(branches))
-            variants[kind] = [a + b["count"] for a, b in zip(counts, branches)]
+            # A process that ends while its threads count can leave less than nothing.
+            variants[kind] = [a + max(b["count"], 0) for a, b in zip(counts, branches)]
     return found
 
 
