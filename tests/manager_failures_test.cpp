@@ -601,6 +601,21 @@ TEST_F(NeedsWhileSomebodyReads, OfAClearingAreCopiesOfBothTables) {
     EXPECT_EQ(reader.tableOf(SIGUSR1)->used, 2U);
 }
 
+// Otherwise the record would stay, with the signal handed back.
+TEST_F(NeedsWhileSomebodyReads, OfAClearingThatHandsBackAreThereBeforeIt) {
+    hostInstalls(SIGUSR1, hostHandler);
+    m_manager.handleSignal(SIGUSR1);
+    Record host = hostRecord(SIGUSR1, hostHandler);
+    const Sorvane::SVTablesPin reader;
+    expectNeedsCopies([&] { m_manager.clearHandler(host); },
+                      [] {
+                          EXPECT_TRUE(takenOverQ(SIGUSR1));
+                          EXPECT_EQ(recordCount(SIGUSR1), 1U);
+                      });
+    EXPECT_EQ(systemHandler(SIGUSR1), addressOf(hostHandler));
+    EXPECT_EQ(recordCount(SIGUSR1), 0U);
+}
+
 TEST_F(NeedsWhileSomebodyReads, OfANewSignalAreItsTableAndACopyOfTheOuterOne) {
     const Sorvane::SVTablesPin reader;
     expectNeedsCopies([this] { m_manager.setHandlerFromFunction(SIGUSR1, userHandler); },

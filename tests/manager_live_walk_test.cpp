@@ -221,6 +221,28 @@ TEST_F(LiveWalk, WhoseTableIsRebuiltPassesOverWhatIsNotValid) {
     EXPECT_EQ(recordCount(SIGUSR1), actors + 1);
 }
 
+std::vector<void*> slotsBefore;
+
+void addASixthAndClearTheThird(int signalNumber, SimpleHandler self) {
+    addASixth(signalNumber, self);
+    Manager(false).clearHandlerWithFunction(signalNumber,
+                                            reinterpret_cast<SimpleHandler>(slotsBefore.at(2)));
+}
+
+// The one between is not called, so nothing changes before the turn of the one that is cleared.
+TEST_F(LiveWalk, HandlerThatIsClearedAfterARebuildIsNotCalledBehindOneThatIsNotValid) {
+    Manager manager(true);
+    handleActors<addASixthAndClearTheThird>(manager);
+    slotsBefore = functionsInSlotOrder(SIGUSR1);
+    Record invalid(SIGUSR1, reinterpret_cast<SimpleHandler>(slotsBefore.at(1)), false, false,
+                   false);
+    manager.setHandler(invalid);
+    raise(SIGUSR1);
+    EXPECT_EQ(recordCount(SIGUSR1), actors) << "one more, and one less";
+    EXPECT_EQ(callsOfAddress(slotsBefore.at(2)), 0U);
+    EXPECT_EQ(callCount(), actors - 2);
+}
+
 // So aligned, they all belong in the first slot of a small table.
 [[gnu::aligned(64)]] void clearedInTheFirstSlot(int) {}
 [[gnu::aligned(64)]] void addManyOthers(int signalNumber) {

@@ -9,6 +9,7 @@
 #include <cstddef>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <ostream>
 #include <sstream>
 #include <streambuf>
@@ -21,6 +22,7 @@
 #include "support/gate.h"
 #include "support/joining_thread.h"
 #include "support/manager_fixture.h"
+#include "support/stepping.h"
 #include "support/watched_lock.h"
 
 namespace {
@@ -688,6 +690,64 @@ TEST_F(ManyThreads, DispositionsSetAtOnceAreAllKept) {
     for (int signalNumber = 1; signalNumber <= 60; ++signalNumber) {
         EXPECT_FALSE(manager.getSignalDisposition(signalNumber)) << signalNumber;
     }
+}
+
+// --- A handler that leaves by siglongjmp -------------------------------------------------------
+
+// Once signals are held back under the lock, they are let in when that is free again.
+struct LockedOperation {
+    const char* name;
+    void (*operate)(std::optional<Manager>&);
+};
+
+class WholeUnderTheLock : public ManagerTest,
+                          public testing::WithParamInterface<LockedOperation> {};
+
+INSTANTIATE_TEST_SUITE_P(
+    Each, WholeUnderTheLock,
+    testing::Values(
+        LockedOperation{"Construction",
+                        [](std::optional<Manager>& manager) { manager.emplace(true); }},
+        LockedOperation{"Registration",
+                        [](std::optional<Manager>& manager) {
+                            manager->setHandlerFromFunction(SIGUSR2, userHandler);
+                        }},
+        LockedOperation{"Clearing",
+                        [](std::optional<Manager>& manager) {
+                            manager->clearHandlerWithFunction(SIGUSR1, userHandler);
+                        }},
+        LockedOperation{"TakeOver",
+                        [](std::optional<Manager>& manager) { manager->handleSignal(SIGUSR1); }},
+        LockedOperation{
+            "HandBack",
+            [](std::optional<Manager>& manager) { manager->stopHandlingSignal(SIGUSR1); }},
+        LockedOperation{
+            "Restoration",
+            [](std::optional<Manager>& manager) { manager->restorePreviouslyExistingHandlers(); }},
+        LockedOperation{"End", [](std::optional<Manager>& manager) { manager.reset(); }}),
+    [](const testing::TestParamInfo<LockedOperation>& tested) { return tested.param.name; });
+
+TEST_P(WholeUnderTheLock, LetsSignalsInAgainWhenTheLockIsFree) {
+    SKIP_WITHOUT_STEPS();
+    std::optional<Manager> staying(std::in_place, true);
+    staying->setHandlerFromFunction(SIGUSR1, userHandler);
+    const std::shared_ptr<LockLog> log = WatchedLock::putInPlace();
+    std::optional<Manager> manager;
+    if (GetParam().name != std::string("Construction")) {
+        manager.emplace(true);
+    }
+    bool held = false;
+    unsigned int letInTooEarly = 0;
+    step([&manager] { GetParam().operate(manager); },
+         [&](const Standing& standing) {
+             const bool locked = log->depth != 0;
+             const bool letIn = sigismember(&standing.heldBack, SIGUSR1) == 0;
+             held = held || (locked && !letIn);
+             letInTooEarly += held && locked && letIn ? 1U : 0U;
+             return true;
+         });
+    EXPECT_TRUE(held);
+    EXPECT_EQ(letInTooEarly, 0U);
 }
 
 }  // namespace

@@ -145,10 +145,39 @@ TEST(Ownership, TellsWhetherAHandBackWasOverWhenTheCountWasRead) {
     SVOwnership::endHandBack(SIGUSR1);
     const Count after = count();
     SVOwnership::allowSendingOn(SIGUSR1);
-    EXPECT_TRUE(SVOwnership::handedBackSinceQ(SIGUSR1, before));
-    EXPECT_TRUE(SVOwnership::handedBackSinceQ(SIGUSR1, during));
-    EXPECT_FALSE(SVOwnership::handedBackSinceQ(SIGUSR1, after));
-    EXPECT_FALSE(SVOwnership::handedBackSinceQ(SIGUSR1, count()));
+    EXPECT_FALSE(SVOwnership::handedBackBeforeQ(SIGUSR1, before));
+    EXPECT_FALSE(SVOwnership::handedBackBeforeQ(SIGUSR1, during));
+    EXPECT_TRUE(SVOwnership::handedBackBeforeQ(SIGUSR1, after));
+    EXPECT_TRUE(SVOwnership::handedBackBeforeQ(SIGUSR1, count()));
+}
+
+TEST(Ownership, OfASignalThatWasNeverHandedBackKnowsOfNoHandBack) {
+    EXPECT_FALSE(SVOwnership::handedBackBeforeQ(SIGUSR1, count()));
+    take();
+    EXPECT_FALSE(SVOwnership::handedBackBeforeQ(SIGUSR1, count()));
+}
+
+TEST(Unsettled, IsKnownOfForItsSignalAsLongAsThereIsOne) {
+    using SVOwnership::Unsettled;
+    EXPECT_FALSE(Unsettled::anyQ(SIGUSR1));
+    {
+        const Unsettled first(SIGUSR1);
+        { const Unsettled second(SIGUSR1); }
+        EXPECT_TRUE(Unsettled::anyQ(SIGUSR1));
+        EXPECT_FALSE(Unsettled::anyQ(SIGUSR2));
+    }
+    EXPECT_FALSE(Unsettled::anyQ(SIGUSR1));
+}
+
+TEST(Unsettled, OfASignalThatDoesNotExistHarmsNoOther) {
+    using SVOwnership::Unsettled;
+    for (const int signalNumber : {-1, 0, 65, 100000}) {
+        const Unsettled none(signalNumber);
+        EXPECT_TRUE(Unsettled::anyQ(signalNumber)) << signalNumber;
+        for (int other = 1; other <= 64; ++other) {
+            EXPECT_FALSE(Unsettled::anyQ(other)) << signalNumber;
+        }
+    }
 }
 
 TEST(Ownership, RemembersWhichThreadHandedASignalBackLast) {

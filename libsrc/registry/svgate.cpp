@@ -91,14 +91,14 @@ void SVGate::giveUpChange() noexcept {
 
 // A handler for SIGTRAP or SIGSYS may find the word locked by its own thread, before or after that
 // has made `changes` odd.
-SVGate::SVGate() noexcept : m_locked(lock()), m_closed(!closedByThisThreadQ()) {
+SVGate::Closed::Closed() noexcept : m_locked(lock()), m_closed(!closedByThisThreadQ()) {
     if (m_closed) {
         holder.store(SVHandlerContext::thisThread(), std::memory_order_relaxed);
         changes.fetch_add(1, std::memory_order_seq_cst);
     }
 }
 
-SVGate::~SVGate() {
+SVGate::Closed::~Closed() {
     if (m_closed) {
         changes.fetch_add(1, std::memory_order_release);
     }

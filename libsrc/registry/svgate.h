@@ -59,10 +59,9 @@ namespace Sorvane {
 /// Threads: any. Signal context: any context. May change errno.
 class SVGate {
 public:
-    SVGate() noexcept;
+    SVGate() noexcept = default;
     SVGate(const SVGate&) = delete;
     SVGate& operator=(const SVGate&) = delete;
-    ~SVGate();
 
     /// Makes a change inside the gate, and throws the failure that it tells, if any, after it.
     template <typename Change>
@@ -91,7 +90,8 @@ public:
     /// For the only thread of a child after fork(). Signal context: with all signals held back.
     static void goOnInChild() noexcept;
 
-    /// Holds signals back, and nothing else, for the length of a scope.
+    /// The two halves of it: holds signals back for the length of a scope; keeps the gate closed
+    /// inside such a scope.
     class SignalsHeldBack {
     public:
         SignalsHeldBack() noexcept;
@@ -102,6 +102,18 @@ public:
     private:
         /// As the kernel has it: with a bit for each signal.
         unsigned long m_before[64 / (8 * sizeof(unsigned long))];
+    };
+    class Closed {
+    public:
+        Closed() noexcept;
+        Closed(const Closed&) = delete;
+        Closed& operator=(const Closed&) = delete;
+        ~Closed();
+
+    private:
+        const SVHandlerContext::Scope m_heapOutOfBounds;
+        const bool m_locked;
+        const bool m_closed;
     };
 
 private:
@@ -114,9 +126,7 @@ private:
     static std::atomic<const void*> holder;  ///< the thread that has made `changes` odd
 
     const SignalsHeldBack m_signalsHeldBack;
-    const SVHandlerContext::Scope m_heapOutOfBounds;
-    const bool m_locked;
-    const bool m_closed;
+    const Closed m_closed;
 };
 
 }  // namespace Sorvane

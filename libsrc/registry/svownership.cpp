@@ -28,6 +28,8 @@ struct SentOn {
 constexpr unsigned int sentOnCount = 64;
 constinit SentOn sentOn[sentOnCount] = {};
 
+constinit std::atomic<unsigned int> unsettled[highestSignal + 1];
+
 SentOn& placeOf(const void* thread, int signalNumber) noexcept {
     const auto bits = static_cast<unsigned int>(reinterpret_cast<std::uintptr_t>(thread) >> 12U);
     return sentOn[(bits + static_cast<unsigned int>(signalNumber)) % sentOnCount];
@@ -54,8 +56,9 @@ const struct sigaction& SVOwnership::actionOfHost(int signalNumber) noexcept {
 }
 
 // Counts go round.
-bool SVOwnership::handedBackSinceQ(int signalNumber, Count count) noexcept {
-    return static_cast<int>(handBacks[signalNumber].end - count) > 0;
+bool SVOwnership::handedBackBeforeQ(int signalNumber, Count count) noexcept {
+    const Count end = handBacks[signalNumber].end;
+    return end != 0 && static_cast<int>(end - count) <= 0;
 }
 
 void SVOwnership::allowSendingOn(int signalNumber) noexcept {
@@ -77,6 +80,19 @@ bool SVOwnership::sendsOnFirstQ(int signalNumber) noexcept {
     }
     last = SentOn{thread, now};
     return true;
+}
+
+SVOwnership::Unsettled::Unsettled(int signalNumber) noexcept
+    : m_signalNumber(signalExistsQ(signalNumber) ? signalNumber : 0) {
+    unsettled[m_signalNumber].fetch_add(1);
+}
+
+SVOwnership::Unsettled::~Unsettled() {
+    unsettled[m_signalNumber].fetch_sub(1);
+}
+
+bool SVOwnership::Unsettled::anyQ(int signalNumber) noexcept {
+    return unsettled[signalExistsQ(signalNumber) ? signalNumber : 0].load() != 0;
 }
 
 // As the operating system tells them: the C library has a flag for its own way back from a handler,

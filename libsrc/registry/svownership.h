@@ -16,7 +16,7 @@
 //   signal belongs by now. It is sent on, as it came, to the same thread, once for each count.
 //   Should it come here again all the same, somebody has called the library by hand, and has an
 //   ordinary dispatch. If the library is what is installed, another dispatch may have done that and
-//   not looked at the count yet; then the host's action is put back first. Without another dispatch
+//   not looked at the count yet; then the host's action is put back first. Without such a dispatch
 //   it was installed by hand, and the signal is the library's again.
 // - Otherwise the records are called, the library is installed again, and the count is read once
 //   more. If it has not changed, nobody has handed the signal back before that installation. If it
@@ -75,16 +75,35 @@ inline void endHandBack(int signalNumber) noexcept {
     allowSendingOn(signalNumber);
 }
 
-/// The action that a signal was handed back to last, and whether it was not yet, or not to its end,
-/// when the count was read.
+/// The action that a signal was handed back to last, and whether that had come to its end when the
+/// count was read.
 const struct sigaction& actionOfHost(int signalNumber) noexcept;
-bool handedBackSinceQ(int signalNumber, Count count) noexcept;
+bool handedBackBeforeQ(int signalNumber, Count count) noexcept;
 
 /// Whether this thread was the last one to hand the signal back.
 bool handedBackByThisThreadQ(int signalNumber) noexcept;
 
 /// Whether this thread sends the signal on for the first time since it was handed back.
 bool sendsOnFirstQ(int signalNumber) noexcept;
+
+/// Lasts while the library may be what is installed for a signal that is the host's: from before a
+/// dispatch installs it again until it has looked whose the signal is, and has set right what it
+/// found; and as long as the signal is being handed back. As far as others can tell, it lasts for
+/// good if a handler that interrupts the dispatch leaves by siglongjmp, or if the thread is not in
+/// a forked child. Signal context: any.
+class Unsettled {
+public:
+    explicit Unsettled(int signalNumber) noexcept;
+    Unsettled(const Unsettled&) = delete;
+    Unsettled& operator=(const Unsettled&) = delete;
+    ~Unsettled();
+
+    /// Whether there is one, which may hide what the host has.
+    static bool anyQ(int signalNumber) noexcept;
+
+private:
+    const int m_signalNumber;
+};
 
 }  // namespace SVOwnership
 

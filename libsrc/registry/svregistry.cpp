@@ -83,6 +83,9 @@ void SVRegistry::begin() noexcept {
 void SVRegistry::end() noexcept {
     SVSignalTable* const tables = m_place;
     m_timesEnded.fetch_add(1);
+    if (tables == nullptr) {
+        return;
+    }
     if (m_retired != nullptr || SVPin::pinnedQ(tables)) {
         // Without memory to retire them, the tables stay for good.
         if (!retireFor(nullptr)) {
@@ -116,11 +119,16 @@ void SVRegistry::releaseWhatNobodyReads() noexcept {
     Retired** link = &m_retired;
     while (Retired* const retired = *link) {
         SVSignalTable* const tables = retired->tables;
-        if (SVPin::pinnedQ(tables)) {
+        const bool published = tables == m_place;
+        if (!published && SVPin::pinnedQ(tables)) {
             link = &retired->next;
             continue;
         }
         letPointTo(*link, retired->next);
+        if (published) {
+            delete retired;
+            continue;
+        }
         for (auto position = tables->begin(); position != tables->end(); position++) {
             const int key = position.entries[position.index].key;
             SVSignalHandlerTable* const table = position.GetValue();
@@ -133,12 +141,14 @@ void SVRegistry::releaseWhatNobodyReads() noexcept {
     }
 }
 
-// Publishes other tables, and retires those that were. False without memory.
+// Publishes other tables, and retires those that were: first, so that a child that is split off
+// just between knows what its thread may be reading. It finds them retired and published, then.
+// False without memory.
 bool SVRegistry::retireFor(SVSignalTable* successor) noexcept {
     auto* const retired = new Retired(m_place, m_retired);
     if (retired != nullptr) {
-        letPointTo(m_place, successor);
         letPointTo(m_retired, retired);
+        letPointTo(m_place, successor);
     }
     return retired != nullptr;
 }
@@ -175,27 +185,33 @@ SVFailure SVRegistry::addTable(int signalNumber, const SVFailure& noTable) noexc
     return failure;
 }
 
-template <typename Make>
-SVFailure SVRegistry::change(int signalNumber, bool inPlace, const SVFailure& noTable,
-                             Make make) noexcept {
+SVFailure SVRegistry::detach(int signalNumber, const SVFailure& noTable) noexcept {
     if (!leaveToReaders()) {
         return noTable;
     }
     SVSignalHandlerTable*& place = m_place->get(signalKey(signalNumber))->value;
-    SVSignalHandlerTable* const table = place;
-    if (retiredTablesHaveQ(signalKey(signalNumber), table)) {
-        SVSignalHandlerTable* const copy = copyOf(*table);
-        const SVFailure failure = copy == nullptr ? noTable : make(*copy);
-        if (failure) {
-            delete copy;
-        } else {
-            letPointTo(place, copy);
+    if (retiredTablesHaveQ(signalKey(signalNumber), place)) {
+        SVSignalHandlerTable* const copy = copyOf(*place);
+        if (copy == nullptr) {
+            return noTable;
         }
+        letPointTo(place, copy);
+    }
+    return SVFailure();
+}
+
+template <typename Make>
+SVFailure SVRegistry::change(int signalNumber, bool inPlace, const SVFailure& noTable,
+                             Make make) noexcept {
+    const SVFailure failure = detach(signalNumber, noTable);
+    if (failure) {
         return failure;
     }
+    SVSignalHandlerTable*& place = m_place->get(signalKey(signalNumber))->value;
     if (!inPlace) {
         return changeOutOfSight(place, make);
     }
+    SVSignalHandlerTable* const table = place;
     letPointTo(beingChanged, table);
     make(*table);
     letPointTo(beingChanged, nullptr);

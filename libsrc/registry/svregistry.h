@@ -2,15 +2,17 @@
 //
 // What is published is one outer table with an inner table for each signal. It changes in one of
 // three ways, and is whole at every instruction on each of them, with the change made or not:
-// - Nobody reads the table that changes, and a slot comes or goes: that is done in place, and is
-//   one store. The table's counts follow it; a child that is split off just between counts anew.
-// - Nobody reads it, but it is rebuilt, or a record is replaced: a copy stands in for it, the table
-//   itself is changed where nobody can find it, and takes its place again. So whoever watches the
-//   tables undisturbed sees the objects that it knows change, rather than others take their place.
-// - Somebody reads it: what is published is left to those who read it, and retired, and a copy of
-//   the outer table is published. A copy of the inner table is changed, and takes its place there.
-//   What is retired is released by the first change that finds it read no more; until then it
-//   shares the inner tables that have not changed.
+// - A record comes to a free slot of its table, or goes: that is done in place, and is one store.
+// The
+//   table's counts follow it; a child that is split off just between counts anew.
+// - A record is replaced, its table is rebuilt, or a signal gets a table: a copy stands in for the
+//   table that changes; that is changed where nobody can find it, and takes its place again. So
+//   whoever watches the tables undisturbed sees the objects that it knows change, rather than
+//   others take their place.
+// - Somebody reads the tables: what is published is left to those who read it, and retired, and a
+//   copy of the outer table is published. A copy of the inner table takes its place there, and is
+//   changed. What is retired is released by the first change that finds it read no more; until
+//   then it shares the inner tables that have not changed.
 // Memory is had before anything changes; without it the change fails, and nothing has changed. Only
 // a stand-in can be done without: the change is then made in place.
 #ifndef SORVANE_SVREGISTRY_H
@@ -54,8 +56,12 @@ public:
     /// one. Errors: as above.
     SVFailure store(const SVSignalHandler& record, const SVFailure& noTable) noexcept;
 
-    /// Takes a record that is there out of the table of its signal. Errors: as above, when it is
-    /// being read and there is no memory for a copy.
+    /// Leaves the table of a signal, which must have one, to those who read it, and puts a copy in
+    /// its place. Errors: the one that is given, when it is being read and there is no memory.
+    SVFailure detach(int signalNumber, const SVFailure& noTable) noexcept;
+
+    /// Takes a record that is there out of the table of its signal. Errors: those of detach(), but
+    /// for none right after that.
     SVFailure remove(int signalNumber, void* function, const SVFailure& noTable) noexcept;
 
     /// Counts the slots of a table that a thread was changing which is not in this process.

@@ -54,7 +54,8 @@ bool svsendOn(int signalNumber, siginfo* information, void* context) {
         static_cast<void>(SVSystemActions::ask(signalNumber, current));
         const bool installed = svownActionQ(current);
         const bool first = SVOwnership::sendsOnFirstQ(signalNumber);
-        if (!late || (installed ? !svothersDispatchQ() : !first)) {
+        const bool byHand = !SVOwnership::Unsettled::anyQ(signalNumber);
+        if (!late || (installed ? byHand : !first)) {
             SVOwnership::take(signalNumber);
             return false;
         }
@@ -74,6 +75,7 @@ bool svsendOn(int signalNumber, siginfo* information, void* context) {
 
 // First installs, then looks: whoever hands the signal back after the look displaces the library.
 void SVArrival::stayInstalled() const {
+    const SVOwnership::Unsettled unsettled(m_signalNumber);
     const SVOwnership::Count before = SVOwnership::count(m_signalNumber);
     struct sigaction displaced;
     SVSystemActions::install(m_signalNumber, svownAction, displaced).throwIfAny();
@@ -82,16 +84,28 @@ void SVArrival::stayInstalled() const {
     }
 }
 
+// Another dispatch may have put the host's action back.
+SVFailure SVArrival::takeBack() const {
+    struct sigaction current;
+    return SVSystemActions::ask(m_signalNumber, current).then([&] {
+        if (!svownActionQ(current)) {
+            return SVSystemActions::takeOver(m_signalNumber, current);
+        }
+        SVOwnership::take(m_signalNumber);
+        return SVFailure();
+    });
+}
+
 // The signal has changed hands, and the library was installed all the same.
 SVFailure SVArrival::settle(const struct sigaction& displaced, SVOwnership::Count before) const {
     struct sigaction current;
     if (SVOwnership::handedBackByThisThreadQ(m_signalNumber)) {
-        return SVSystemActions::takeOver(m_signalNumber, current);
+        return takeBack();
     }
     if (svownActionQ(displaced)) {
         return SVFailure();
     }
-    const bool newer = !SVOwnership::handedBackSinceQ(m_signalNumber, before);
+    const bool newer = SVOwnership::handedBackBeforeQ(m_signalNumber, before);
     // Taken over again, when the host's action was hidden by the library's.
     if (SVOwnership::librarysQ(m_signalNumber)) {
         bool kept = false;

@@ -26,6 +26,7 @@ public:
     void stayInstalled() const;
 
 private:
+    SVFailure takeBack() const;
     SVFailure settle(const struct sigaction& displaced, SVOwnership::Count before) const;
 
     const int m_signalNumber;

@@ -14,10 +14,6 @@ namespace Sorvane {
 /// Changes the published tables. Signal context: inside the gate.
 extern constinit SVRegistry svregistry;
 
-/// Whether there is another dispatch than those that this thread is inside of. Signal context:
-/// inside the gate.
-bool svothersDispatchQ() noexcept;
-
 /// A failure of the manager's, and the one that there is no memory for a signal's table.
 /// Parameters: line, the fixed number of its site.
 constexpr SVFailure svmanagerFailure(const char* message, unsigned int line, svexceptiontype type,
@@ -40,6 +36,48 @@ class SVLocked : public SVMutex {
 public:
     explicit SVLocked(SVMutexHandle* handle) { setHandle(handle); }
 };
+
+/// The same, with signals held back. They are let in when the lock is free again, so that a handler
+/// that comes then finds it so, and may leave by siglongjmp.
+class SVLockedWithoutSignals {
+public:
+    explicit SVLockedWithoutSignals(SVMutexHandle* handle) : m_handle(locked(handle)) {}
+    SVLockedWithoutSignals(const SVLockedWithoutSignals&) = delete;
+    SVLockedWithoutSignals& operator=(const SVLockedWithoutSignals&) = delete;
+    ~SVLockedWithoutSignals() {
+        if (m_handle != nullptr) {
+            m_handle->unlock();
+        }
+    }
+
+    /// Leaves the lock held.
+    void keepLocked() noexcept { m_handle = nullptr; }
+
+private:
+    // It is not waited for while signals are held back.
+    static SVMutexHandle* locked(SVMutexHandle* handle) {
+        if (handle != nullptr) {
+            handle->lock();
+        }
+        return handle;
+    }
+
+    SVMutexHandle* m_handle;
+    const SVGate::SignalsHeldBack m_signalsHeldBack;
+};
+
+/// Makes a change inside the gate, under a lock if there is one, and throws the failure that it
+/// tells, if any, after it.
+template <typename Change>
+void svchange(SVMutexHandle* lock, Change change) {
+    SVFailure failure;
+    {
+        const SVLockedWithoutSignals scope(lock);
+        const SVGate::Closed gate;
+        failure = change();
+    }
+    failure.throwIfAny();
+}
 
 /// A pin on the manager's tables.
 class SVTablesPin : public SVPin {

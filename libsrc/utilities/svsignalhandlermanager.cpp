@@ -80,6 +80,13 @@ void makeSharedTables() noexcept {
     }
 }
 
+// Both counts at once, for a child that a handler forks. Result: how many managers there are.
+unsigned int uncount() noexcept {
+    const SVGate::Closed gate;
+    --managersOutsideDispatch;
+    return svshared(SVSignalHandlerManager::numberOfManagers).fetch_sub(1) - 1;
+}
+
 // Others may have made managers since the count was found to be 0, and destroyed them again.
 SVFailure tearDownIfLast() noexcept {
     if (svshared(SVSignalHandlerManager::numberOfManagers).load() != 0 ||
@@ -96,29 +103,18 @@ SVFailure tearDownIfLast() noexcept {
 
 }  // namespace
 
-// This thread's depth counts the gate, too.
-bool svothersDispatchQ() noexcept {
-    return svshared(SVSignalHandlerManager::numberOfManagers).load() + 1 !=
-           managersOutsideDispatch + SVHandlerContext::depth;
-}
-
-// Locks the handle directly rather than for a scope: an exception out of the last manager's
-// destructor leaves the lock held, because the state it guards is then not one that others should
-// go on with. Nothing in the constructor throws.
 SVSignalHandlerManager::SVSignalHandlerManager(bool locking)
     : m_locking(locking), m_dispatching(false) {
     if (m_locking) {
         prepareForFork();
         beginUseOfLock();
     }
-    SVMutexHandle* const handle = lock();
-    {
-        const SVGate gate;
+    svchange(lockHandle(), [] {
         makeSharedTables();
         ++managersOutsideDispatch;
         svshared(numberOfManagers).fetch_add(1);
-    }
-    unlock(handle);
+        return SVFailure();
+    });
 }
 
 // Counted before the gate is looked at: either whoever tears the state down sees this manager, or
@@ -132,18 +128,18 @@ SVSignalHandlerManager::SVSignalHandlerManager(Dispatching)
     }
 }
 
+// A failure of the last manager's leaves the lock held, because the state that it guards is then
+// not one that others should go on with.
 SVSignalHandlerManager::~SVSignalHandlerManager() noexcept(false) {
-    SVMutexHandle* const handle = lock();
-    if (!m_dispatching) {
-        const SVGate gate;
-        --managersOutsideDispatch;
-    }
     SVFailure failure;
-    if (svshared(numberOfManagers).fetch_sub(1) == 1 && svshared(currentlyHandlingSignals).load()) {
-        failure = tearDown();
-    }
-    if (!failure) {
-        unlock(handle);
+    if (m_dispatching) {
+        failure = tearDownIf(svshared(numberOfManagers).fetch_sub(1) == 1);
+    } else {
+        SVLockedWithoutSignals scope(lockHandle());
+        failure = tearDownIf(uncount() == 0);
+        if (failure) {
+            scope.keepLocked();
+        }
     }
     if (m_locking) {
         endUseOfLock(!failure);
@@ -151,10 +147,11 @@ SVSignalHandlerManager::~SVSignalHandlerManager() noexcept(false) {
     failure.throwIfAny();
 }
 
-// Takes the lock once more, as restorePreviouslyExistingHandlers() does, but before the gate is
-// closed. A dispatch inside the gate leaves it to whom it has interrupted.
-SVFailure SVSignalHandlerManager::tearDown() {
-    if (SVGate::closedByThisThreadQ()) {
+// Takes the lock once more, as restorePreviouslyExistingHandlers() does, but from before the gate
+// is closed until it is open again: all of it is one change. A dispatch inside the gate leaves it
+// to whom it has interrupted.
+SVFailure SVSignalHandlerManager::tearDownIf(bool last) {
+    if (!last || !svshared(currentlyHandlingSignals).load() || SVGate::closedByThisThreadQ()) {
         return SVFailure();
     }
     const SVLocked scope(lockHandle());

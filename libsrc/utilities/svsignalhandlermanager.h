@@ -188,7 +188,7 @@ private:
     struct Dispatching {};
     explicit SVSignalHandlerManager(Dispatching);
 
-    SVFailure tearDown();
+    SVFailure tearDownIf(bool last);
     SVMutexHandle* lockHandle() const;
     SVMutexHandle* lock() const;
     static void unlock(SVMutexHandle* handle);

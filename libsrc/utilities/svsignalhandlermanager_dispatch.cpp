@@ -55,11 +55,9 @@ private:
                 continue;
             }
             SVSignalHandler record(slot->value);
-            if (test(record)) {
+            if (test(record) && !(m_leftBehind && clearedQ(slot->key))) {
                 record(information, context);
-                if (!m_pin.publishedQ() && !follow(slot, end)) {
-                    passOverCleared(slot, end);
-                }
+                m_leftBehind = !m_pin.publishedQ() && !follow(slot, end);
             }
         }
     }
@@ -81,17 +79,12 @@ private:
     // Whoever clears a handler whose turn has not come does not see it called any more: its module
     // may be about to go. The end of the whole registry is no clearing. A record is looked for slot
     // by slot, because a key behind a cleared one is not found by its hash any more.
-    void passOverCleared(const Slot*& slot, const Slot* end) const noexcept {
+    bool clearedQ(const void* function) const noexcept {
         const SVTablesPin now;
-        const auto clearedQ = [&](const Slot& next) {
-            const auto sameQ = [&](const SVSignalHandler& record) {
-                return record.getHandlerFunction() == next.key;
-            };
-            return svfirstRecord(now.tableOf(m_signalNumber), sameQ) == nullptr;
+        const auto sameQ = [function](const SVSignalHandler& record) {
+            return record.getHandlerFunction() == function;
         };
-        while (!endedQ() && slot + 1 != end && clearedQ(slot[1])) {
-            ++slot;
-        }
+        return !endedQ() && svfirstRecord(now.tableOf(m_signalNumber), sameQ) == nullptr;
     }
     bool endedQ() const noexcept { return svregistry.timesEnded() != m_timesEnded; }
 
@@ -99,6 +92,7 @@ private:
     SVTablesPin m_pin;
     const int m_signalNumber;
     SVSignalHandlerTable* m_table;
+    bool m_leftBehind = false;  ///< by what is published, in which the records stand elsewhere
 };
 
 // One attempt at a dispatch. What is to be called is decided from what is published at one instant,

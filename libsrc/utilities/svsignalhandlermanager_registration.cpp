@@ -41,17 +41,16 @@ SVFailure clear(SVSignalHandler& record) noexcept {
         return SVFailure();
     }
     const bool goesBack = record.preExistsQ() && table->used == 1;
-    return (goesBack ? SVSystemActions::handBack(record) : SVFailure()).then([&] {
-        return svregistry.remove(signalNumber, function, noTable);
-    });
+    return svregistry.detach(signalNumber, noTable)
+        .then([&] { return goesBack ? SVSystemActions::handBack(record) : SVFailure(); })
+        .then([&] { return svregistry.remove(signalNumber, function, noTable); });
 }
 
 }  // namespace
 
 void SVSignalHandlerManager::setHandler(SVSignalHandler& handler) {
     const SVSignalHandler record(handler);
-    const SVLocked scope(lockHandle());
-    SVGate::pass([&] { return store(record); });
+    svchange(lockHandle(), [&] { return store(record); });
 }
 
 void SVSignalHandlerManager::setHandlerFromFunction(int signalNumber,
@@ -78,8 +77,7 @@ void SVSignalHandlerManager::setHandlers(SVSignalHandlerList& handlers) {
 
 void SVSignalHandlerManager::clearHandler(SVSignalHandler& handler) {
     SVSignalHandler record(handler);
-    const SVLocked scope(lockHandle());
-    SVGate::pass([&] { return clear(record); });
+    svchange(lockHandle(), [&] { return clear(record); });
 }
 
 void SVSignalHandlerManager::clearHandlerWithFunction(int signalNumber,

@@ -46,6 +46,7 @@ SVFailure SVSystemActions::handBack(SVSignalHandler& record) noexcept {
     const bool librarys = SVOwnership::librarysQ(signalNumber);
     const struct sigaction action = record.getOSStruct();
     struct sigaction previous;
+    const SVOwnership::Unsettled unsettled(signalNumber);
     SVOwnership::beginHandBack(signalNumber, action);
     const SVFailure failure = install(signalNumber, action, previous);
     SVOwnership::endHandBack(signalNumber);
@@ -94,8 +95,7 @@ SVSignalHandler SVSignalHandlerManager::installHandlerInSystem(SVSignalHandler& 
 }
 
 void SVSignalHandlerManager::restorePreviouslyExistingHandlers() {
-    const SVLocked scope(lockHandle());
-    SVGate::pass([] { return SVSystemActions::handBackPreexisting(); });
+    svchange(lockHandle(), [] { return SVSystemActions::handBackPreexisting(); });
 }
 
 }  // namespace Sorvane

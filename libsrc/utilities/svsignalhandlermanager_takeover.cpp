@@ -23,7 +23,7 @@ bool allowedQ(int signalNumber) noexcept {
 // library and not yet looked whose the signal is hides that; see svownership.h.
 SVFailure askForActionOfHost(int signalNumber, struct sigaction& action) noexcept {
     const SVFailure failure = SVSystemActions::ask(signalNumber, action);
-    if (!failure && svownActionQ(action) && svothersDispatchQ() &&
+    if (!failure && svownActionQ(action) && SVOwnership::Unsettled::anyQ(signalNumber) &&
         SVOwnership::handedBackQ(SVOwnership::count(signalNumber))) {
         action = SVOwnership::actionOfHost(signalNumber);
     }
@@ -56,6 +56,18 @@ SVFailure takeOver(int signalNumber) noexcept {
     });
 }
 
+// Another thread may have registered for a signal, or handed one back, after its turn.
+SVFailure takeOverRest() noexcept {
+    SVFailure failure;
+    svforEachSignal([&](int signalNumber) {
+        if (!failure && !SVOwnership::librarysQ(signalNumber) &&
+            hasRecordsQ(svregistry.tableOf(signalNumber))) {
+            failure = takeOver(signalNumber);
+        }
+    });
+    return failure;
+}
+
 // The first pre-existing record goes back, valid or not: the user hands this one signal back
 // deliberately, and an invalid record is still what the host had. Without one the signal is left
 // ignored and not at its default action, which would end the process for most signals that are
@@ -86,8 +98,7 @@ SVFailure svkeepOnRecord(int signalNumber, struct sigaction action, bool& kept) 
 }
 
 void SVSignalHandlerManager::handleSignal(int signalNumber) {
-    const SVLocked scope(lockHandle());
-    SVGate::pass([&] { return takeOver(signalNumber); });
+    svchange(lockHandle(), [&] { return takeOver(signalNumber); });
 }
 
 // The lock is let go around each handleSignal(), which takes it by itself, so that an exception
@@ -106,25 +117,21 @@ void SVSignalHandlerManager::startHandlingSignals() {
     });
     SVFailure failure;
     {
-        const SVGate gate;
-        // Another thread may have registered for a signal, or handed one back, after its turn.
-        svforEachSignal([&](int signalNumber) {
-            if (!failure && !SVOwnership::librarysQ(signalNumber) &&
-                hasRecordsQ(svregistry.tableOf(signalNumber))) {
-                failure = takeOver(signalNumber);
+        const SVGate::SignalsHeldBack signalsHeldBack;
+        {
+            const SVGate::Closed gate;
+            failure = takeOverRest();
+            if (!failure) {
+                svshared(currentlyHandlingSignals).store(true);
             }
-        });
-        if (!failure) {
-            svshared(currentlyHandlingSignals).store(true);
         }
+        unlock(handle);
     }
-    unlock(handle);
     failure.throwIfAny();
 }
 
 void SVSignalHandlerManager::stopHandlingSignal(int signalNumber) {
-    const SVLocked scope(lockHandle());
-    SVGate::pass([&] { return handBack(signalNumber, ignoreHandler(signalNumber)); });
+    svchange(lockHandle(), [&] { return handBack(signalNumber, ignoreHandler(signalNumber)); });
 }
 
 void SVSignalHandlerManager::stopHandlingSignals() {
@@ -132,8 +139,7 @@ void SVSignalHandlerManager::stopHandlingSignals() {
         return;
     }
     svforEachSignal([this](int signalNumber) { stopHandlingSignal(signalNumber); });
-    const SVLocked scope(lockHandle());
-    SVGate::pass([this] {
+    svchange(lockHandle(), [this] {
         SVFailure failure;
         // Another thread's registration after its signal's turn has installed the library again.
         svforEachSignal([&](int signalNumber) {

@@ -15,13 +15,16 @@
 #include <initializer_list>
 #include <optional>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "disturbed/limited_child.h"
 #include "disturbed/stretched_sigaction.h"
 #include "disturbed/waiting.h"
 #include "support/gate.h"
+#include "support/gate_waiter.h"
 #include "support/joining_thread.h"
+#include "support/stepping.h"
 #include "support/system_actions.h"
 #include "support/system_call_filter.h"
 
@@ -47,6 +50,7 @@ enum Outcome {
     notHandedBack,
     notTornDown,
     copied,
+    miscounted,
     hung
 };
 
@@ -76,6 +80,13 @@ int useEverythingOnAnotherThread() {
 
 // --- Its parent --------------------------------------------------------------------------------
 
+int outcomeOf(pid_t child) {
+    int status = 0;
+    while (waitpid(child, &status, 0) < 0 && errno == EINTR) {
+    }
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
 // In a signal handler, too. What does not end ends with its parent.
 template <typename Body>
 int outcomeInForkedChild(Body body) {
@@ -84,10 +95,7 @@ int outcomeInForkedChild(Body body) {
         endWithParent();
         _exit(body());
     }
-    int status = 0;
-    while (waitpid(child, &status, 0) < 0 && errno == EINTR) {
-    }
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    return outcomeOf(child);
 }
 
 // Other threads, each of which does something again and again while one of these lives.
@@ -252,10 +260,7 @@ int outcomeOfForkIn(const std::function<void()>& callTheHandler) {
     if (forkedChild == 0) {
         _exit(outcomeInside != allRight ? outcomeInside : useEverythingOnAnotherThread());
     }
-    int status = 0;
-    while (waitpid(forkedChild, &status, 0) < 0 && errno == EINTR) {
-    }
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    return outcomeOf(forkedChild);
 }
 
 TEST(ForkedChild, OfAHandlerThatALockingManagerCallsCanUseEverythingThereAndAfterwards) {
@@ -349,6 +354,69 @@ TEST(ForkedChild, ChangesTheTablesInPlaceThatAnotherThreadWasReading) {
                       return Manager::handlerTables == before ? allRight : copied;
                   }),
                   allRight);
+    });
+}
+
+// A handler forks when it is let in again, among others.
+TEST(ForkedChild, CountsTheManagersThatLiveWhicheverInstructionOfTheEndOfOneItComesAt) {
+    SKIP_WITHOUT_STEPS();
+    expectToGoOn([] {
+        const Manager staying(true);
+        std::optional<Manager> going(std::in_place, true);
+        unsigned int forksDone = 0;
+        unsigned int wrong = 0;
+        step([&going] { going.reset(); },
+             [&](const Standing& standing) {
+                 if (sigismember(&standing.heldBack, SIGUSR1) == 0) {
+                     const unsigned int managers = Manager::numberOfManagers;
+                     ++forksDone;
+                     wrong +=
+                         outcomeInForkedChild([managers] {
+                             return Manager::numberOfManagers == managers ? allRight : miscounted;
+                         }) == allRight
+                             ? 0U
+                             : 1U;
+                 }
+                 return true;
+             });
+        EXPECT_GT(forksDone, 50U);
+        EXPECT_EQ(wrong, 0U);
+    });
+}
+
+// What is stored between the look at the managers and their count would be lost.
+TEST(ForkedChild, CountsWithSignalsHeldBack) {
+    SKIP_WITHOUT_STEPS();
+    expectToGoOn([] {
+        Manager manager(true);
+        const OtherInHandler other(manager);
+        Gate closed;
+        Gate over;
+        JoiningThread holder([&] {
+            const Sorvane::SVGate gate;
+            closed.open();
+            over.pass();
+        });
+        closed.pass();
+        const pid_t parent = getpid();
+        unsigned int looked = 0;
+        unsigned int letIn = 0;
+        pid_t child = -1;
+        step([&child] { child = fork(); },
+             [&](const Standing& standing) {
+                 // The gate has been opened there, and what is not there is counted.
+                 if (getpid() != parent && gateWord() == 0 && Manager::numberOfManagers == 2) {
+                     ++looked;
+                     letIn += sigismember(&standing.heldBack, SIGUSR1) == 1 ? 0U : 1U;
+                 }
+                 return true;
+             });
+        if (child == 0) {
+            _exit(looked > 5 && letIn == 0 && Manager::numberOfManagers == 1 ? allRight
+                                                                             : miscounted);
+        }
+        over.open();
+        EXPECT_EQ(outcomeOf(child), allRight);
     });
 }
 

@@ -62,6 +62,22 @@ TEST(LateArrival, ReachesTheHostOnce) {
     });
 }
 
+// The thread that would put the host's action back is not there.
+TEST(LateArrival, ReachesTheHostOnceAlsoInAForkedChildAndLeavesTheStopDone) {
+    expectToGoOn([] {
+        whileTheLibraryIsInstalledLate(SIGUSR1, [] {
+            const ChildEnd end = inChild([] {
+                for (unsigned int delivery = 1; delivery <= 2; ++delivery) {
+                    raise(SIGUSR1);
+                    expectReceivedAndHandedBack(SIGUSR1, delivery);
+                }
+            });
+            EXPECT_TRUE(end.wentOnQ()) << end;
+        });
+        expectReceivedAndHandedBack(SIGUSR1, 0);
+    });
+}
+
 TEST(LateArrival, LeavesWhatTheHostInstallsMeanwhile) {
     expectToGoOn([] {
         whileTheLibraryIsInstalledLate(SIGUSR1, [] {

@@ -59,15 +59,6 @@ void onAnotherThread(const std::function<void()>& body) {
     JoiningThread(body).join();
 }
 
-// As much of a dispatch on another thread as is seen from here: it counts as a manager.
-class CountedDispatch {
-public:
-    CountedDispatch() { ++Manager::numberOfManagers; }
-    CountedDispatch(const CountedDispatch&) = delete;
-    CountedDispatch& operator=(const CountedDispatch&) = delete;
-    ~CountedDispatch() { --Manager::numberOfManagers; }
-};
-
 bool hostsQ(int signalNumber = theSignal) {
     return systemHandler(signalNumber) == addressOf(hostInformationHandler);
 }
@@ -165,7 +156,7 @@ TEST_F(SentOn, ComesAgainOnceForEachHandBack) {
 // Another dispatch has installed it, and has not looked whose the signal is.
 TEST_F(SentOn, PutsTheHostsActionBackWhileAnotherDispatchHasTheLibraryInstalled) {
     const BlockedSignals held{theSignal};
-    const CountedDispatch other;
+    const SVOwnership::Unsettled byAnotherDispatch(theSignal);
     handBack();
     for (int round = 0; round < 2; ++round) {
         installLibrary();
@@ -176,8 +167,10 @@ TEST_F(SentOn, PutsTheHostsActionBackWhileAnotherDispatchHasTheLibraryInstalled)
     }
 }
 
+// Other dispatches of other signals do not count.
 TEST_F(SentOn, IsNoneIfTheLibraryWasInstalledByHand) {
     const BlockedSignals held{theSignal};
+    const SVOwnership::Unsettled ofAnotherSignal(SIGUSR2);
     handBack();
     installLibrary();
     EXPECT_FALSE(sendOn());
@@ -188,7 +181,7 @@ TEST_F(SentOn, IsNoneIfTheLibraryWasInstalledByHand) {
 
 TEST_F(SentOn, LeavesWhatTheHostInstallsMeanwhile) {
     const BlockedSignals held{theSignal};
-    const CountedDispatch other;
+    const SVOwnership::Unsettled byAnotherDispatch(theSignal);
     handBack();
     installLibrary();
     {
@@ -202,7 +195,7 @@ TEST_F(SentOn, LeavesWhatTheHostInstallsMeanwhile) {
 
 TEST_F(SentOn, DoesNotLeaveTheLibraryThatIsInstalledMeanwhile) {
     const BlockedSignals held{theSignal};
-    const CountedDispatch other;
+    const SVOwnership::Unsettled byAnotherDispatch(theSignal);
     handBack();
     installLibrary();
     {
@@ -426,6 +419,45 @@ TEST_F(EndOfADispatch, KeepsWhatTheHostInstalledSinceTheSignalWasTakenOverAgain)
     const Record* const kept = recordOf(theSignal, otherHostHandler);
     ASSERT_NE(kept, nullptr);
     EXPECT_TRUE(kept->preExistsQ());
+}
+
+// Nobody had taken the signal over: the library was installed by hand.
+TEST(EndOfADispatchOfNobodysSignal, KeepsNothingThatItsHandlerInstalls) {
+    Manager manager(true);
+    makeTableOf(manager, SIGUSR2);
+    const SVArrival arrival(SIGUSR2);
+    take(SIGUSR2);
+    hostInstalls(SIGUSR2, otherHostHandler);
+    arrival.stayInstalled();
+    EXPECT_EQ(recordCount(SIGUSR2), 0U);
+    EXPECT_TRUE(takenOverQ(SIGUSR2));
+}
+
+TEST_F(EndOfADispatch, InstallsOnlyOnceAlsoIfItsOwnThreadHandedTheSignalBack) {
+    unsigned int installations = 0;
+    {
+        const SVArrival arrival(theSignal);
+        handBack();
+        const StretchedSigaction stretched(theSignal, When::after, [&] { ++installations; });
+        arrival.stayInstalled();
+    }
+    EXPECT_EQ(installations, 1U);
+    EXPECT_TRUE(takenOverQ(theSignal));
+    EXPECT_TRUE(SVOwnership::librarysQ(theSignal));
+}
+
+TEST_F(EndOfADispatch, HidesNothingFromATakeOverInAHandlerThatInterruptsIt) {
+    dispatch([] { handBackElsewhere(); }, When::after,
+             [this] { m_manager.handleSignal(theSignal); });
+    EXPECT_NE(recordOf(theSignal, hostInformationHandler), nullptr);
+    EXPECT_TRUE(takenOverQ(theSignal));
+}
+
+TEST_F(EndOfADispatch, IsSeenByOthersUntilItHasLooked) {
+    bool seen = false;
+    dispatch([] {}, When::after, [&] { seen = SVOwnership::Unsettled::anyQ(theSignal); });
+    EXPECT_TRUE(seen);
+    EXPECT_FALSE(SVOwnership::Unsettled::anyQ(theSignal));
 }
 
 TEST_F(EndOfADispatch, KeepsNothingThatIsOlderThanTheHandBack) {
