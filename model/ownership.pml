@@ -65,7 +65,7 @@ byte managers = CHANGERS;
 byte remembered = LIBRARY;              /* the action that the signal was handed back to */
 byte handedBackBy = 0;
 byte handedBackAt = 0;                  /* the count when that was done */
-byte dispatches = 0;
+byte unsettled = 0;                     /* dispatches that may have installed, and not looked */
 byte sentOn[DISPATCHERS + 1];           /* the count at which a thread has sent a signal on */
 #ifdef NEVER_TAKEN
 byte count = 0;                         /* somebody has installed the library by hand */
@@ -166,7 +166,7 @@ inline keepOnRecord(hosts, isNew) {
 #ifdef BROKEN_REMEMBERED_ACTION_NOT_TAKEN
 #define hidesHostsAction(action) false
 #else
-#define hidesHostsAction(action) ((action) == LIBRARY && dispatches > 0 && handedBack(count))
+#define hidesHostsAction(action) ((action) == LIBRARY && unsettled > 0 && handedBack(count))
 #endif
 
 inline takeOver(me, action, displaced, kept) {
@@ -306,7 +306,7 @@ inline sendOn(me, now, isSent, byHand, isInstalled, replaced) {
     :: else ->
         d_step {
             sentOn[me] = now;
-            isSent = (isInstalled -> dispatches > 1 : isSent)
+            isSent = (isInstalled -> unsettled > 0 : isSent)
         };
         if
         :: !isSent ->
@@ -379,6 +379,9 @@ inline settle(me, displaced, before, current, replaced) {
 /* The end of a dispatch: installs first, then looks. */
 inline stayInstalled(me, seen, before, displaced, current, replaced) {
 #ifndef BROKEN_NEVER_INSTALLED_AGAIN
+#ifndef BROKEN_UNSETTLED_NOT_COUNTED
+    unsettled++;
+#endif
     d_step { before = count; installing++ };
     d_step { displaced = installed; installed = LIBRARY; installedBehind = false; installing--; settling++ };
     if
@@ -388,6 +391,10 @@ inline stayInstalled(me, seen, before, displaced, current, replaced) {
     :: else
     fi;
     d_step { displaced = 0; before = 0; settling-- }
+#ifndef BROKEN_UNSETTLED_NOT_COUNTED
+    ;
+    unsettled--
+#endif
 #else
     skip
 #endif
@@ -425,7 +432,6 @@ arrival:
 #endif
             fi
         };
-        atomic { true -> dispatches++ };
         enter(me);
 look:
 #ifdef BROKEN_COUNT_READ_ONLY_AFTER_PINNING
@@ -436,7 +442,6 @@ look:
         if
         :: handedBack(seen) ->
 #ifdef BROKEN_LATE_ARRIVAL_DROPPED
-            dispatches--;
             leave(me, action, last);
             goto over
 #else
@@ -446,7 +451,6 @@ look:
                 d_step { isSent = false; sent++; seen = 0; found = 0 };
                 assert(sent <= DISPATCHERS + 2 * CHANGERS * CHANGES);
 #ifndef BROKEN_SENT_ON_AND_DISPATCHED
-                dispatches--;
                 leave(me, action, last);
                 goto arrival
 #endif
@@ -479,7 +483,7 @@ look:
         fi;
 #endif
         stayInstalled(me, seen, before, displaced, action, replaced);
-        d_step { seen = 0; dispatches-- };
+        seen = 0;
         leave(me, action, last);
 over:
         assert(called == 1)
