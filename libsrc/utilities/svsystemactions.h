@@ -1,5 +1,5 @@
 // The operating system's signal table, as the manager's operations see it inside the gate, where
-// nothing is thrown. All of it is in the file of installHandlerInSystem().
+// nothing is thrown. All that asks the system is in the file of installHandlerInSystem().
 #ifndef SORVANE_SVSYSTEMACTIONS_H
 #define SORVANE_SVSYSTEMACTIONS_H
 
@@ -20,7 +20,8 @@ SVFailure install(int signalNumber, const struct sigaction& wanted,
                   struct sigaction& previous) noexcept;
 
 /// Installs the library's own action, and the signal is the library's from now on; or a record's
-/// action, and the signal is the host's. Errors: as above; it is then whose it was.
+/// action, and the signal is the host's. Errors: as above; it is then whose it was, but counts as
+/// handed back once more.
 /// Signal context: inside the gate.
 SVFailure takeOver(int signalNumber, struct sigaction& previous) noexcept;
 SVFailure handBack(SVSignalHandler& record) noexcept;
