@@ -241,6 +241,17 @@ TEST_F(ManagerLifetime, LastManagerWithoutAStartTakesTheLockOnlyOnce) {
     EXPECT_EQ(log->unlocks, log->locks);
 }
 
+TEST_F(ManagerLifetime, ManagerThatIsNotTheLastTakesTheLockOnlyOnce) {
+    const std::shared_ptr<LockLog> log = WatchedLock::putInPlace();
+    Manager staying(true);
+    staying.startHandlingSignals();
+    std::optional<Manager> going(std::in_place, true);
+    const unsigned int locksBefore = log->locks;
+    going.reset();
+    EXPECT_EQ(log->locks, locksBefore + 1);
+    EXPECT_EQ(log->unlocks, log->locks);
+}
+
 // A manager that never locks does not know whether somebody else is about to use the lock.
 TEST_F(ManagerLifetime, LockSurvivesALastManagerThatNeverLocksAndServesALaterOne) {
     const SVMutexHandle* lock = nullptr;

@@ -700,8 +700,24 @@ struct LockedOperation {
     void (*operate)(std::optional<Manager>&);
 };
 
-class WholeUnderTheLock : public ManagerTest,
-                          public testing::WithParamInterface<LockedOperation> {};
+class WholeUnderTheLock : public ManagerTest, public testing::WithParamInterface<LockedOperation> {
+protected:
+    // Looks at each instruction of the operation.
+    static void stepThrough(const std::function<void(bool locked, bool letIn)>& look) {
+        Manager staying(true);
+        staying.setHandlerFromFunction(SIGUSR1, userHandler);
+        const std::shared_ptr<LockLog> log = WatchedLock::putInPlace();
+        std::optional<Manager> manager;
+        if (GetParam().name != std::string("Construction")) {
+            manager.emplace(true);
+        }
+        step([&manager] { GetParam().operate(manager); },
+             [&](const Standing& standing) {
+                 look(log->depth != 0, sigismember(&standing.heldBack, SIGUSR1) == 0);
+                 return true;
+             });
+    }
+};
 
 INSTANTIATE_TEST_SUITE_P(
     Each, WholeUnderTheLock,
@@ -718,6 +734,8 @@ INSTANTIATE_TEST_SUITE_P(
                         }},
         LockedOperation{"TakeOver",
                         [](std::optional<Manager>& manager) { manager->handleSignal(SIGUSR1); }},
+        LockedOperation{"Start",
+                        [](std::optional<Manager>& manager) { manager->startHandlingSignals(); }},
         LockedOperation{
             "HandBack",
             [](std::optional<Manager>& manager) { manager->stopHandlingSignal(SIGUSR1); }},
@@ -729,25 +747,30 @@ INSTANTIATE_TEST_SUITE_P(
 
 TEST_P(WholeUnderTheLock, LetsSignalsInAgainWhenTheLockIsFree) {
     SKIP_WITHOUT_STEPS();
-    std::optional<Manager> staying(std::in_place, true);
-    staying->setHandlerFromFunction(SIGUSR1, userHandler);
-    const std::shared_ptr<LockLog> log = WatchedLock::putInPlace();
-    std::optional<Manager> manager;
-    if (GetParam().name != std::string("Construction")) {
-        manager.emplace(true);
-    }
     bool held = false;
+    bool everHeld = false;
     unsigned int letInTooEarly = 0;
-    step([&manager] { GetParam().operate(manager); },
-         [&](const Standing& standing) {
-             const bool locked = log->depth != 0;
-             const bool letIn = sigismember(&standing.heldBack, SIGUSR1) == 0;
-             held = held || (locked && !letIn);
-             letInTooEarly += held && locked && letIn ? 1U : 0U;
-             return true;
-         });
-    EXPECT_TRUE(held);
+    stepThrough([&](bool locked, bool letIn) {
+        held = locked && (held || !letIn);
+        everHeld = everHeld || held;
+        letInTooEarly += held && letIn ? 1U : 0U;
+    });
+    EXPECT_TRUE(everHeld);
     EXPECT_EQ(letInTooEarly, 0U);
+}
+
+TEST_P(WholeUnderTheLock, HoldsNoSignalsBackWhileItWaitsForTheLock) {
+    SKIP_WITHOUT_STEPS();
+    bool had = false;
+    unsigned int begun = 0;
+    unsigned int heldBackTooEarly = 0;
+    stepThrough([&](bool locked, bool letIn) {
+        begun += locked && !had ? 1U : 0U;
+        heldBackTooEarly += locked && !had && !letIn ? 1U : 0U;
+        had = locked;
+    });
+    EXPECT_GT(begun, 0U);
+    EXPECT_EQ(heldBackTooEarly, 0U);
 }
 
 }  // namespace

@@ -17,6 +17,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
+#include <deque>
 #include <functional>
 #include <initializer_list>
 #include <optional>
@@ -125,6 +126,22 @@ TEST_F(RegistryTest, WithoutATableHasNoneForASignalEither) {
     ASSERT_TRUE(failure);
     EXPECT_STREQ(failure.exception().getMessage(), "no table");
     EXPECT_EQ(m_published, nullptr);
+}
+
+// A free slot looks like one that pins no tables at all.
+TEST_F(RegistryTest, WithoutATableEndsOnceMoreAlsoWhileAllSlotsArePinned) {
+    end();
+    constexpr std::size_t slotCount = 64;
+    std::array<SVSignalTable, slotCount> others;
+    std::array<SVSignalTable*, slotCount> places = {};
+    std::deque<SVPin> pins;
+    for (std::size_t i = 0; i < slotCount; ++i) {
+        places.at(i) = &others.at(i);
+        pins.emplace_back(places.at(i));
+    }
+    EXPECT_FALSE(SVPin::pinnedQ(nullptr));
+    end();
+    EXPECT_EQ(m_registry.timesEnded(), 2U);
 }
 
 TEST_F(RegistryTest, MakesATableForASignalOnce) {

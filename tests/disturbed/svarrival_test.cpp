@@ -460,6 +460,24 @@ TEST_F(EndOfADispatch, IsSeenByOthersUntilItHasLooked) {
     EXPECT_FALSE(SVOwnership::Unsettled::anyQ(theSignal));
 }
 
+TEST_F(EndOfADispatch, IsSeenByOthersUntilItHasPutBackWhatItHasDisplaced) {
+    unsigned int installations = 0;
+    unsigned int seen = 0;
+    {
+        const SVArrival arrival(theSignal);
+        handBackElsewhere();
+        const StretchedSigaction stretched(theSignal, When::before, [&] {
+            ++installations;
+            seen += SVOwnership::Unsettled::anyQ(theSignal) ? 1U : 0U;
+        });
+        arrival.stayInstalled();
+    }
+    EXPECT_EQ(installations, 2U);
+    EXPECT_EQ(seen, installations);
+    EXPECT_FALSE(SVOwnership::Unsettled::anyQ(theSignal));
+    EXPECT_TRUE(hostsQ());
+}
+
 TEST_F(EndOfADispatch, KeepsNothingThatIsOlderThanTheHandBack) {
     dispatch([] { hostInstalls(theSignal, otherHostHandler); }, When::after,
              [] {

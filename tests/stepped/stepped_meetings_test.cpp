@@ -10,6 +10,7 @@
 #include "stepped/other_thread.h"
 #include "stepped/places.h"
 #include "stepped/report.h"
+#include "support/gate_waiter.h"
 #include "support/observed_handlers.h"
 #include "support/shared_state.h"
 #include "support/stepping.h"
@@ -308,6 +309,33 @@ TEST(MeetingOfTheLastManager, AnotherOneTakesOver) {
                         otherManager.reset();
                         EXPECT_EQ(systemHandler(SIGUSR1), addressOf(hostHandler));
                     }});
+}
+
+// No handler can come there, so the other meetings leave the place out.
+TEST(MeetingOfTheLastManager, AnotherOneThatComesJustAfterItsEndWasCountedKeepsTheSignal) {
+    SKIP_WITHOUT_STEPS();
+    const Meeting justAfter = {.prepare = prepareHandling,
+                               .operation = destroy,
+                               .meanwhile = [] { otherManager.emplace(false); },
+                               .expect =
+                                   [] {
+                                       EXPECT_EQ(Manager::numberOfManagers, 1U);
+                                       EXPECT_TRUE(Manager::currentlyHandlingSignals);
+                                       EXPECT_TRUE(takenOverQ(SIGUSR1));
+                                   }};
+    meeting = &justAfter;
+    meeting->prepare();
+    bool met = false;
+    step(meeting->operation, [&met](const Standing& standing) {
+        if (!met && Manager::numberOfManagers == 0 && gateWord() == 0 && beginsThreadsQ(standing)) {
+            met = true;
+            doOnAnotherThread();
+        }
+        return true;
+    });
+    other.waitUntilDone();
+    meeting->expect();
+    EXPECT_TRUE(met);
 }
 
 TEST(MeetingOfTheLastManager, AnotherOneComesAndGoesAndTheHostInstallsAnother) {
