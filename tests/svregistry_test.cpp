@@ -391,14 +391,16 @@ void splitAChildOffThatReads(int) {
     if (child == 0) {
         const SVSignalHandlerTable* const table = tablesBeingRead->get(signalKey(SIGUSR1))->value;
         unsigned char before[sizeof(table->smalltable)];
-        std::memcpy(before, table->smalltable, sizeof(before));
+        std::memcpy(before, static_cast<const void*>(table->smalltable), sizeof(before));
         for (std::uintptr_t address = 10; address < 20; ++address) {
             registryOfChild->store(recordOf(SIGUSR1, address), noTable);
         }
         for (std::uintptr_t address = 10; address < 20; ++address) {
             registryOfChild->remove(SIGUSR1, functionAt(address), noTable);
         }
-        _exit(std::memcmp(before, table->smalltable, sizeof(before)) == 0 ? 0 : 1);
+        _exit(std::memcmp(before, static_cast<const void*>(table->smalltable), sizeof(before)) == 0
+                  ? 0
+                  : 1);
     }
     int status = 1;
     while (waitpid(child, &status, 0) < 0 && errno == EINTR) {
