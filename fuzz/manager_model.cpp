@@ -1,5 +1,7 @@
 #include "fuzz/manager_model.h"
 
+#include <../registry/svownership.h>
+#include <../utilities/svownaction.h>
 #include <sorvane/svsignalhandlermanager.h>
 
 #include <cerrno>
@@ -87,7 +89,14 @@ std::vector<ModelRecord> ModelSignal::recordsInSlotOrder() const {
 
 ManagerModel::ManagerModel() {
     for (int signalNumber = 1; signalNumber <= lastSystemSignal; ++signalNumber) {
-        sigaction(signalNumber, nullptr, &system[static_cast<std::size_t>(signalNumber)]);
+        const auto index = static_cast<std::size_t>(signalNumber);
+        sigaction(signalNumber, nullptr, &system[index]);
+        // What an earlier history has left.
+        const struct sigaction own = Sorvane::SVOwnAction::of(signalNumber);
+        std::memcpy(&manners[index].heldBack, &own.sa_mask, sizeof(manners[index].heldBack));
+        manners[index].flags = own.sa_flags & ~(SA_SIGINFO | SA_ONSTACK);
+        librarys[index] = Sorvane::SVOwnership::librarysQ(signalNumber);
+        handedBack[index] = Sorvane::SVOwnership::count(signalNumber) > 1;
     }
     resetDispositions();
 }
@@ -157,11 +166,11 @@ void ManagerModel::stopHandlingSignal(int signalNumber) {
     }
     for (const ModelRecord& record : found->recordsInSlotOrder()) {
         if (record.preExists) {
-            install(record);
+            handBack(record);
             return;
         }
     }
-    install(ignoringRecord(signalNumber));
+    handBack(ignoringRecord(signalNumber));
 }
 
 void ManagerModel::stopHandlingSignals() {
@@ -197,6 +206,7 @@ void ManagerModel::handleSignal(int signalNumber) {
         return;
     }
     // What the host has is on record before it is displaced; without memory for that it stays.
+    followHost(signalNumber);
     if (installableQ(signalNumber)) {
         const ModelRecord previous = {signalNumber, system[static_cast<std::size_t>(signalNumber)],
                                       true, true, true};
@@ -205,7 +215,7 @@ void ManagerModel::handleSignal(int signalNumber) {
             store(owner, previous);
         }
     }
-    install(ownRecord(signalNumber));
+    installOwn(signalNumber);
 }
 
 // --- Dispatch ------------------------------------------------------------------------------------
@@ -271,6 +281,10 @@ void ManagerModel::arrive(int signalNumber) {
 
 void ManagerModel::dispatch(int signalNumber) {
     makeManager(false);
+    // The library was installed by hand for a signal that it had handed back.
+    if (handedBack[static_cast<std::size_t>(signalNumber)]) {
+        librarys[static_cast<std::size_t>(signalNumber)] = true;
+    }
     if (arrivalEndsProcessQ(signalNumber)) {
         callHandlers(signalNumber);
         return;
@@ -293,7 +307,10 @@ void ManagerModel::setHandler(const ModelRecord& record) {
     ModelSignal& owner = signalMadeIfNone(record.signalNumber, lineNoTableForHandler);
     store(owner, record);
     if (handling) {
-        install(ownRecord(record.signalNumber));
+        if (!librarys[static_cast<std::size_t>(record.signalNumber)]) {
+            followHost(record.signalNumber);
+        }
+        installOwn(record.signalNumber);
     }
 }
 
@@ -307,9 +324,67 @@ void ManagerModel::clearHandler(const ModelRecord& record) {
         return;
     }
     if (record.preExists && table.used == 1) {
-        install(record);
+        handBack(record);
     }
     table.remove(key);
+}
+
+// --- Whose a signal is ---------------------------------------------------------------------------
+
+namespace {
+
+ModelManner mannerOf(int signalNumber, const struct sigaction& action) {
+    constexpr int ofChildren = SA_NOCLDSTOP | SA_NOCLDWAIT;
+    ModelManner manner;
+    if (!specialQ(functionOf(action))) {
+        std::memcpy(&manner.heldBack, &action.sa_mask, sizeof(manner.heldBack));
+        manner.flags = action.sa_flags & (SA_RESTART | SA_NODEFER | ofChildren);
+        return manner;
+    }
+    manner.flags |= action.sa_flags & ofChildren;
+    if (signalNumber == SIGCHLD && action.sa_handler == SIG_IGN) {
+        manner.flags |= SA_NOCLDWAIT;
+    }
+    return manner;
+}
+
+ModelManner both(const ModelManner& one, const ModelManner& other) {
+    const int restart = one.flags & other.flags & SA_RESTART;
+    return {one.heldBack | other.heldBack, ((one.flags | other.flags) & ~SA_RESTART) | restart};
+}
+
+}  // namespace
+
+// Of a signal that can't be caught the system tells an action all the same.
+void ManagerModel::followHost(int signalNumber) {
+    const auto index = static_cast<std::size_t>(signalNumber);
+    const bool told =
+        installableQ(signalNumber) || signalNumber == SIGKILL || signalNumber == SIGSTOP;
+    if (!told || takenOverQ(signalNumber)) {
+        return;
+    }
+    ModelManner manner = mannerOf(signalNumber, system[index]);
+    if (librarys[index]) {
+        manner = both(manner, manners[index]);
+    } else if (const ModelSignal* const found = signal(signalNumber)) {
+        for (const ModelRecord& record : found->recordsInSlotOrder()) {
+            if (record.preExists && record.function() != functionOf(system[index])) {
+                manner = both(manner, mannerOf(signalNumber, record.action));
+            }
+        }
+    }
+    manners[index] = manner;
+}
+
+void ManagerModel::installOwn(int signalNumber) {
+    install(ownRecord(signalNumber));
+    librarys[static_cast<std::size_t>(signalNumber)] = true;
+}
+
+void ManagerModel::handBack(const ModelRecord& record) {
+    install(record);
+    librarys[static_cast<std::size_t>(record.signalNumber)] = false;
+    handedBack[static_cast<std::size_t>(record.signalNumber)] = true;
 }
 
 // --- The operating system ------------------------------------------------------------------------
@@ -337,7 +412,7 @@ void ManagerModel::restorePreexisting() {
         }
         for (const ModelRecord& record : found->recordsInSlotOrder()) {
             if (record.preExists && record.valid) {
-                install(record);
+                handBack(record);
             }
         }
     }
@@ -355,10 +430,14 @@ bool ManagerModel::installableQ(int signalNumber) {
            signalNumber != SIGSTOP && signalNumber != 32 && signalNumber != 33;
 }
 
-ModelRecord ManagerModel::ownRecord(int signalNumber) {
+ModelRecord ManagerModel::ownRecord(int signalNumber) const {
+    const bool exists = signalNumber >= 1 && signalNumber <= lastSystemSignal;
+    const ModelManner manner =
+        exists ? manners[static_cast<std::size_t>(signalNumber)] : ModelManner();
     ModelRecord record = {signalNumber, {}, false, false, true};
     record.action.sa_sigaction = &actualSignalHandler;
-    record.action.sa_flags = SA_SIGINFO | SA_RESTART | SA_ONSTACK;
+    std::memcpy(&record.action.sa_mask, &manner.heldBack, sizeof(manner.heldBack));
+    record.action.sa_flags = SA_SIGINFO | SA_ONSTACK | manner.flags;
     return record;
 }
 

@@ -56,6 +56,12 @@ struct ModelSignal {
     std::vector<ModelRecord> recordsInSlotOrder() const;
 };
 
+/// What the library's own action has of the host's.
+struct ModelManner {
+    std::uint64_t heldBack = 0;
+    int flags = SA_RESTART;
+};
+
 class ManagerModel {
 public:
     static constexpr int lastWalkedSignal = 60;
@@ -75,6 +81,9 @@ public:
     TableModel outer;
     std::map<int, ModelSignal> signals;  ///< by key
     std::array<struct sigaction, lastSystemSignal + 1> system = {};
+    std::array<ModelManner, lastSystemSignal + 1> manners;
+    std::array<bool, lastSystemSignal + 1> librarys = {};    ///< the signals that the library has
+    std::array<bool, lastSystemSignal + 1> handedBack = {};  ///< those that it has had before
     std::vector<ModelCall> calls;
 
     // --- What happened, for those who want to know whether enough did ---------------------------
@@ -119,7 +128,7 @@ public:
 
     static int keyOf(int signalNumber);
     static bool installableQ(int signalNumber);
-    static ModelRecord ownRecord(int signalNumber);
+    ModelRecord ownRecord(int signalNumber) const;
     static ModelRecord ignoringRecord(int signalNumber);
     const ModelSignal* signal(int signalNumber) const;
 
@@ -129,6 +138,9 @@ private:
     ModelSignal& signalMadeIfNone(int signalNumber, unsigned int line);
     void store(ModelSignal& owner, const ModelRecord& record);
     void dispatch(int signalNumber);
+    void followHost(int signalNumber);
+    void installOwn(int signalNumber);
+    void handBack(const ModelRecord& record);
     void call(const ModelRecord& record);
 };
 

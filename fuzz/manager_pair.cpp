@@ -218,8 +218,8 @@ Step ManagerPair::makeRecord(std::size_t place, int signalNumber) {
             [this, place, signalNumber] {
                 m_results.record.emplace(at(place).theSVHandler(signalNumber));
             },
-            [this, signalNumber](ManagerModel&) {
-                m_results.expectedRecord = ManagerModel::ownRecord(signalNumber);
+            [this, signalNumber](ManagerModel& same) {
+                m_results.expectedRecord = same.ownRecord(signalNumber);
             }};
 }
 

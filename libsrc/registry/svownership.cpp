@@ -61,7 +61,7 @@ bool SVOwnership::handedBackBeforeQ(int signalNumber, Count count) noexcept {
     return end != 0 && static_cast<int>(end - count) <= 0;
 }
 
-void SVOwnership::allowSendingOn(int signalNumber) noexcept {
+void SVOwnership::noteChange(int signalNumber) noexcept {
     if (signalExistsQ(signalNumber)) {
         counts[signalNumber].fetch_add(2);
     }

@@ -65,14 +65,15 @@ constexpr bool handedBackQ(Count count) noexcept {
 /// The signal becomes the library's.
 void take(int signalNumber) noexcept;
 
-/// Whatever was sent on may be sent on once more.
-void allowSendingOn(int signalNumber) noexcept;
+/// Something else about the signal has changed, or is about to: dispatches that are under way look
+/// at their end, and whatever was sent on may be sent on once more.
+void noteChange(int signalNumber) noexcept;
 
 /// The signal becomes the host's, with this action; the one said before that is installed, the
 /// other after it.
 void beginHandBack(int signalNumber, const struct sigaction& action) noexcept;
 inline void endHandBack(int signalNumber) noexcept {
-    allowSendingOn(signalNumber);
+    noteChange(signalNumber);
 }
 
 /// The action that a signal was handed back to last, and whether that had come to its end when the

@@ -3,33 +3,25 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <csignal>
-#include <iterator>
 
+#include "svleftaction.h"
+#include "svownaction.h"
 #include "svsharedstate.h"
 #include "svsystemactions.h"
 
 namespace Sorvane {
 
-namespace {
-
-// Whether the signal is being delivered to this thread, and its handler is not just called: the
-// kernel holds it back meanwhile.
-bool heldBackQ(int signalNumber) noexcept {
+bool svbeingHandledQ(int signalNumber) noexcept {
+    if ((SVOwnAction::of(signalNumber).sa_flags & SA_NODEFER) != 0) {
+        return true;
+    }
     sigset_t heldBack;
     pthread_sigmask(SIG_BLOCK, nullptr, &heldBack);
     return sigismember(&heldBack, signalNumber) == 1;
 }
 
-// Such a fault is that of the instruction that was interrupted, which runs again.
-bool comesAgainQ(int signalNumber, const siginfo& information) noexcept {
-    constexpr int faults[] = {SIGSEGV, SIGBUS, SIGILL, SIGFPE};
-    const bool byTheCode = std::count(std::begin(faults), std::end(faults), signalNumber) != 0;
-    // A defect of memory that nobody has touched does not come again.
-    const bool onlyReported = signalNumber == SIGBUS && information.si_code == BUS_MCEERR_AO;
-    return byTheCode && information.si_code > 0 && !onlyReported;
-}
+namespace {
 
 // If the host replaces what was found just between, its new action counts.
 SVFailure putBack(int signalNumber, const struct sigaction& hosts, const struct sigaction& found) {
@@ -43,7 +35,7 @@ SVFailure putBack(int signalNumber, const struct sigaction& hosts, const struct 
 }  // namespace
 
 bool svsendOn(int signalNumber, siginfo* information, void* context) {
-    const bool delivered = information != nullptr && heldBackQ(signalNumber);
+    const bool delivered = information != nullptr && svbeingHandledQ(signalNumber);
     struct sigaction host;
     {
         const SVGate gate;
@@ -60,12 +52,12 @@ bool svsendOn(int signalNumber, siginfo* information, void* context) {
             return false;
         }
         if (installed) {
-            SVOwnership::allowSendingOn(signalNumber);
+            SVOwnership::noteChange(signalNumber);
             putBack(signalNumber, host, current);
         }
     }
     // Where the system's queue is full the host's handler is called from here.
-    if (!comesAgainQ(signalNumber, *information) &&
+    if (!svfaultQ(signalNumber, *information) &&
         syscall(SYS_rt_tgsigqueueinfo, getpid(), syscall(SYS_gettid), signalNumber, information) !=
             0) {
         SVSignalHandler(signalNumber, host, true, true, true)(information, context);
@@ -74,14 +66,24 @@ bool svsendOn(int signalNumber, siginfo* information, void* context) {
 }
 
 // First installs, then looks: whoever hands the signal back after the look displaces the library.
-void SVArrival::stayInstalled() const {
-    const SVOwnership::Unsettled unsettled(m_signalNumber);
-    const SVOwnership::Count before = SVOwnership::count(m_signalNumber);
+void SVArrival::stayInstalled(const siginfo* information, void* context) const {
     struct sigaction displaced;
-    SVSystemActions::install(m_signalNumber, svownAction, displaced).throwIfAny();
-    if (ownerChangedQ()) {
-        SVGate::pass([&] { return settle(displaced, before); });
-    }
+    do {
+        const SVOwnership::Unsettled unsettled(m_signalNumber);
+        const SVOwnership::Count before = SVOwnership::count(m_signalNumber);
+        SVSystemActions::installOwn(m_signalNumber, displaced).throwIfAny();
+        if (ownerChangedQ()) {
+            settle(displaced, before);
+            return;
+        }
+    } while (!svownActionQ(displaced) &&
+             SVLeftAction::leave(m_signalNumber, displaced, information, context));
+}
+
+// A function of its own, so that it takes no stack from where nothing has to be settled.
+[[gnu::noinline]] void SVArrival::settle(const struct sigaction& displaced,
+                                         SVOwnership::Count before) const {
+    SVGate::pass([&] { return settleInside(displaced, before); });
 }
 
 // Another dispatch may have put the host's action back.
@@ -96,28 +98,33 @@ SVFailure SVArrival::takeBack() const {
     });
 }
 
-// The signal has changed hands, and the library was installed all the same. What is done:
-// - This thread handed it back, in a handler: that is undone.
+// The signal has changed hands, or the library's own action has changed, and the library was
+// installed all the same. What is done:
+// - This thread handed the signal back, in a handler: that is undone.
+// - The library has it, again: what was displaced is the host's, and was hidden from whoever took
+//   the signal over, unless it is older than the last hand-back. So it is put on record. The
+//   library's own action is installed as it has become.
 // - It was the library that was displaced: whoever displaced the host's action puts that back.
-// - The library has it again: what was displaced is the host's, and was hidden from whoever took
-// the
-//   signal over, unless it is older than the last hand-back. So it is put on record.
-// - It is the host's: what was displaced is put back, or what the signal was handed back to if that
-//   is newer; but not over what the host has installed since.
-SVFailure SVArrival::settle(const struct sigaction& displaced, SVOwnership::Count before) const {
+// - The host has it: what was displaced is put back, or what the signal was handed back to if that
+// is
+//   newer; but not over what the host has installed since.
+SVFailure SVArrival::settleInside(const struct sigaction& displaced,
+                                  SVOwnership::Count before) const {
     struct sigaction current;
     if (SVOwnership::handedBackByThisThreadQ(m_signalNumber)) {
         return takeBack();
     }
-    if (svownActionQ(displaced)) {
-        return SVFailure();
-    }
     const bool newer = SVOwnership::handedBackBeforeQ(m_signalNumber, before);
     if (SVOwnership::librarysQ(m_signalNumber)) {
         bool kept = false;
-        return newer ? svkeepOnRecord(m_signalNumber, displaced, kept) : SVFailure();
+        return (newer ? svkeepOnRecord(m_signalNumber, displaced, kept) : SVFailure()).then([&] {
+            return SVSystemActions::renewOwn(m_signalNumber);
+        });
     }
-    SVOwnership::allowSendingOn(m_signalNumber);
+    if (svownActionQ(displaced)) {
+        return SVFailure();
+    }
+    SVOwnership::noteChange(m_signalNumber);
     const struct sigaction& handedBackTo = SVOwnership::actionOfHost(m_signalNumber);
     return SVSystemActions::ask(m_signalNumber, current).then([&] {
         return svownActionQ(current) || (newer && svsameActionQ(current, handedBackTo))

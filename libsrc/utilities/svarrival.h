@@ -2,6 +2,8 @@
 #ifndef SORVANE_SVARRIVAL_H
 #define SORVANE_SVARRIVAL_H
 
+#include <cstdint>
+
 #include "../registry/svownership.h"
 #include "../support/svfailure.h"
 #include "svsignalhandlermanager.h"
@@ -21,17 +23,38 @@ public:
     bool ownerChangedQ() const noexcept { return SVOwnership::count(m_signalNumber) != m_seen; }
 
     /// Ends a dispatch: installs the library's own action, because a handler may have changed what
-    /// the system has, unless the signal was handed back meanwhile by another thread.
+    /// the system has, unless the signal was handed back meanwhile by another thread. What the
+    /// handler has left gets the signals that are to come (see svleftaction.h).
     /// Errors: SVException: that of installHandlerInSystem(), and those of the tables' insert().
-    void stayInstalled() const;
+    void stayInstalled(const siginfo* information, void* context) const;
 
 private:
     SVFailure takeBack() const;
-    SVFailure settle(const struct sigaction& displaced, SVOwnership::Count before) const;
+    void settle(const struct sigaction& displaced, SVOwnership::Count before) const;
+    SVFailure settleInside(const struct sigaction& displaced, SVOwnership::Count before) const;
 
     const int m_signalNumber;
     const SVOwnership::Count m_seen;
 };
+
+/// Whether this thread may be inside a handler that the kernel has called for a signal: that is
+/// held back meanwhile, if the library's own action does not say otherwise. Signal context: any.
+bool svbeingHandledQ(int signalNumber) noexcept;
+
+/// Whether the kernel itself has just called the function whose frame this is, with this context,
+/// for a signal: it puts the context right behind the function's return address.
+/// Signal context: any.
+inline bool svcalledByKernelQ(const void* frame, const void* context) noexcept {
+    const auto distance =
+        reinterpret_cast<std::uintptr_t>(context) - reinterpret_cast<std::uintptr_t>(frame);
+#if defined(__x86_64__)
+    return distance == 2 * sizeof(void*);
+#elif defined(__i386__)
+    return distance == 5 * sizeof(void*) + sizeof(siginfo);
+#else
+    return distance < 512;
+#endif
+}
 
 /// Sends a late arrival on to whom the signal belongs. False when it is none any more: the signal
 /// is the library's again, also because the library was called by hand. Signal context: handler

@@ -117,8 +117,9 @@ public:
     /// Whether the signal has a valid record that is pre-existing or external. Throws nothing.
     bool hasPreexistingOrExternalHandlerQ(int signalNumber);
 
-    /// Make a record: the manager's own, one that ignores the signal, one with its default action.
-    /// Signal context: any. Throw nothing.
+    /// Make a record: the manager's own, which has the mask and the flags of the handler that the
+    /// host had when the signal was taken over last; one that ignores the signal; one with its
+    /// default action. Signal context: any. Throw nothing.
     SVSignalHandler theSVHandler(int signalNumber);
     SVSignalHandler ignoreHandler(int signalNumber);
     SVSignalHandler defaultHandler(int signalNumber);

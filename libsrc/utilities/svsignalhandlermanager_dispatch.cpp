@@ -7,6 +7,8 @@
 
 #include "../support/svhandlercontext.h"
 #include "svarrival.h"
+#include "svleftaction.h"
+#include "svownaction.h"
 #include "svsharedstate.h"
 #include "svsignalhandlermanager.h"
 
@@ -20,6 +22,10 @@ bool fatalQ(int signalNumber) noexcept {
     return signalNumber == SIGSEGV || signalNumber == SIGBUS || signalNumber == SIGHUP;
 }
 
+bool validQ(const SVSignalHandler& record) noexcept {
+    return record.validQ();
+}
+
 bool hostsOwnQ(const SVSignalHandler& record) noexcept {
     return (record.preExistsQ() || record.externalQ()) && record.validQ();
 }
@@ -27,6 +33,10 @@ bool hostsOwnQ(const SVSignalHandler& record) noexcept {
 // The walk over one signal's records. It begins with the table as it is when the signal arrives,
 // and sees what its handlers do to the table on the way, slot by slot. If the records have been
 // moved to other slots, it keeps to the slots that it has.
+//
+// A handler may call the library by hand for the very signal that it is being called for: whoever
+// installs a handler after the library, and calls what that has displaced, does so if the signal is
+// taken over once more. Then the walk goes on from there; so each record is called once.
 class Dispatch {
 public:
     explicit Dispatch(int signalNumber) noexcept
@@ -34,43 +44,82 @@ public:
 
     bool hasHostsOwnQ() const { return svfirstRecord(m_table, hostsOwnQ) != nullptr; }
 
-    void callValid(void* information, void* context) {
-        call(information, context, [](const SVSignalHandler& record) { return record.validQ(); });
-    }
+    void callValid(void* information, void* context) { call(information, context, validQ); }
     void callHostsOwn(void* information, void* context) { call(information, context, hostsOwnQ); }
+
+    /// This thread's innermost one whose handlers are being called, if it is for this signal;
+    /// otherwise null. One whose handler has left by siglongjmp does not count any more.
+    static Dispatch* calling(int signalNumber) noexcept {
+        Dispatch* const found = innermost;
+        return found != nullptr && found->m_self == found &&
+                       found->m_signalNumber == signalNumber && svbeingHandledQ(signalNumber)
+                   ? found
+                   : nullptr;
+    }
+
+    /// Calls the rest.
+    [[gnu::noinline]] void goOn() {
+        const Slot* slot = m_next;
+        while (slot != m_end) {
+            if (slot->state != svslotOccupied) {
+                ++slot;
+                continue;
+            }
+            // A copy is called, so that a handler that changes its own registration does not pull
+            // the record away from under the call.
+            SVSignalHandler record(slot->value);
+            const void* const function = slot->key;
+            ++slot;
+            if (m_test(record) && !(m_leftBehind && clearedQ(function))) {
+                m_next = slot;
+                record(m_information, m_context);
+                m_leftBehind = !m_pin.publishedQ() && !follow();
+                slot = m_next;
+            }
+        }
+        m_next = m_end;
+    }
 
 private:
     using Slot = SVSignalHandlerTable::Entry;
+    using Test = bool (*)(const SVSignalHandler&);
 
-    // Calls what a test lets through, in slot order. A copy is called, so that a handler that
-    // changes its own registration does not pull the record away from under the call.
-    template <typename Test>
-    [[gnu::noinline]] void call(void* information, void* context, Test test) {
-        if (m_table == nullptr) {
-            return;
+    // While a dispatch is this thread's innermost.
+    class Calling {
+    public:
+        explicit Calling(Dispatch& dispatch) noexcept : m_outer(innermost) {
+            innermost = &dispatch;
         }
-        const Slot* slot = m_table->table;
-        for (const Slot* end = slot + m_table->mask + 1; slot != end; ++slot) {
-            if (slot->state != svslotOccupied) {
-                continue;
-            }
-            SVSignalHandler record(slot->value);
-            if (test(record) && !(m_leftBehind && clearedQ(slot->key))) {
-                record(information, context);
-                m_leftBehind = !m_pin.publishedQ() && !follow(slot, end);
-            }
+        Calling(const Calling&) = delete;
+        Calling& operator=(const Calling&) = delete;
+        ~Calling() { innermost = m_outer; }
+
+    private:
+        Dispatch* const m_outer;
+    };
+
+    // Calls what a test lets through, in slot order.
+    void call(void* information, void* context, Test test) {
+        if (m_table != nullptr) {
+            m_information = information;
+            m_context = context;
+            m_test = test;
+            m_next = m_table->table;
+            m_end = m_table->table + m_table->mask + 1;
+            const Calling calling(*this);
+            goOn();
         }
     }
 
     // Goes on with what is published now, if the records there stand in the same slots.
-    bool follow(const Slot*& slot, const Slot*& end) noexcept {
+    bool follow() noexcept {
         SVTablesPin now;
         SVSignalHandlerTable* const table = now.tableOf(m_signalNumber);
         if (endedQ() || table == nullptr || !svsameSlotsQ(*m_table, *table)) {
             return false;
         }
-        slot = table->table + (slot - m_table->table);
-        end = table->table + table->mask + 1;
+        m_next = table->table + (m_next - m_table->table);
+        m_end = table->table + table->mask + 1;
         m_table = table;
         m_pin.swap(now);
         return true;
@@ -88,24 +137,36 @@ private:
     }
     bool endedQ() const noexcept { return svregistry.timesEnded() != m_timesEnded; }
 
+    static constinit thread_local Dispatch* innermost __attribute__((tls_model("initial-exec")));
+
     const unsigned int m_timesEnded = svregistry.timesEnded();
     SVTablesPin m_pin;
     const int m_signalNumber;
     SVSignalHandlerTable* m_table;
     bool m_leftBehind = false;  ///< by what is published, in which the records stand elsewhere
+    const Dispatch* const m_self = this;
+    void* m_information = nullptr;
+    void* m_context = nullptr;
+    Test m_test = nullptr;
+    const Slot* m_next = nullptr;
+    const Slot* m_end = nullptr;
 };
 
-// One attempt at a dispatch. What is to be called is decided from what is published at one instant,
-// whatever other threads do to it meanwhile. Result: false if the signal changed hands before that;
-// then all begins anew.
-bool dispatch(int signalNumber, siginfo* information, void* context) {
-    const SVArrival arrival(signalNumber);
+constinit thread_local Dispatch* Dispatch::innermost = nullptr;
+
+enum class Outcome { ownerChanged, late, called };
+
+// What is to be called is decided from what is published at one instant, whatever other threads do
+// to it meanwhile. A function of its own, so that what it needs of the stack is free again when the
+// library is installed.
+[[gnu::noinline]] Outcome callRecords(const SVArrival& arrival, int signalNumber,
+                                      siginfo* information, void* context) {
     Dispatch records(signalNumber);
     if (arrival.ownerChangedQ()) {
-        return false;
+        return Outcome::ownerChanged;
     }
     if (arrival.lateQ()) {
-        return svsendOn(signalNumber, information, context);
+        return Outcome::late;
     }
     if (fatalQ(signalNumber) && records.hasHostsOwnQ()) {
         records.callHostsOwn(information, context);
@@ -115,7 +176,25 @@ bool dispatch(int signalNumber, siginfo* information, void* context) {
             _exit(0);
         }
     }
-    arrival.stayInstalled();
+    return Outcome::called;
+}
+
+// One attempt at a dispatch. Result: false if the signal changed hands before its records were
+// called; then all begins anew.
+bool dispatch(int signalNumber, siginfo* information, void* context) {
+    if (SVLeftAction::takes(signalNumber, information, context)) {
+        return true;
+    }
+    const SVArrival arrival(signalNumber);
+    switch (callRecords(arrival, signalNumber, information, context)) {
+        case Outcome::ownerChanged:
+            return false;
+        case Outcome::late:
+            return svsendOn(signalNumber, information, context);
+        case Outcome::called:
+            break;
+    }
+    arrival.stayInstalled(information, context);
     return true;
 }
 
@@ -151,7 +230,8 @@ bool SVSignalHandlerManager::hasPreexistingOrExternalHandlerQ(int signalNumber) 
 }
 
 SVSignalHandler SVSignalHandlerManager::theSVHandler(int signalNumber) {
-    return SVSignalHandler(signalNumber, &actualSignalHandler, false, false, true);
+    struct sigaction own = SVOwnAction::of(signalNumber);
+    return SVSignalHandler(signalNumber, own, false, false, true);
 }
 
 SVSignalHandler SVSignalHandlerManager::ignoreHandler(int signalNumber) {
@@ -173,6 +253,12 @@ extern "C" void actualSignalHandler(int signalNumber, siginfo* information, void
     using namespace Sorvane;
     const ErrnoKeeper errnoKeeper;
     const SVHandlerContext::Scope handlerScope;
+    if (!svcalledByKernelQ(__builtin_frame_address(0), context)) {
+        if (Dispatch* const calling = Dispatch::calling(signalNumber)) {
+            calling->goOn();
+            return;
+        }
+    }
     // No locking: the thread that was interrupted, or another one, may hold the lock.
     SVSignalHandlerManager manager{SVSignalHandlerManager::Dispatching()};
     while (!dispatch(signalNumber, information, context)) {

@@ -1,6 +1,7 @@
 // How handler records come into the tables and out again.
 
 #include "../registry/svownership.h"
+#include "svownaction.h"
 #include "svsharedstate.h"
 #include "svsignalhandlermanager.h"
 #include "svsystemactions.h"
@@ -10,6 +11,26 @@ namespace Sorvane {
 namespace {
 
 constexpr SVFailure noTable = svnoTableFailure(144);
+
+// Found out only when the signal is taken over by this: a question is no installation.
+SVFailure followHost(int signalNumber) noexcept {
+    if (SVOwnership::librarysQ(signalNumber)) {
+        return SVFailure();
+    }
+    struct sigaction hosts;
+    return SVSystemActions::ask(signalNumber, hosts).then([&] {
+        SVOwnAction::follow(signalNumber, hosts, svregistry.tableOf(signalNumber));
+        return SVFailure();
+    });
+}
+
+// Without the old action being kept, as it is when it is taken over by itself.
+SVFailure installFor(int signalNumber) noexcept {
+    return followHost(signalNumber).then([signalNumber] {
+        struct sigaction displaced;
+        return SVSystemActions::takeOver(signalNumber, displaced);
+    });
+}
 
 // While signals are being handled, the action that the operating system had for the signal is not
 // kept: only taking a signal over with handleSignal() makes a pre-existing record of it.
@@ -21,9 +42,8 @@ SVFailure store(const SVSignalHandler& record) noexcept {
     return svregistry.addTable(signalNumber, noTable)
         .then([&] { return svregistry.store(record, noTable); })
         .then([&] {
-            struct sigaction displaced;
             return svshared(SVSignalHandlerManager::currentlyHandlingSignals).load()
-                       ? SVSystemActions::takeOver(signalNumber, displaced)
+                       ? installFor(signalNumber)
                        : SVFailure();
         });
 }

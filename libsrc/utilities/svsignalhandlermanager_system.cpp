@@ -4,6 +4,7 @@
 #include <csignal>
 
 #include "../registry/svownership.h"
+#include "svownaction.h"
 #include "svsharedstate.h"
 #include "svsignalhandlermanager.h"
 #include "svsystemactions.h"
@@ -33,8 +34,12 @@ SVFailure SVSystemActions::install(int signalNumber, const struct sigaction& wan
     return failureOf(sigaction(signalNumber, &wanted, &previous));
 }
 
+SVFailure SVSystemActions::installOwn(int signalNumber, struct sigaction& previous) noexcept {
+    return install(signalNumber, SVOwnAction::of(signalNumber), previous);
+}
+
 SVFailure SVSystemActions::takeOver(int signalNumber, struct sigaction& previous) noexcept {
-    const SVFailure failure = install(signalNumber, svownAction, previous);
+    const SVFailure failure = installOwn(signalNumber, previous);
     if (!failure) {
         SVOwnership::take(signalNumber);
     }
@@ -56,6 +61,16 @@ SVFailure SVSystemActions::handBack(SVSignalHandler& record) noexcept {
     return failure;
 }
 
+SVFailure SVSystemActions::renewOwn(int signalNumber) noexcept {
+    const struct sigaction own = SVOwnAction::of(signalNumber);
+    struct sigaction current = own;
+    return ask(signalNumber, current).then([&] {
+        return svownActionQ(current) && !svsameActionQ(current, own)
+                   ? install(signalNumber, own, current)
+                   : SVFailure();
+    });
+}
+
 // No disposition is asked: what was taken over when a signal was allowed is put back even if it is
 // forbidden by now.
 SVFailure SVSystemActions::handBackPreexisting() noexcept {
@@ -69,22 +84,6 @@ SVFailure SVSystemActions::handBackPreexisting() noexcept {
         });
     });
     return failure;
-}
-
-// That of theSVHandler(), known before anything runs.
-constinit const struct sigaction svownAction = []() noexcept {
-    struct sigaction action = {};
-    action.sa_sigaction = &actualSignalHandler;
-    action.sa_flags = SA_SIGINFO | SA_RESTART | SA_ONSTACK;
-    return action;
-}();
-
-bool svownActionQ(const struct sigaction& action) noexcept {
-    return action.sa_sigaction == &actualSignalHandler;
-}
-
-bool svnobodysActionQ(const struct sigaction& action) noexcept {
-    return svownActionQ(action) || action.sa_handler == SIG_DFL || action.sa_handler == SIG_IGN;
 }
 
 SVSignalHandler SVSignalHandlerManager::installHandlerInSystem(SVSignalHandler& handler) {

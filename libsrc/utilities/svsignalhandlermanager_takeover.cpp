@@ -1,6 +1,7 @@
 // Taking signals over and handing them back, and the dispositions that say which ones.
 
 #include "../registry/svownership.h"
+#include "svownaction.h"
 #include "svsharedstate.h"
 #include "svsignalhandlermanager.h"
 #include "svsystemactions.h"
@@ -47,7 +48,10 @@ SVFailure swap(int signalNumber) noexcept {
     if (kept && (failure || replaced)) {
         svregistry.remove(signalNumber, reinterpret_cast<void*>(host.sa_sigaction), noTable);
     }
-    return replaced ? svkeepOnRecord(signalNumber, displaced, kept) : failure;
+    return replaced ? svkeepOnRecord(signalNumber, displaced, kept).then([signalNumber] {
+        return SVSystemActions::renewOwn(signalNumber);
+    })
+                    : failure;
 }
 
 SVFailure takeOver(int signalNumber) noexcept {
@@ -87,6 +91,7 @@ SVFailure handBack(int signalNumber, SVSignalHandler wanted) noexcept {
 }  // namespace
 
 SVFailure svkeepOnRecord(int signalNumber, struct sigaction action, bool& kept) noexcept {
+    SVOwnAction::follow(signalNumber, action, svregistry.tableOf(signalNumber));
     if (svnobodysActionQ(action)) {
         return SVFailure();
     }

@@ -19,12 +19,19 @@ SVFailure ask(int signalNumber, struct sigaction& current) noexcept;
 SVFailure install(int signalNumber, const struct sigaction& wanted,
                   struct sigaction& previous) noexcept;
 
+/// Installs the library's own action. Errors: as above.
+SVFailure installOwn(int signalNumber, struct sigaction& previous) noexcept;
+
 /// Installs the library's own action, and the signal is the library's from now on; or a record's
 /// action, and the signal is the host's. Errors: as above; it is then whose it was, but counts as
 /// handed back once more.
 /// Signal context: inside the gate.
 SVFailure takeOver(int signalNumber, struct sigaction& previous) noexcept;
 SVFailure handBack(SVSignalHandler& record) noexcept;
+
+/// Installs the library's own action again if it is installed as it was before a change.
+/// Errors: as above. Signal context: inside the gate.
+SVFailure renewOwn(int signalNumber) noexcept;
 
 /// Puts back, for every signal from 1 to 60, its valid pre-existing records, up to the first that
 /// fails. Errors: as above. Signal context: inside the gate.
@@ -33,17 +40,9 @@ SVFailure handBackPreexisting() noexcept;
 }  // namespace SVSystemActions
 
 /// Keeps an action that the host had for a signal as a pre-existing record, unless it is nobody's
-/// or its function has a record. Parameters: kept, set if it was kept now. Errors: those of
-/// handleSignal() for want of memory. Signal context: inside the gate.
+/// or its function has a record, and follows it from now on. Parameters: kept, set if it was kept
+/// now. Errors: those of handleSignal() for want of memory. Signal context: inside the gate.
 SVFailure svkeepOnRecord(int signalNumber, struct sigaction action, bool& kept) noexcept;
-
-/// The library's own action, the same for every signal.
-extern constinit const struct sigaction svownAction;
-
-/// Whether an action's handler is the library's own; whether it is none that the host has to get
-/// back: the library's own, the default action, or the ignoring one.
-bool svownActionQ(const struct sigaction& action) noexcept;
-bool svnobodysActionQ(const struct sigaction& action) noexcept;
 
 }  // namespace Sorvane
 

@@ -49,6 +49,18 @@ TEST_F(HostInMidTakeOver, ReplacesTheRecordOfItsHandler) {
     EXPECT_EQ(recordCount(theSignal), 1U);
 }
 
+TEST_F(HostInMidTakeOver, HasTheFlagsOfItsNewHandler) {
+    hostInstalls(theSignal, hostHandler, SA_RESTART);
+    const StretchedSigaction stretched(theSignal, When::before, [] {
+        if (systemHandler(theSignal) == addressOf(hostHandler)) {
+            hostInstalls(theSignal, otherHostHandler, SA_NODEFER);
+        }
+    });
+    m_manager.handleSignal(theSignal);
+    EXPECT_TRUE(takenOverQ(theSignal));
+    EXPECT_NE(systemAction(theSignal).sa_flags & SA_NODEFER, 0);
+}
+
 TEST_F(HostInMidTakeOver, TakesNoRecordAwayThatWasThereBefore) {
     hostInstalls(theSignal, hostHandler);
     m_manager.setHandlerFromFunction(theSignal, hostHandler);

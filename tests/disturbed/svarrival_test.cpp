@@ -4,6 +4,7 @@
 #include <../registry/svgate.h>
 #include <../registry/svownership.h>
 #include <../utilities/svarrival.h>
+#include <../utilities/svownaction.h>
 #include <../utilities/svsystemactions.h>
 #include <gtest/gtest.h>
 #include <sys/resource.h>
@@ -51,7 +52,7 @@ void handBack(int signalNumber = theSignal) {
 }
 
 void installLibrary(int signalNumber = theSignal) {
-    const struct sigaction action = Sorvane::svownAction;
+    const struct sigaction action = Sorvane::SVOwnAction::of(theSignal);
     sigaction(signalNumber, &action, nullptr);
 }
 
@@ -123,6 +124,16 @@ TEST_F(SentOn, OfASignalThatWasTakenOverAgainIsNone) {
     EXPECT_FALSE(sendOn());
     EXPECT_FALSE(cameAgainQ());
     EXPECT_EQ(SVOwnership::count(theSignal), before);
+}
+
+// Nor does the kernel hold it back while it is handled, then.
+TEST_F(SentOn, ComesAgainAlsoIfTheHostsHandlerIsNotToHoldItBack) {
+    hostInstalls(theSignal, hostHandler, SA_NODEFER);
+    m_manager.handleSignal(theSignal);
+    handBack();
+    EXPECT_TRUE(sendOn());
+    EXPECT_EQ(callsOf(hostInformationHandler), 1U);
+    EXPECT_FALSE(SVOwnership::librarysQ(theSignal));
 }
 
 // Without the kernel's doing: then it is the library's.
@@ -200,7 +211,7 @@ TEST_F(SentOn, DoesNotLeaveTheLibraryThatIsInstalledMeanwhile) {
     installLibrary();
     {
         const StretchedSigaction stretched(theSignal, When::before, [] {
-            struct sigaction action = Sorvane::svownAction;
+            struct sigaction action = Sorvane::SVOwnAction::of(theSignal);
             action.sa_flags |= SA_NODEFER;
             sigaction(theSignal, &action, nullptr);
         });
@@ -294,9 +305,9 @@ protected:
                     stretch();
                 }
             });
-            arrival.stayInstalled();
+            arrival.stayInstalled(nullptr, nullptr);
         } else {
-            arrival.stayInstalled();
+            arrival.stayInstalled(nullptr, nullptr);
         }
     }
 
@@ -428,7 +439,7 @@ TEST(EndOfADispatchOfNobodysSignal, KeepsNothingThatItsHandlerInstalls) {
     const SVArrival arrival(SIGUSR2);
     take(SIGUSR2);
     hostInstalls(SIGUSR2, otherHostHandler);
-    arrival.stayInstalled();
+    arrival.stayInstalled(nullptr, nullptr);
     EXPECT_EQ(recordCount(SIGUSR2), 0U);
     EXPECT_TRUE(takenOverQ(SIGUSR2));
 }
@@ -439,7 +450,7 @@ TEST_F(EndOfADispatch, InstallsOnlyOnceAlsoIfItsOwnThreadHandedTheSignalBack) {
         const SVArrival arrival(theSignal);
         handBack();
         const StretchedSigaction stretched(theSignal, When::after, [&] { ++installations; });
-        arrival.stayInstalled();
+        arrival.stayInstalled(nullptr, nullptr);
     }
     EXPECT_EQ(installations, 1U);
     EXPECT_TRUE(takenOverQ(theSignal));
@@ -451,6 +462,17 @@ TEST_F(EndOfADispatch, HidesNothingFromATakeOverInAHandlerThatInterruptsIt) {
              [this] { m_manager.handleSignal(theSignal); });
     EXPECT_NE(recordOf(theSignal, hostInformationHandler), nullptr);
     EXPECT_TRUE(takenOverQ(theSignal));
+}
+
+// The one that it is about to install is of some moments ago.
+TEST_F(EndOfADispatch, HasTheLibrarysOwnActionAsItHasBecome) {
+    dispatch([] {}, When::before,
+             [this] {
+                 hostInstalls(theSignal, otherHostHandler, SA_NODEFER);
+                 onAnotherThread([this] { m_manager.handleSignal(theSignal); });
+             });
+    EXPECT_TRUE(takenOverQ(theSignal));
+    EXPECT_NE(systemAction(theSignal).sa_flags & SA_NODEFER, 0);
 }
 
 TEST_F(EndOfADispatch, IsSeenByOthersUntilItHasLooked) {

@@ -181,7 +181,7 @@ private:
     // A signal that is still taken over makes the first manager, inside its handler.
     void beginAnew() {
         add([](ManagerPair& pair) {
-            return pair.hostInstalls(ManagerModel::ownRecord(extraSignal));
+            return pair.hostInstalls(ManagerModel().ownRecord(extraSignal));
         });
         add([](ManagerPair& pair) { return pair.deliver(extraSignal, false); });
         make(locking, true);

@@ -1,0 +1,44 @@
+// The library's own action for a signal: its handler, with what the host's handler is written for.
+//
+// A host relies on the mask and the flags that it has installed its handler with: that no other
+// handler interrupts this one, that a system call fails with EINTR, that it hears of no stopped
+// child and leaves no dead one behind. While the library stands in the handler's place, it has
+// them, too; of several handlers the union of the masks, SA_RESTART if all of them have it, and the
+// other flags if any of them has. Without a handler of the host's, nothing is held back and system
+// calls are restarted.
+//
+// They are found out when a signal is taken over, and stay until it is taken over anew. A dispatch
+// reads them outside the gate, just before it installs the library again; if they change just
+// then, the signal's count has changed before (see svownership.h), and it looks once more.
+#ifndef SORVANE_SVOWNACTION_H
+#define SORVANE_SVOWNACTION_H
+
+#include <csignal>
+
+#include "../registry/svsignaltables.h"
+
+namespace Sorvane {
+
+/// For all signal numbers; those that do not exist have the action of one that nobody had.
+namespace SVOwnAction {
+
+/// Threads: any. Signal context: any context.
+struct sigaction of(int signalNumber) noexcept;
+
+/// Follows the action that the host has for a signal that is about to be taken over, or has
+/// installed over the library; unless it is the library's own.
+/// Parameters: table, the signal's, whose pre-existing records count as well if the signal is the
+/// host's; may be null. Signal context: inside the gate.
+void follow(int signalNumber, const struct sigaction& hosts,
+            const SVSignalHandlerTable* table) noexcept;
+
+}  // namespace SVOwnAction
+
+/// Whether an action's handler is the library's own; whether it is none that the host has to get
+/// back: the library's own, the default action, or the ignoring one.
+bool svownActionQ(const struct sigaction& action) noexcept;
+bool svnobodysActionQ(const struct sigaction& action) noexcept;
+
+}  // namespace Sorvane
+
+#endif

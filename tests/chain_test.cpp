@@ -1,0 +1,166 @@
+// Chains that lead back to the library: a handler that was installed after it calls what it has
+// displaced.
+
+#include <gtest/gtest.h>
+#include <sorvane/svsignalhandlermanager.h>
+
+#include <csetjmp>
+#include <csignal>
+#include <vector>
+
+#include "support/emulation.h"
+#include "support/manager_fixture.h"
+#include "support/sanitizers.h"
+
+namespace {
+
+constexpr int theSignal = SIGUSR1;
+
+struct sigaction displaced;
+
+void chainsWithAll(int signalNumber, siginfo* information, void* context) {
+    noteCall(addressOf(chainsWithAll), signalNumber, information, context);
+    displaced.sa_sigaction(signalNumber, information, context);
+}
+
+// As one that knows only the signal's number: what else the library gets is left over.
+void chainsWithTheNumber(int signalNumber) {
+    noteCall(addressOf(chainsWithTheNumber), signalNumber);
+    displaced.sa_handler(signalNumber);
+}
+
+class Chain : public OneManagerTest {
+protected:
+    void SetUp() override {
+        if (builtWithThreadSanitizer || underValgrindQ()) {
+            GTEST_SKIP() << "handlers are not called by the kernel itself here";
+        }
+        hostInstalls(theSignal, hostInformationHandler);
+        m_manager.setHandlerFromFunction(theSignal, userHandler);
+        m_manager.setHandlerFromFunction(theSignal, otherUserHandler);
+        m_manager.startHandlingSignals();
+    }
+    ~Chain() noexcept override = default;
+
+    static void expectEachCalledOnce(void* chaining) {
+        EXPECT_EQ(callsOfAddress(chaining), 1U);
+        EXPECT_EQ(callsOf(hostInformationHandler), 1U);
+        EXPECT_EQ(callsOf(userHandler), 1U);
+        EXPECT_EQ(callsOf(otherUserHandler), 1U);
+        EXPECT_TRUE(takenOverQ(theSignal));
+        EXPECT_EQ(Manager::numberOfManagers, 1U);
+    }
+};
+
+TEST_F(Chain, CallsEachHandlerOnceIfTheSignalIsTakenOverOnceMore) {
+    struct sigaction chaining = {};
+    chaining.sa_sigaction = chainsWithAll;
+    chaining.sa_flags = SA_SIGINFO;
+    sigaction(theSignal, &chaining, &displaced);
+    m_manager.handleSignal(theSignal);
+    raise(theSignal);
+    expectEachCalledOnce(addressOf(chainsWithAll));
+}
+
+TEST_F(Chain, CallsEachHandlerOnceAlsoIfItHandsOnNothingButTheNumber) {
+    struct sigaction chaining = {};
+    chaining.sa_handler = chainsWithTheNumber;
+    sigaction(theSignal, &chaining, &displaced);
+    m_manager.handleSignal(theSignal);
+    raise(theSignal);
+    expectEachCalledOnce(addressOf(chainsWithTheNumber));
+    for (std::size_t i = 0; i < callCount(); ++i) {
+        if (callAt(i).function == addressOf(hostInformationHandler)) {
+            EXPECT_NE(callAt(i).information, nullptr);
+            EXPECT_EQ(callAt(i).informationCopy.si_signo, theSignal);
+        }
+    }
+}
+
+TEST_F(Chain, CallsEachHandlerOnceAtEveryDelivery) {
+    struct sigaction chaining = {};
+    chaining.sa_sigaction = chainsWithAll;
+    chaining.sa_flags = SA_SIGINFO;
+    sigaction(theSignal, &chaining, &displaced);
+    m_manager.stopHandlingSignals();
+    sigaction(theSignal, &chaining, nullptr);
+    m_manager.startHandlingSignals();
+    for (int delivery = 0; delivery < 3; ++delivery) {
+        forgetCalls();
+        raise(theSignal);
+        expectEachCalledOnce(addressOf(chainsWithAll));
+    }
+}
+
+// It has not been called for its own delivery before it calls.
+TEST_F(Chain, EndsAlsoIfItBeginsOutsideTheLibrary) {
+    struct sigaction chaining = {};
+    chaining.sa_sigaction = chainsWithAll;
+    chaining.sa_flags = SA_SIGINFO;
+    sigaction(theSignal, &chaining, &displaced);
+    raise(theSignal);
+    EXPECT_EQ(callsOf(chainsWithAll), 1U);
+    EXPECT_EQ(callsOf(hostInformationHandler), 1U);
+    EXPECT_EQ(callsOf(userHandler), 1U);
+    EXPECT_TRUE(takenOverQ(theSignal)) << "the dispatch has installed the library again";
+}
+
+// --- What is none --------------------------------------------------------------------------------
+
+unsigned int depth = 0;
+unsigned int deepest = 0;
+
+void isInterruptedByItsOwnSignal(int signalNumber) {
+    noteCall(addressOf(isInterruptedByItsOwnSignal), signalNumber);
+    ++depth;
+    deepest = depth > deepest ? depth : deepest;
+    if (depth < 10) {
+        const sigset_t own = setOf({signalNumber});
+        sigset_t before;
+        pthread_sigmask(SIG_UNBLOCK, &own, &before);
+        raise(signalNumber);
+        pthread_sigmask(SIG_SETMASK, &before, nullptr);
+    }
+    --depth;
+}
+
+TEST_F(Chain, IsNotADeliveryThatInterruptsTheHandlerOfAnother) {
+    m_manager.setHandlerFromFunction(theSignal, isInterruptedByItsOwnSignal);
+    raise(theSignal);
+    EXPECT_EQ(deepest, 10U);
+    EXPECT_EQ(callsOf(isInterruptedByItsOwnSignal), 10U);
+    EXPECT_EQ(callsOf(userHandler), 10U);
+    EXPECT_EQ(callsOf(hostInformationHandler), 10U);
+}
+
+void callsForAnotherSignal(int signalNumber) {
+    noteCall(addressOf(callsForAnotherSignal), signalNumber);
+    actualSignalHandler(SIGUSR2, nullptr, nullptr);
+}
+
+TEST_F(Chain, IsNotACallForAnotherSignal) {
+    m_manager.setHandlerFromFunction(SIGUSR2, otherHostHandler);
+    m_manager.setHandlerFromFunction(theSignal, callsForAnotherSignal);
+    raise(theSignal);
+    EXPECT_EQ(callsOf(otherHostHandler), 1U);
+    EXPECT_EQ(callsOf(userHandler), 1U);
+}
+
+sigjmp_buf outside;
+
+void leaves(int) {
+    siglongjmp(outside, 1);
+}
+
+TEST_F(Chain, IsNotACallAfterTheHandlerHasLeft) {
+    m_manager.setHandlerFromFunction(SIGUSR2, leaves);
+    if (sigsetjmp(outside, 1) == 0) {
+        raise(SIGUSR2);
+    }
+    m_manager.clearHandlerWithFunction(SIGUSR2, leaves);
+    m_manager.setHandlerFromFunction(SIGUSR2, otherHostHandler);
+    actualSignalHandler(SIGUSR2, nullptr, nullptr);
+    EXPECT_EQ(callsOf(otherHostHandler), 1U);
+}
+
+}  // namespace

@@ -1,0 +1,249 @@
+// What becomes of a signal whose handler has put another action in its place: the one that is still
+// to come goes to that, and not to the handler once more.
+
+#include <gtest/gtest.h>
+#include <sorvane/svsignalhandlermanager.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <functional>
+#include <vector>
+
+#include "support/child_process.h"
+#include "support/faults.h"
+#include "support/joining_thread.h"
+#include "support/manager_fixture.h"
+#include "support/sanitizers.h"
+
+namespace {
+
+// Signals end these children, and nobody wants to see their memory.
+ChildEnd inChildWithoutCore(const std::function<void()>& body) {
+    return inChild([&body] {
+        const rlimit none = {0, 0};
+        setrlimit(RLIMIT_CORE, &none);
+        body();
+    });
+}
+
+class LeftAction : public OneManagerTest {
+protected:
+    ~LeftAction() noexcept override = default;
+
+    // With a user's handler beside the host's.
+    void takeOver(int signalNumber) {
+        m_manager.setHandlerFromFunction(signalNumber, userHandler);
+        m_manager.startHandlingSignals();
+    }
+};
+
+// --- A signal that is pending --------------------------------------------------------------------
+
+void restoresTheDefaultAndRaises(int signalNumber) {
+    noteCall(addressOf(restoresTheDefaultAndRaises), signalNumber);
+    signal(signalNumber, SIG_DFL);
+    raise(signalNumber);
+}
+
+void restoresTheDefaultAndKills(int signalNumber) {
+    noteCall(addressOf(restoresTheDefaultAndKills), signalNumber);
+    signal(signalNumber, SIG_DFL);
+    kill(getpid(), signalNumber);
+}
+
+TEST_F(LeftAction, EndsTheProcessIfTheHandlerRestoresItAndRaisesItsSignal) {
+    for (const int signalNumber : {SIGTERM, SIGINT, SIGHUP, SIGABRT, SIGSEGV, SIGRTMIN}) {
+        const ChildEnd end = inChildWithoutCore([&] {
+            hostInstalls(signalNumber, restoresTheDefaultAndRaises);
+            takeOver(signalNumber);
+            raise(signalNumber);
+        });
+        EXPECT_TRUE(end.endedBySignalQ(signalNumber)) << signalNumber << ": " << end;
+        EXPECT_EQ(callsOf(restoresTheDefaultAndRaises), 1U) << signalNumber;
+        forgetCalls();
+    }
+}
+
+TEST_F(LeftAction, EndsTheProcessIfTheHandlerRestoresItAndSendsItsSignalToTheProcess) {
+    const ChildEnd end = inChildWithoutCore([&] {
+        hostInstalls(SIGTERM, restoresTheDefaultAndKills);
+        takeOver(SIGTERM);
+        raise(SIGTERM);
+    });
+    EXPECT_TRUE(end.endedBySignalQ(SIGTERM)) << end;
+    EXPECT_EQ(callsOf(restoresTheDefaultAndKills), 1U);
+}
+
+void installsAnotherAndRaises(int signalNumber) {
+    noteCall(addressOf(installsAnotherAndRaises), signalNumber);
+    hostInstalls(signalNumber, otherHostHandler);
+    raise(signalNumber);
+}
+
+TEST_F(LeftAction, GetsTheSignalThatIsPendingIfItIsAHandlerAndGivesItsPlaceUpAgain) {
+    hostInstalls(SIGUSR1, installsAnotherAndRaises);
+    takeOver(SIGUSR1);
+    raise(SIGUSR1);
+    EXPECT_EQ(callsOf(installsAnotherAndRaises), 1U);
+    EXPECT_EQ(callsOf(otherHostHandler), 1U);
+    EXPECT_EQ(callsOf(userHandler), 1U);
+    EXPECT_TRUE(takenOverQ(SIGUSR1));
+    sigset_t heldBack;
+    pthread_sigmask(SIG_BLOCK, nullptr, &heldBack);
+    EXPECT_EQ(sigismember(&heldBack, SIGUSR1), 0);
+}
+
+void ignoresAndRaises(int signalNumber) {
+    noteCall(addressOf(ignoresAndRaises), signalNumber);
+    signal(signalNumber, SIG_IGN);
+    raise(signalNumber);
+}
+
+TEST_F(LeftAction, ThatIgnoresIsFollowed) {
+    hostInstalls(SIGUSR1, ignoresAndRaises);
+    takeOver(SIGUSR1);
+    raise(SIGUSR1);
+    EXPECT_EQ(callsOf(ignoresAndRaises), 1U);
+    EXPECT_TRUE(takenOverQ(SIGUSR1));
+}
+
+void restoresTheDefault(int signalNumber) {
+    noteCall(addressOf(restoresTheDefault), signalNumber);
+    signal(signalNumber, SIG_DFL);
+}
+
+// Nothing is to come: the library is installed again, as always.
+TEST_F(LeftAction, IsGoneIfNothingIsPending) {
+    hostInstalls(SIGUSR1, restoresTheDefault);
+    takeOver(SIGUSR1);
+    for (int delivery = 0; delivery < 3; ++delivery) {
+        raise(SIGUSR1);
+        EXPECT_TRUE(takenOverQ(SIGUSR1));
+    }
+    EXPECT_EQ(callsOf(restoresTheDefault), 3U);
+}
+
+// --- A fault that comes again --------------------------------------------------------------------
+
+#define SKIP_WITHOUT_FAULTS()                                             \
+    do {                                                                  \
+        if (builtWithAddressSanitizer || builtWithThreadSanitizer) {      \
+            GTEST_SKIP() << "a sanitizer has its own opinion of a fault"; \
+        }                                                                 \
+    } while (false)
+
+TEST_F(LeftAction, EndsTheProcessIfTheHandlerRestoresItAndReturnsToTheFault) {
+    SKIP_WITHOUT_FAULTS();
+    const ChildEnd end = inChildWithoutCore([this] {
+        const ClosedPage page;
+        hostInstalls(SIGSEGV, restoresTheDefault);
+        takeOver(SIGSEGV);
+        writeTo(page.address());
+    });
+    EXPECT_TRUE(end.endedBySignalQ(SIGSEGV)) << end;
+    EXPECT_EQ(callsOf(restoresTheDefault), 1U);
+    EXPECT_EQ(callsOf(userHandler), 0U);
+}
+
+const ClosedPage* thePage = nullptr;
+
+void repairs(int signalNumber) {
+    noteCall(addressOf(repairs), signalNumber);
+    thePage->open();
+}
+
+void leavesItToOneThatRepairs(int signalNumber) {
+    noteCall(addressOf(leavesItToOneThatRepairs), signalNumber);
+    hostInstalls(signalNumber, repairs);
+}
+
+TEST_F(LeftAction, GetsTheFaultThatComesAgainIfItIsAHandler) {
+    SKIP_WITHOUT_FAULTS();
+    const ClosedPage page;
+    thePage = &page;
+    hostInstalls(SIGSEGV, leavesItToOneThatRepairs);
+    takeOver(SIGSEGV);
+    writeTo(page.address());
+    EXPECT_EQ(callsOf(leavesItToOneThatRepairs), 1U);
+    EXPECT_EQ(callsOf(repairs), 1U);
+    EXPECT_TRUE(takenOverQ(SIGSEGV));
+}
+
+const ClosedPage* otherPage = nullptr;
+unsigned int faults = 0;
+
+// As a handler does that was meant for systems on which it has to.
+void installsItselfAndRepairsTheSecondTime(int signalNumber) {
+    noteCall(addressOf(installsItselfAndRepairsTheSecondTime), signalNumber);
+    hostInstalls(signalNumber, installsItselfAndRepairsTheSecondTime);
+    if (++faults == 2) {
+        thePage->open();
+    }
+}
+
+TEST_F(LeftAction, IsNoneIfTheHandlerInstallsItself) {
+    SKIP_WITHOUT_FAULTS();
+    const ClosedPage page;
+    thePage = &page;
+    hostInstalls(SIGSEGV, installsItselfAndRepairsTheSecondTime);
+    takeOver(SIGSEGV);
+    writeTo(page.address());
+    EXPECT_EQ(callsOf(installsItselfAndRepairsTheSecondTime), 2U);
+    EXPECT_TRUE(takenOverQ(SIGSEGV));
+}
+
+// Out of habit, and repairs all the same.
+void restoresTheDefaultAndRepairs(int signalNumber) {
+    noteCall(addressOf(restoresTheDefaultAndRepairs), signalNumber);
+    signal(signalNumber, SIG_DFL);
+    thePage->open();
+    otherPage->open();
+}
+
+TEST_F(LeftAction, HasNothingToDoWithAFaultAtAnotherPlace) {
+    SKIP_WITHOUT_FAULTS();
+    const ClosedPage page;
+    const ClosedPage another;
+    thePage = &page;
+    otherPage = &another;
+    hostInstalls(SIGSEGV, restoresTheDefaultAndRepairs);
+    takeOver(SIGSEGV);
+    writeTo(page.address());
+    another.close();
+    writeTo(another.address());
+    EXPECT_EQ(readFrom(another.address()), readFrom(another.address()));
+    page.close();
+    EXPECT_EQ(readFrom(page.address()), readFrom(page.address())) << "of another instruction";
+    EXPECT_EQ(callsOf(restoresTheDefaultAndRepairs), 3U);
+    EXPECT_TRUE(takenOverQ(SIGSEGV));
+}
+
+// A signal that was sent has no instruction that brings it again.
+TEST_F(LeftAction, HasNothingToDoWithASignalThatIsSent) {
+    hostInstalls(SIGSEGV, restoresTheDefault);
+    takeOver(SIGSEGV);
+    for (int delivery = 0; delivery < 3; ++delivery) {
+        raise(SIGSEGV);
+    }
+    EXPECT_EQ(callsOf(restoresTheDefault), 3U);
+    EXPECT_TRUE(takenOverQ(SIGSEGV));
+}
+
+// The other thread has the same instruction fault at the same address.
+TEST_F(LeftAction, HasNothingToDoWithAFaultOfAnotherThread) {
+    SKIP_WITHOUT_FAULTS();
+    const ClosedPage page;
+    const ClosedPage another;
+    thePage = &page;
+    otherPage = &another;
+    hostInstalls(SIGSEGV, restoresTheDefaultAndRepairs);
+    takeOver(SIGSEGV);
+    writeTo(page.address());
+    page.close();
+    JoiningThread([&page] { writeTo(page.address()); }).join();
+    EXPECT_EQ(callsOf(restoresTheDefaultAndRepairs), 2U);
+    EXPECT_TRUE(takenOverQ(SIGSEGV));
+}
+
+}  // namespace
