@@ -492,7 +492,7 @@ TEST_F(EndOfADispatch, IsSeenByOthersUntilItHasPutBackWhatItHasDisplaced) {
             ++installations;
             seen += SVOwnership::Unsettled::anyQ(theSignal) ? 1U : 0U;
         });
-        arrival.stayInstalled();
+        arrival.stayInstalled(nullptr, nullptr);
     }
     EXPECT_EQ(installations, 2U);
     EXPECT_EQ(seen, installations);
