@@ -77,6 +77,24 @@ TEST_F(Chain, CallsEachHandlerOnceAlsoIfItHandsOnNothingButTheNumber) {
     }
 }
 
+void chainsAfterAnotherSignal(int signalNumber, siginfo* information, void* context) {
+    noteCall(addressOf(chainsAfterAnotherSignal), signalNumber, information, context);
+    raise(SIGUSR2);
+    displaced.sa_sigaction(signalNumber, information, context);
+}
+
+TEST_F(Chain, CallsEachHandlerOnceAlsoIfAnotherSignalComesBefore) {
+    m_manager.setHandlerFromFunction(SIGUSR2, otherHostHandler);
+    struct sigaction chaining = {};
+    chaining.sa_sigaction = chainsAfterAnotherSignal;
+    chaining.sa_flags = SA_SIGINFO;
+    sigaction(theSignal, &chaining, &displaced);
+    m_manager.handleSignal(theSignal);
+    raise(theSignal);
+    expectEachCalledOnce(addressOf(chainsAfterAnotherSignal));
+    EXPECT_EQ(callsOf(otherHostHandler), 1U);
+}
+
 TEST_F(Chain, CallsEachHandlerOnceAtEveryDelivery) {
     struct sigaction chaining = {};
     chaining.sa_sigaction = chainsWithAll;

@@ -146,10 +146,27 @@ TEST_F(LeftAction, EndsTheProcessIfTheHandlerRestoresItAndReturnsToTheFault) {
     EXPECT_EQ(callsOf(userHandler), 0U);
 }
 
+void ignores(int signalNumber) {
+    noteCall(addressOf(ignores), signalNumber);
+    signal(signalNumber, SIG_IGN);
+}
+
+TEST_F(LeftAction, EndsTheProcessIfTheHandlerIgnoresWhatItReturnsTo) {
+    SKIP_WITHOUT_FAULTS();
+    const ChildEnd end = inChildWithoutCore([this] {
+        const ClosedPage page;
+        hostInstalls(SIGSEGV, ignores);
+        takeOver(SIGSEGV);
+        writeTo(page.address());
+    });
+    EXPECT_TRUE(end.endedBySignalQ(SIGSEGV)) << end;
+    EXPECT_EQ(callsOf(ignores), 1U);
+}
+
 const ClosedPage* thePage = nullptr;
 
-void repairs(int signalNumber) {
-    noteCall(addressOf(repairs), signalNumber);
+void repairs(int signalNumber, siginfo* information, void* context) {
+    noteCall(addressOf(repairs), signalNumber, information, context);
     thePage->open();
 }
 
@@ -166,7 +183,10 @@ TEST_F(LeftAction, GetsTheFaultThatComesAgainIfItIsAHandler) {
     takeOver(SIGSEGV);
     writeTo(page.address());
     EXPECT_EQ(callsOf(leavesItToOneThatRepairs), 1U);
-    EXPECT_EQ(callsOf(repairs), 1U);
+    ASSERT_EQ(callsOf(repairs), 1U);
+    ASSERT_NE(lastCall().information, nullptr);
+    EXPECT_EQ(lastCall().informationCopy.si_addr, page.address());
+    EXPECT_NE(lastCall().context, nullptr);
     EXPECT_TRUE(takenOverQ(SIGSEGV));
 }
 

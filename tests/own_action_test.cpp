@@ -124,6 +124,16 @@ TEST_F(OwnAction, OfSeveralHandlersHasAllThatAnyHoldsBackAndRestartsOnlyIfAllDo)
     expectOwn(SA_NODEFER | SA_NOCLDSTOP, {SIGUSR2, SIGALRM});
 }
 
+// A registration keeps no record of what it displaces.
+TEST_F(OwnAction, OfSeveralHandlersCountsOneThatIsNotOnRecord) {
+    m_manager.startHandlingSignals();
+    hostInstallsWith(theSignal, hostHandler, SA_NOCLDSTOP, {SIGUSR2});
+    m_manager.setHandlerFromFunction(theSignal, userHandler);
+    hostInstallsWith(theSignal, otherHostHandler, SA_NODEFER, {SIGALRM});
+    m_manager.handleSignal(theSignal);
+    expectOwn(SA_NODEFER | SA_NOCLDSTOP, {SIGUSR2, SIGALRM});
+}
+
 // The first one's record stays over the stop.
 TEST_F(OwnAction, OfSeveralHandlersCountsThoseOnRecordWhenItIsTakenOverAnew) {
     hostInstallsWith(theSignal, hostHandler, SA_RESTART, {SIGUSR2});
