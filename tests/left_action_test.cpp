@@ -94,6 +94,17 @@ TEST_F(LeftAction, GetsTheSignalThatIsPendingIfItIsAHandlerAndGivesItsPlaceUpAga
     EXPECT_EQ(sigismember(&heldBack, SIGUSR1), 0);
 }
 
+// After a delivery the kernel sees to it.
+TEST_F(LeftAction, DoesNotLeaveTheSignalLetInIfTheLibraryIsCalledByHand) {
+    const BlockedSignals held{SIGUSR1};
+    hostInstalls(SIGUSR1, installsAnotherAndRaises);
+    takeOver(SIGUSR1);
+    actualSignalHandler(SIGUSR1, nullptr, nullptr);
+    sigset_t heldBack;
+    pthread_sigmask(SIG_BLOCK, nullptr, &heldBack);
+    EXPECT_EQ(sigismember(&heldBack, SIGUSR1), 1);
+}
+
 void ignoresAndRaises(int signalNumber) {
     noteCall(addressOf(ignoresAndRaises), signalNumber);
     signal(signalNumber, SIG_IGN);
@@ -232,9 +243,8 @@ TEST_F(LeftAction, HasNothingToDoWithAFaultAtAnotherPlace) {
     writeTo(page.address());
     another.close();
     writeTo(another.address());
-    EXPECT_EQ(readFrom(another.address()), readFrom(another.address()));
-    page.close();
-    EXPECT_EQ(readFrom(page.address()), readFrom(page.address())) << "of another instruction";
+    another.close();
+    EXPECT_EQ(readFrom(another.address()), 1) << "of another instruction";
     EXPECT_EQ(callsOf(restoresTheDefaultAndRepairs), 3U);
     EXPECT_TRUE(takenOverQ(SIGSEGV));
 }

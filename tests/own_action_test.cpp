@@ -199,6 +199,14 @@ TEST_F(OwnAction, FollowsTheHostsAlsoIfARegistrationTakesTheSignalOver) {
     expectOwn(SA_NODEFER, {SIGUSR2});
 }
 
+TEST_F(OwnAction, DoesNotFollowWhatARegistrationDisplacesLater) {
+    m_manager.startHandlingSignals();
+    m_manager.setHandlerFromFunction(theSignal, userHandler);
+    hostInstallsWith(theSignal, hostHandler, SA_NODEFER, {SIGUSR2});
+    m_manager.setHandlerFromFunction(theSignal, otherUserHandler);
+    expectOwn(SA_RESTART);
+}
+
 TEST_F(OwnAction, ForgetsTheHostsWhenTheSignalIsTakenOverFromNobody) {
     hostInstallsWith(theSignal, hostHandler, SA_NODEFER, {SIGUSR2});
     m_manager.handleSignal(theSignal);
