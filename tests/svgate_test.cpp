@@ -1,6 +1,7 @@
 // The gate: which signals it holds back, who waits for it, and what children find of it.
 
 #include <../registry/svgate.h>
+#include <../utilities/svsharedstate.h>
 #include <gtest/gtest.h>
 #include <linux/futex.h>
 #include <linux/seccomp.h>
@@ -225,7 +226,7 @@ TEST_F(GateTest, IsOpenBeforeAFailureIsThrown) {
     };
     const std::uint64_t before = ThreadState().heldBack();
     try {
-        SVGate::pass(fail);
+        Sorvane::svchange(nullptr, fail);
         ADD_FAILURE() << "nothing was thrown";
     } catch (const Sorvane::SVException& exception) {
         EXPECT_FALSE(SVGate::closedByThisThreadQ());
@@ -240,7 +241,8 @@ TEST_F(GateTest, IsOpenBeforeAFailureIsThrown) {
 }
 
 TEST_F(GateTest, ThrowsNothingWithoutAFailure) {
-    EXPECT_FALSE(failureOf([] { SVGate::pass([] { return SVFailure(); }); }).has_value());
+    EXPECT_FALSE(
+        failureOf([] { Sorvane::svchange(nullptr, [] { return SVFailure(); }); }).has_value());
 }
 
 // --- Other threads -------------------------------------------------------------------------------

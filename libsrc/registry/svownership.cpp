@@ -82,17 +82,8 @@ bool SVOwnership::sendsOnFirstQ(int signalNumber) noexcept {
     return true;
 }
 
-SVOwnership::Unsettled::Unsettled(int signalNumber) noexcept
-    : m_signalNumber(signalExistsQ(signalNumber) ? signalNumber : 0) {
-    unsettled[m_signalNumber].fetch_add(1);
-}
-
-SVOwnership::Unsettled::~Unsettled() {
-    unsettled[m_signalNumber].fetch_sub(1);
-}
-
-bool SVOwnership::Unsettled::anyQ(int signalNumber) noexcept {
-    return unsettled[signalExistsQ(signalNumber) ? signalNumber : 0].load() != 0;
+std::atomic<unsigned int>& SVOwnership::Unsettled::timesOf(int signalNumber) noexcept {
+    return unsettled[signalExistsQ(signalNumber) ? signalNumber : 0];
 }
 
 // As the operating system tells them: the C library has a flag for its own way back from a handler,

@@ -93,16 +93,18 @@ bool sendsOnFirstQ(int signalNumber) noexcept;
 /// a forked child. Signal context: any.
 class Unsettled {
 public:
-    explicit Unsettled(int signalNumber) noexcept;
+    explicit Unsettled(int signalNumber) noexcept : m_times(timesOf(signalNumber)) { ++m_times; }
     Unsettled(const Unsettled&) = delete;
     Unsettled& operator=(const Unsettled&) = delete;
-    ~Unsettled();
+    ~Unsettled() { --m_times; }
 
-    /// Whether there is one, which may hide what the host has.
-    static bool anyQ(int signalNumber) noexcept;
+    /// Whether a signal is, so that the library may hide what the host has.
+    static bool anyQ(int signalNumber) noexcept { return timesOf(signalNumber) != 0; }
 
 private:
-    const int m_signalNumber;
+    static std::atomic<unsigned int>& timesOf(int signalNumber) noexcept;
+
+    std::atomic<unsigned int>& m_times;
 };
 
 }  // namespace SVOwnership

@@ -31,8 +31,6 @@ class SVRegistry {
 public:
     /// Parameters: place, where the published tables are; null for none.
     constexpr explicit SVRegistry(SVSignalTable*& place) noexcept : m_place(place) {}
-    SVRegistry(const SVRegistry&) = delete;
-    SVRegistry& operator=(const SVRegistry&) = delete;
 
     /// Publishes empty tables. There are still none if there is no memory.
     void begin() noexcept;
@@ -75,6 +73,7 @@ private:
     bool retiredTablesHaveQ(int key, const SVSignalHandlerTable* table) const noexcept;
     bool retireFor(SVSignalTable* successor) noexcept;
     bool leaveToReaders() noexcept;
+    void release(SVSignalTable* tables) noexcept;
     void releaseWhatNobodyReads() noexcept;
 
     SVSignalTable*& m_place;

@@ -80,20 +80,8 @@ void SVArrival::stayInstalled() const {
     struct sigaction displaced;
     SVSystemActions::install(m_signalNumber, svownAction, displaced).throwIfAny();
     if (ownerChangedQ()) {
-        SVGate::pass([&] { return settle(displaced, before); });
+        svchange(nullptr, [&] { return settle(displaced, before); });
     }
-}
-
-// Another dispatch may have put the host's action back.
-SVFailure SVArrival::takeBack() const {
-    struct sigaction current;
-    return SVSystemActions::ask(m_signalNumber, current).then([&] {
-        if (!svownActionQ(current)) {
-            return SVSystemActions::takeOver(m_signalNumber, current);
-        }
-        SVOwnership::take(m_signalNumber);
-        return SVFailure();
-    });
 }
 
 // The signal has changed hands, and the library was installed all the same. What is done:
@@ -107,7 +95,13 @@ SVFailure SVArrival::takeBack() const {
 SVFailure SVArrival::settle(const struct sigaction& displaced, SVOwnership::Count before) const {
     struct sigaction current;
     if (SVOwnership::handedBackByThisThreadQ(m_signalNumber)) {
-        return takeBack();
+        // Another dispatch may have put the host's action back.
+        SVOwnership::take(m_signalNumber);
+        return SVSystemActions::ask(m_signalNumber, current).then([&] {
+            return svownActionQ(current)
+                       ? SVFailure()
+                       : SVSystemActions::install(m_signalNumber, svownAction, current);
+        });
     }
     if (svownActionQ(displaced)) {
         return SVFailure();

@@ -26,7 +26,6 @@ public:
     void stayInstalled() const;
 
 private:
-    SVFailure takeBack() const;
     SVFailure settle(const struct sigaction& displaced, SVOwnership::Count before) const;
 
     const int m_signalNumber;

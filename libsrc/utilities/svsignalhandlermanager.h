@@ -190,8 +190,6 @@ private:
 
     SVFailure tearDownIf(bool last);
     SVMutexHandle* lockHandle() const;
-    SVMutexHandle* lock() const;
-    static void unlock(SVMutexHandle* handle);
 
     const bool m_locking;
     const bool m_dispatching;

@@ -15,11 +15,10 @@ namespace {
 constexpr unsigned int lineSigactionFailed = 346;
 
 SVFailure failureOf(int result) noexcept {
-    if (result == 0) {
-        return SVFailure();
-    }
-    return svmanagerFailure("installHandlerInSystem caught an error from sigaction.",
-                            lineSigactionFailed, svexceptionOperatingSystemCallFailed, errno);
+    return result == 0
+               ? SVFailure()
+               : svmanagerFailure("installHandlerInSystem caught an error from sigaction.",
+                                  lineSigactionFailed, svexceptionOperatingSystemCallFailed, errno);
 }
 
 }  // namespace

@@ -1,5 +1,8 @@
 // Taking signals over and handing them back, and the dispositions that say which ones.
 
+#include <optional>
+#include <utility>
+
 #include "../registry/svownership.h"
 #include "svsharedstate.h"
 #include "svsignalhandlermanager.h"
@@ -107,12 +110,12 @@ void SVSignalHandlerManager::startHandlingSignals() {
     if (svshared(currentlyHandlingSignals).load()) {
         return;
     }
-    SVMutexHandle* handle = lock();
+    std::optional<SVLocked> scope(std::in_place, lockHandle());
     svforEachSignal([&](int signalNumber) {
         if (hasRecordsQ(SVTablesPin().tableOf(signalNumber))) {
-            unlock(handle);
+            scope.reset();
             handleSignal(signalNumber);
-            handle = lock();
+            scope.emplace(lockHandle());
         }
     });
     SVFailure failure;
@@ -120,12 +123,9 @@ void SVSignalHandlerManager::startHandlingSignals() {
         const SVGate::SignalsHeldBack signalsHeldBack;
         {
             const SVGate::Closed gate;
-            failure = takeOverRest();
-            if (!failure) {
-                svshared(currentlyHandlingSignals).store(true);
-            }
+            failure = takeOverRest().then([] { svshared(currentlyHandlingSignals).store(true); });
         }
-        unlock(handle);
+        scope.reset();
     }
     failure.throwIfAny();
 }
@@ -147,10 +147,7 @@ void SVSignalHandlerManager::stopHandlingSignals() {
                 failure = handBack(signalNumber, ignoreHandler(signalNumber));
             }
         });
-        if (!failure) {
-            svshared(currentlyHandlingSignals).store(false);
-        }
-        return failure;
+        return failure.then([] { svshared(currentlyHandlingSignals).store(false); });
     });
 }
 
