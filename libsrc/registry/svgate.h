@@ -90,8 +90,6 @@ public:
     class Closed {
     public:
         Closed() noexcept;
-        Closed(const Closed&) = delete;
-        Closed& operator=(const Closed&) = delete;
         ~Closed();
 
     private:

@@ -8,6 +8,7 @@
 namespace Sorvane {
 
 constinit std::atomic<SVOwnership::Count> SVOwnership::counts[highestSignal + 1];
+constinit std::atomic<unsigned int> SVOwnership::Unsettled::times[highestSignal + 1];
 
 namespace {
 
@@ -27,8 +28,6 @@ struct SentOn {
 };
 constexpr unsigned int sentOnCount = 64;
 constinit SentOn sentOn[sentOnCount] = {};
-
-constinit std::atomic<unsigned int> unsettled[highestSignal + 1];
 
 SentOn& placeOf(const void* thread, int signalNumber) noexcept {
     const auto bits = static_cast<unsigned int>(reinterpret_cast<std::uintptr_t>(thread) >> 12U);
@@ -80,10 +79,6 @@ bool SVOwnership::sendsOnFirstQ(int signalNumber) noexcept {
     }
     last = SentOn{thread, now};
     return true;
-}
-
-std::atomic<unsigned int>& SVOwnership::Unsettled::timesOf(int signalNumber) noexcept {
-    return unsettled[signalExistsQ(signalNumber) ? signalNumber : 0];
 }
 
 // As the operating system tells them: the C library has a flag for its own way back from a handler,

@@ -102,7 +102,11 @@ public:
     static bool anyQ(int signalNumber) noexcept { return timesOf(signalNumber) != 0; }
 
 private:
-    static std::atomic<unsigned int>& timesOf(int signalNumber) noexcept;
+    static std::atomic<unsigned int>& timesOf(int signalNumber) noexcept {
+        return times[signalExistsQ(signalNumber) ? signalNumber : 0];
+    }
+
+    static std::atomic<unsigned int> times[highestSignal + 1];
 
     std::atomic<unsigned int>& m_times;
 };

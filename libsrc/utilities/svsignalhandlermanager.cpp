@@ -116,10 +116,10 @@ SVSignalHandlerManager::SVSignalHandlerManager(Dispatching)
 // A failure of the last manager's leaves the lock held, because the state that it guards is then
 // not one that others should go on with.
 SVSignalHandlerManager::~SVSignalHandlerManager() noexcept(false) {
-    const auto endOfOther = [this] { return tearDownIf(uncount() == 0); };
-    const SVFailure failure = m_dispatching
-                                  ? tearDownIf(svshared(numberOfManagers).fetch_sub(1) == 1)
-                                  : svunderLock(lockHandle(), true, endOfOther);
+    const auto end = [this](unsigned int left) { return left == 0 ? tearDown() : SVFailure(); };
+    const SVFailure failure =
+        m_dispatching ? end(svshared(numberOfManagers).fetch_sub(1) - 1)
+                      : svunderLock(lockHandle(), true, [&end] { return end(uncount()); });
     if (m_locking) {
         endUseOfLock(!failure);
     }
@@ -130,8 +130,8 @@ SVSignalHandlerManager::~SVSignalHandlerManager() noexcept(false) {
 // is closed until it is open again: all of it is one change. A dispatch inside the gate leaves it
 // to whom it has interrupted. Others may have made managers since the last one was, and destroyed
 // them again.
-SVFailure SVSignalHandlerManager::tearDownIf(bool last) {
-    if (!last || !svshared(currentlyHandlingSignals).load() || SVGate::closedByThisThreadQ()) {
+SVFailure SVSignalHandlerManager::tearDown() {
+    if (!svshared(currentlyHandlingSignals).load() || SVGate::closedByThisThreadQ()) {
         return SVFailure();
     }
     const SVLocked scope(lockHandle());

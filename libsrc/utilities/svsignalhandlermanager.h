@@ -188,7 +188,7 @@ private:
     struct Dispatching {};
     explicit SVSignalHandlerManager(Dispatching);
 
-    SVFailure tearDownIf(bool last);
+    SVFailure tearDown();
     SVMutexHandle* lockHandle() const;
 
     const bool m_locking;

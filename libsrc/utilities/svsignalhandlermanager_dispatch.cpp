@@ -42,35 +42,44 @@ public:
 private:
     using Slot = SVSignalHandlerTable::Entry;
 
-    // Calls what a test lets through, in slot order. A copy is called, so that a handler that
-    // changes its own registration does not pull the record away from under the call.
-    template <typename Test>
-    [[gnu::noinline]] void call(void* information, void* context, Test test) {
-        if (m_table == nullptr) {
-            return;
-        }
-        const Slot* slot = m_table->table;
-        for (const Slot* end = slot + m_table->mask + 1; slot != end; ++slot) {
+    // Calls what a test lets through, in slot order, from a slot on. A copy is called, so that a
+    // handler that changes its own registration does not pull the record away from under the call.
+    // Parameters: leftBehind, whether in what is published the records stand elsewhere.
+    template <bool leftBehind, typename Test>
+    [[gnu::noinline]] void callFrom(const Slot* slot, void* information, void* context, Test test) {
+        for (const Slot* end = m_table->table + m_table->mask + 1; slot != end; ++slot) {
             if (slot->state != svslotOccupied) {
                 continue;
             }
             SVSignalHandler record(slot->value);
-            if (test(record) && !(m_leftBehind && clearedQ(slot->key))) {
-                record(information, context);
-                m_leftBehind = !m_pin.publishedQ() && !follow(slot, end);
+            if (!test(record) || (leftBehind && clearedQ(slot->key))) {
+                continue;
             }
+            record(information, context);
+            if (!leftBehind && !m_pin.publishedQ()) {
+                const auto place = slot - m_table->table;
+                if (!follow()) {
+                    return callFrom<true>(slot + 1, information, context, test);
+                }
+                slot = m_table->table + place;
+                end = m_table->table + m_table->mask + 1;
+            }
+        }
+    }
+    template <typename Test>
+    void call(void* information, void* context, Test test) {
+        if (m_table != nullptr) {
+            callFrom<false>(m_table->table, information, context, test);
         }
     }
 
     // Goes on with what is published now, if the records there stand in the same slots.
-    bool follow(const Slot*& slot, const Slot*& end) noexcept {
+    [[gnu::noinline]] bool follow() noexcept {
         SVTablesPin now;
         SVSignalHandlerTable* const table = now.tableOf(m_signalNumber);
         if (endedQ() || table == nullptr || !svsameSlotsQ(*m_table, *table)) {
             return false;
         }
-        slot = table->table + (slot - m_table->table);
-        end = table->table + table->mask + 1;
         m_table = table;
         m_pin.swap(now);
         return true;
@@ -79,7 +88,7 @@ private:
     // Whoever clears a handler whose turn has not come does not see it called any more: its module
     // may be about to go. The end of the whole registry is no clearing. A record is looked for slot
     // by slot, because a key behind a cleared one is not found by its hash any more.
-    bool clearedQ(const void* function) const noexcept {
+    [[gnu::noinline]] bool clearedQ(const void* function) const noexcept {
         const SVTablesPin now;
         const auto sameQ = [function](const SVSignalHandler& record) {
             return record.getHandlerFunction() == function;
@@ -92,7 +101,6 @@ private:
     SVTablesPin m_pin;
     const int m_signalNumber;
     SVSignalHandlerTable* m_table;
-    bool m_leftBehind = false;  ///< by what is published, in which the records stand elsewhere
 };
 
 // One attempt at a dispatch. What is to be called is decided from what is published at one instant,

@@ -1,7 +1,6 @@
 // Taking signals over and handing them back, and the dispositions that say which ones.
 
 #include <optional>
-#include <utility>
 
 #include "../registry/svownership.h"
 #include "svsharedstate.h"
@@ -39,18 +38,16 @@ SVFailure swap(int signalNumber) noexcept {
     struct sigaction host;
     struct sigaction displaced;
     bool kept = false;
-    SVFailure failure = askForActionOfHost(signalNumber, host).then([&] {
-        return svkeepOnRecord(signalNumber, host, kept);
+    const auto keep = [&] { return svkeepOnRecord(signalNumber, host, kept); };
+    return askForActionOfHost(signalNumber, host).then(keep).then([&] {
+        const SVFailure failure = SVSystemActions::takeOver(signalNumber, displaced);
+        const bool replaced =
+            !failure && !svownActionQ(displaced) && !svsameActionQ(displaced, host);
+        if (kept && (failure || replaced)) {
+            svregistry.remove(signalNumber, reinterpret_cast<void*>(host.sa_sigaction), noTable);
+        }
+        return replaced ? svkeepOnRecord(signalNumber, displaced, kept) : failure;
     });
-    if (failure) {
-        return failure;
-    }
-    failure = SVSystemActions::takeOver(signalNumber, displaced);
-    const bool replaced = !failure && !svownActionQ(displaced) && !svsameActionQ(displaced, host);
-    if (kept && (failure || replaced)) {
-        svregistry.remove(signalNumber, reinterpret_cast<void*>(host.sa_sigaction), noTable);
-    }
-    return replaced ? svkeepOnRecord(signalNumber, displaced, kept) : failure;
 }
 
 SVFailure takeOver(int signalNumber) noexcept {
@@ -110,7 +107,7 @@ void SVSignalHandlerManager::startHandlingSignals() {
     if (svshared(currentlyHandlingSignals).load()) {
         return;
     }
-    std::optional<SVLocked> scope(std::in_place, lockHandle());
+    auto scope = std::make_optional<SVLocked>(lockHandle());
     svforEachSignal([&](int signalNumber) {
         if (hasRecordsQ(SVTablesPin().tableOf(signalNumber))) {
             scope.reset();
