@@ -203,12 +203,12 @@ template <typename Make>
 SVFailure SVRegistry::change(int signalNumber, bool inPlace, const SVFailure& noTable,
                              Make make) noexcept {
     return detach(signalNumber, noTable).then([&] {
-        SVSignalHandlerTable*& place = m_place->get(signalKey(signalNumber))->value;
+        SVSignalHandlerTable*& table = m_place->get(signalKey(signalNumber))->value;
         if (!inPlace) {
-            return changeOutOfSight(place, make);
+            return changeOutOfSight(table, make);
         }
-        letPointTo(beingChanged, place);
-        make(*place);
+        letPointTo(beingChanged, table);
+        make(*table);
         letPointTo(beingChanged, nullptr);
         return SVFailure();
     });

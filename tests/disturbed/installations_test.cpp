@@ -106,6 +106,26 @@ TEST_F(RefusedInstallation, OfATakeOverLeavesARecordThatWasThereBefore) {
     EXPECT_NE(recordOf(theSignal, hostHandler), nullptr);
 }
 
+// Which is no handler that the host had, and has a record all the same.
+TEST_F(RefusedInstallation, OfATakeOverLeavesAUsersRecordOfTheDefaultAction) {
+    m_manager.setHandlerFromFunction(theSignal, SIG_DFL);
+    expectRefusal([this] {
+        refuse(theSignal);
+        m_manager.handleSignal(theSignal);
+    });
+    EXPECT_EQ(recordCount(theSignal), 1U);
+}
+
+TEST_F(RefusedInstallation, OfAHandBackOfWhatTheHostHasLeavesItTheHosts) {
+    makeTableOf(m_manager, theSignal);
+    expectRefusal([this] {
+        refuse(theSignal);
+        m_manager.stopHandlingSignal(theSignal);
+    });
+    EXPECT_TRUE(defaultInSystemQ(theSignal));
+    EXPECT_FALSE(Sorvane::SVOwnership::librarysQ(theSignal));
+}
+
 TEST_F(RefusedInstallation, OfAHandBackLeavesTheSignalTakenOver) {
     hostInstalls(theSignal, hostHandler);
     m_manager.handleSignal(theSignal);
