@@ -204,7 +204,7 @@ SVFailure SVRegistry::change(int signalNumber, bool inPlace, const SVFailure& no
                              Make make) noexcept {
     return detach(signalNumber, noTable).then([&] {
         SVSignalHandlerTable*& table = m_place->get(signalKey(signalNumber))->value;
-        if (!inPlace) {
+        if (!inPlace) {  // GCOVR_EXCL_BR_LINE: a removal always is
             return changeOutOfSight(table, make);
         }
         letPointTo(beingChanged, table);
