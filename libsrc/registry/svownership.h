@@ -16,8 +16,9 @@
 //   signal belongs by now. It is sent on, as it came, to the same thread, once for each count.
 //   Should it come here again all the same, somebody has called the library by hand, and has an
 //   ordinary dispatch. If the library is what is installed, another dispatch may have done that and
-//   not looked at the count yet; then the host's action is put back first. Without such a dispatch
-//   it was installed by hand, and the signal is the library's again.
+//   not looked at the count yet; such dispatches are counted (see Unsettled). Then the host's
+//   action is put back first. Without one the library was installed by hand, and the signal is its
+//   own again.
 // - Otherwise the records are called, the library is installed again, and the count is read once
 //   more. If it has not changed, nobody has handed the signal back before that installation. If it
 //   has, the rest is done inside the gate: what the installation displaced is put back, as it is
@@ -98,7 +99,7 @@ public:
     Unsettled& operator=(const Unsettled&) = delete;
     ~Unsettled() { --m_times; }
 
-    /// Whether a signal is, so that the library may hide what the host has.
+    /// Whether there is one for a signal, so that the library may hide what the host has.
     static bool anyQ(int signalNumber) noexcept { return timesOf(signalNumber) != 0; }
 
 private:

@@ -88,8 +88,7 @@ void SVArrival::stayInstalled() const {
 // - This thread handed it back, in a handler: that is undone.
 // - It was the library that was displaced: whoever displaced the host's action puts that back.
 // - The library has it again: what was displaced is the host's, and was hidden from whoever took
-// the
-//   signal over, unless it is older than the last hand-back. So it is put on record.
+//   the signal over, unless it is older than the last hand-back. So it is put on record.
 // - It is the host's: what was displaced is put back, or what the signal was handed back to if that
 //   is newer; but not over what the host has installed since.
 SVFailure SVArrival::settle(const struct sigaction& displaced, SVOwnership::Count before) const {

@@ -1,5 +1,5 @@
-// What the manager's operations share: the registry on the manager's own tables, and how its shared
-// members are read while other threads change them.
+// What the manager's operations share: the registry on the manager's own tables, how its shared
+// members are read while other threads change them, and how an operation changes them.
 #ifndef SORVANE_SVSHAREDSTATE_H
 #define SORVANE_SVSHAREDSTATE_H
 

@@ -73,7 +73,8 @@ private:
         }
     }
 
-    // Goes on with what is published now, if the records there stand in the same slots.
+    // Goes on with what is published now, if the records there stand in the same slots. This and
+    // the next one are rarely needed, and kept out of the loop.
     [[gnu::noinline]] bool follow() noexcept {
         SVTablesPin now;
         SVSignalHandlerTable* const table = now.tableOf(m_signalNumber);

@@ -45,6 +45,7 @@ SVFailure SVSystemActions::handBack(SVSignalHandler& record) noexcept {
     const bool librarys = SVOwnership::librarysQ(signalNumber);
     const struct sigaction action = record.getOSStruct();
     struct sigaction previous;
+    // A trapped system call's handler may come in between, for this very signal.
     const SVOwnership::Unsettled unsettled(signalNumber);
     SVOwnership::beginHandBack(signalNumber, action);
     const SVFailure failure = install(signalNumber, action, previous);
