@@ -84,7 +84,9 @@ protected:
     }
     bool remove(int signalNumber, std::uintptr_t address) {
         const SVGate gate;
-        return !m_registry.remove(signalNumber, functionAt(address), noTable);
+        return !m_registry.detach(signalNumber, noTable).then([&] {
+            m_registry.remove(signalNumber, functionAt(address));
+        });
     }
     void end() {
         const SVGate gate;
@@ -317,7 +319,7 @@ TEST_F(RegistryStepped, ChangesATableInItsPlaceIfNobodyReads) {
     const SVSignalHandler record = recordOf(SIGUSR1, 2);
     step([&] {
         m_registry.store(record, noTable);
-        m_registry.remove(SIGUSR1, functionAt(1), noTable);
+        m_registry.remove(SIGUSR1, functionAt(1));
     });
     EXPECT_EQ(watched.elsewhere, 0U);
 }
@@ -373,7 +375,7 @@ TEST_F(RegistryStepped, IsCountedRightInAChildAtAnyInstruction) {
     step(
         [&] {
             m_registry.store(record, noTable);
-            m_registry.remove(SIGUSR1, functionAt(7), noTable);
+            m_registry.remove(SIGUSR1, functionAt(7));
         },
         splitAChildOff);
     EXPECT_EQ(tableOf(SIGUSR1)->used, 3U);
@@ -397,7 +399,7 @@ void splitAChildOffThatReads(int) {
             registryOfChild->store(recordOf(SIGUSR1, address), noTable);
         }
         for (std::uintptr_t address = 10; address < 20; ++address) {
-            registryOfChild->remove(SIGUSR1, functionAt(address), noTable);
+            registryOfChild->remove(SIGUSR1, functionAt(address));
         }
         _exit(std::memcmp(before, static_cast<const void*>(table->smalltable), sizeof(before)) == 0
                   ? 0

@@ -73,6 +73,14 @@ SVFailure changeOutOfSight(Table*& place, Make make) noexcept {
     return failure && standIn != nullptr ? make(*table) : failure;
 }
 
+// Makes a change that is one store, and tells meanwhile whose counts follow it.
+template <typename Make>
+void changeInPlace(SVSignalHandlerTable* table, Make make) noexcept {
+    letPointTo(beingChanged, table);
+    make(*table);
+    letPointTo(beingChanged, nullptr);
+}
+
 }  // namespace
 
 void SVRegistry::begin() noexcept {
@@ -199,21 +207,6 @@ SVFailure SVRegistry::detach(int signalNumber, const SVFailure& noTable) noexcep
     return SVFailure();
 }
 
-template <typename Make>
-SVFailure SVRegistry::change(int signalNumber, bool inPlace, const SVFailure& noTable,
-                             Make make) noexcept {
-    return detach(signalNumber, noTable).then([&] {
-        SVSignalHandlerTable*& table = m_place->get(signalKey(signalNumber))->value;
-        if (!inPlace) {  // GCOVR_EXCL_BR_LINE: a removal always is
-            return changeOutOfSight(table, make);
-        }
-        letPointTo(beingChanged, table);
-        make(*table);
-        letPointTo(beingChanged, nullptr);
-        return SVFailure();
-    });
-}
-
 void SVRegistry::countAnew() noexcept {
     if (beingChanged != nullptr) {
         beingChanged->used = 0;
@@ -230,17 +223,22 @@ void SVRegistry::countAnew() noexcept {
 SVFailure SVRegistry::store(const SVSignalHandler& record, const SVFailure& noTable) noexcept {
     const int signalNumber = record.getSignalNumber();
     void* const function = record.getHandlerFunction();
-    const SVSignalHandlerTable* const table = tableOf(signalNumber);
-    return change(
-        signalNumber, !table->has_key(function) && !table->growsWithQ(function), noTable,
-        [&](SVSignalHandlerTable& changed) { return changed.tryInsert(function, record); });
-}
-
-SVFailure SVRegistry::remove(int signalNumber, void* function, const SVFailure& noTable) noexcept {
-    return change(signalNumber, true, noTable, [&](SVSignalHandlerTable& changed) {
-        changed.remove(function);
+    return detach(signalNumber, noTable).then([&] {
+        SVSignalHandlerTable*& table = m_place->get(signalKey(signalNumber))->value;
+        const auto insert = [&](SVSignalHandlerTable& changed) {
+            return changed.tryInsert(function, record);
+        };
+        if (table->has_key(function) || table->growsWithQ(function)) {
+            return changeOutOfSight(table, insert);
+        }
+        changeInPlace(table, insert);
         return SVFailure();
     });
+}
+
+void SVRegistry::remove(int signalNumber, void* function) noexcept {
+    changeInPlace(tableOf(signalNumber),
+                  [function](SVSignalHandlerTable& changed) { changed.remove(function); });
 }
 
 // Only a rebuild empties a slot, and only a rebuild moves a key to another one.

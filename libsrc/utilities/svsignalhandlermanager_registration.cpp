@@ -44,7 +44,7 @@ SVFailure clear(SVSignalHandler& record) noexcept {
     // The memory for the removal is had first: what has been handed back can't be had again.
     return svregistry.detach(signalNumber, noTable)
         .then([&] { return goesBack ? SVSystemActions::handBack(record) : SVFailure(); })
-        .then([&] { return svregistry.remove(signalNumber, function, noTable); });
+        .then([&] { svregistry.remove(signalNumber, function); });
 }
 
 }  // namespace

@@ -44,7 +44,7 @@ SVFailure swap(int signalNumber) noexcept {
         const bool replaced =
             !failure && !svownActionQ(displaced) && !svsameActionQ(displaced, host);
         if (kept && (failure || replaced)) {
-            svregistry.remove(signalNumber, reinterpret_cast<void*>(host.sa_sigaction), noTable);
+            svregistry.remove(signalNumber, reinterpret_cast<void*>(host.sa_sigaction));
         }
         return replaced ? svkeepOnRecord(signalNumber, displaced, kept) : failure;
     });
