@@ -334,11 +334,23 @@ bool countedRightQ(const SVSignalHandlerTable& table) {
     return table.used == used && table.fill == fill;
 }
 
-// A child in which nobody goes on with the change.
-void splitAChildOff(int) {
+// A child that tells whether all is right in it.
+template <typename Body>
+void splitOff(Body body) {
     ++watched.steps;
     const pid_t child = fork();
     if (child == 0) {
+        _exit(body() ? 0 : 1);
+    }
+    int status = 1;
+    while (waitpid(child, &status, 0) < 0 && errno == EINTR) {
+    }
+    watched.wrong += status == 0 ? 0U : 1U;
+}
+
+// Nobody goes on with the change there.
+void splitAChildOff(int) {
+    splitOff([] {
         SVSignalHandlerTable* const table = watched.table;
         SVRegistry::countAnew();
         const bool right = countedRightQ(*table);
@@ -346,12 +358,8 @@ void splitAChildOff(int) {
         table->used += 10;
         SVRegistry::countAnew();
         table->used -= 10;
-        _exit(right && countedRightQ(*table) ? 0 : 1);
-    }
-    int status = 1;
-    while (waitpid(child, &status, 0) < 0 && errno == EINTR) {
-    }
-    watched.wrong += status == 0 ? 0U : 1U;
+        return right && countedRightQ(*table);
+    });
 }
 
 TEST_F(RegistryStepped, ChangesATableInItsPlaceWithoutMemoryForAStandIn) {
@@ -388,9 +396,7 @@ const SVSignalTable* tablesBeingRead = nullptr;
 SVRegistry* registryOfChild = nullptr;
 
 void splitAChildOffThatReads(int) {
-    ++watched.steps;
-    const pid_t child = fork();
-    if (child == 0) {
+    splitOff([] {
         SVRegistry::countAnew();
         const SVSignalHandlerTable* const table = tablesBeingRead->get(signalKey(SIGUSR1))->value;
         unsigned char before[sizeof(table->smalltable)];
@@ -401,14 +407,9 @@ void splitAChildOffThatReads(int) {
         for (std::uintptr_t address = 10; address < 20; ++address) {
             registryOfChild->remove(SIGUSR1, functionAt(address));
         }
-        _exit(std::memcmp(before, static_cast<const void*>(table->smalltable), sizeof(before)) == 0
-                  ? 0
-                  : 1);
-    }
-    int status = 1;
-    while (waitpid(child, &status, 0) < 0 && errno == EINTR) {
-    }
-    watched.wrong += status == 0 ? 0U : 1U;
+        return std::memcmp(before, static_cast<const void*>(table->smalltable), sizeof(before)) ==
+               0;
+    });
 }
 
 TEST_F(RegistryStepped, LeavesToAReaderWhatItReadsInAChildThatIsSplitOffAtAnyInstruction) {
