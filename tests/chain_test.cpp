@@ -164,6 +164,30 @@ TEST_F(Chain, IsNotACallForAnotherSignal) {
     EXPECT_EQ(callsOf(userHandler), 1U);
 }
 
+void isInterruptedThroughOneThatChains(int signalNumber) {
+    noteCall(addressOf(isInterruptedThroughOneThatChains), signalNumber);
+    if (callsOf(isInterruptedThroughOneThatChains) == 1) {
+        struct sigaction chaining = {};
+        chaining.sa_sigaction = chainsWithAll;
+        chaining.sa_flags = SA_SIGINFO;
+        sigaction(signalNumber, &chaining, &displaced);
+        const sigset_t own = setOf({signalNumber});
+        sigset_t before;
+        pthread_sigmask(SIG_UNBLOCK, &own, &before);
+        raise(signalNumber);
+        pthread_sigmask(SIG_SETMASK, &before, nullptr);
+    }
+}
+
+TEST_F(Chain, IsNotADeliveryThatComesThroughAnotherOneThatChains) {
+    m_manager.setHandlerFromFunction(theSignal, isInterruptedThroughOneThatChains);
+    raise(theSignal);
+    EXPECT_EQ(callsOf(chainsWithAll), 1U);
+    EXPECT_EQ(callsOf(isInterruptedThroughOneThatChains), 2U);
+    EXPECT_EQ(callsOf(userHandler), 2U);
+    EXPECT_EQ(callsOf(hostInformationHandler), 2U);
+}
+
 sigjmp_buf outside;
 
 void leaves(int) {
@@ -179,6 +203,23 @@ TEST_F(Chain, IsNotACallAfterTheHandlerHasLeft) {
     m_manager.setHandlerFromFunction(SIGUSR2, otherHostHandler);
     actualSignalHandler(SIGUSR2, nullptr, nullptr);
     EXPECT_EQ(callsOf(otherHostHandler), 1U);
+}
+
+TEST_F(Chain, IsNotADeliveryThatComesThroughOneThatChainsAfterTheHandlerHasLeft) {
+    m_manager.setHandlerFromFunction(theSignal, leaves);
+    if (sigsetjmp(outside, 1) == 0) {
+        raise(theSignal);
+    }
+    m_manager.clearHandlerWithFunction(theSignal, leaves);
+    forgetCalls();
+    struct sigaction chaining = {};
+    chaining.sa_sigaction = chainsWithAll;
+    chaining.sa_flags = SA_SIGINFO;
+    sigaction(theSignal, &chaining, &displaced);
+    raise(theSignal);
+    EXPECT_EQ(callsOf(chainsWithAll), 1U);
+    EXPECT_EQ(callsOf(hostInformationHandler), 1U);
+    EXPECT_EQ(callsOf(userHandler), 1U);
 }
 
 }  // namespace

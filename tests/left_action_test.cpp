@@ -94,15 +94,41 @@ TEST_F(LeftAction, GetsTheSignalThatIsPendingIfItIsAHandlerAndGivesItsPlaceUpAga
     EXPECT_EQ(sigismember(&heldBack, SIGUSR1), 0);
 }
 
-// After a delivery the kernel sees to it.
-TEST_F(LeftAction, DoesNotLeaveTheSignalLetInIfTheLibraryIsCalledByHand) {
-    const BlockedSignals held{SIGUSR1};
+// Who calls it holds the signal back on purpose.
+TEST_F(LeftAction, GetsNoPendingSignalAtTheEndOfACallByHand) {
     hostInstalls(SIGUSR1, installsAnotherAndRaises);
     takeOver(SIGUSR1);
-    actualSignalHandler(SIGUSR1, nullptr, nullptr);
-    sigset_t heldBack;
-    pthread_sigmask(SIG_BLOCK, nullptr, &heldBack);
-    EXPECT_EQ(sigismember(&heldBack, SIGUSR1), 1);
+    {
+        const BlockedSignals held{SIGUSR1};
+        actualSignalHandler(SIGUSR1, nullptr, nullptr);
+        EXPECT_EQ(callsOf(otherHostHandler), 0U);
+        EXPECT_TRUE(takenOverQ(SIGUSR1));
+        sigset_t pending;
+        sigpending(&pending);
+        EXPECT_EQ(sigismember(&pending, SIGUSR1), 1);
+    }
+    EXPECT_EQ(callsOf(installsAnotherAndRaises), 2U);
+    EXPECT_EQ(callsOf(otherHostHandler), 1U);
+}
+
+unsigned int times = 0;
+
+// As one does that was meant for systems on which it has to.
+void installsItselfAndRaisesOnce(int signalNumber) {
+    noteCall(addressOf(installsItselfAndRaisesOnce), signalNumber);
+    hostInstalls(signalNumber, installsItselfAndRaisesOnce);
+    if (++times == 1) {
+        raise(signalNumber);
+    }
+}
+
+TEST_F(LeftAction, IsNoneForTheSignalThatIsPendingIfTheHandlerInstallsItself) {
+    hostInstalls(SIGUSR1, installsItselfAndRaisesOnce);
+    takeOver(SIGUSR1);
+    raise(SIGUSR1);
+    EXPECT_EQ(callsOf(installsItselfAndRaisesOnce), 2U);
+    EXPECT_EQ(callsOf(userHandler), 2U);
+    EXPECT_TRUE(takenOverQ(SIGUSR1));
 }
 
 void ignoresAndRaises(int signalNumber) {
@@ -199,6 +225,37 @@ TEST_F(LeftAction, GetsTheFaultThatComesAgainIfItIsAHandler) {
     EXPECT_EQ(lastCall().informationCopy.si_addr, page.address());
     EXPECT_NE(lastCall().context, nullptr);
     EXPECT_TRUE(takenOverQ(SIGSEGV));
+    page.close();
+    writeTo(page.address());
+    EXPECT_EQ(callsOf(repairs), 2U) << "for as long as nobody replaces it";
+}
+
+void repairsAndGivesItsPlaceBack(int signalNumber);
+
+void leavesItToOneThatComesBack(int signalNumber) {
+    noteCall(addressOf(leavesItToOneThatComesBack), signalNumber);
+    hostInstalls(signalNumber, repairsAndGivesItsPlaceBack);
+}
+
+void repairsAndGivesItsPlaceBack(int signalNumber) {
+    noteCall(addressOf(repairsAndGivesItsPlaceBack), signalNumber);
+    thePage->open();
+    hostInstalls(signalNumber, leavesItToOneThatComesBack);
+}
+
+TEST_F(LeftAction, EndsWhenTheOneOnRecordIsInstalledAgain) {
+    SKIP_WITHOUT_FAULTS();
+    const ClosedPage page;
+    thePage = &page;
+    hostInstalls(SIGSEGV, leavesItToOneThatComesBack);
+    takeOver(SIGSEGV);
+    for (unsigned int fault = 1; fault <= 3; ++fault) {
+        page.close();
+        writeTo(page.address());
+        EXPECT_EQ(callsOf(leavesItToOneThatComesBack), fault);
+        EXPECT_EQ(callsOf(repairsAndGivesItsPlaceBack), fault);
+    }
+    EXPECT_TRUE(takenOverQ(SIGSEGV));
 }
 
 const ClosedPage* otherPage = nullptr;
@@ -245,6 +302,37 @@ TEST_F(LeftAction, HasNothingToDoWithAFaultAtAnotherPlace) {
     writeTo(another.address());
     another.close();
     EXPECT_EQ(readFrom(another.address()), 1) << "of another instruction";
+    EXPECT_EQ(callsOf(restoresTheDefaultAndRepairs), 3U);
+    EXPECT_TRUE(takenOverQ(SIGSEGV));
+}
+
+TEST_F(LeftAction, IsForgottenWhenTheSignalChangesHands) {
+    SKIP_WITHOUT_FAULTS();
+    const ClosedPage page;
+    thePage = &page;
+    otherPage = &page;
+    hostInstalls(SIGSEGV, restoresTheDefaultAndRepairs);
+    takeOver(SIGSEGV);
+    writeTo(page.address());
+    m_manager.stopHandlingSignals();
+    m_manager.startHandlingSignals();
+    page.close();
+    writeTo(page.address());
+    EXPECT_EQ(callsOf(restoresTheDefaultAndRepairs), 2U);
+    EXPECT_TRUE(takenOverQ(SIGSEGV));
+}
+
+TEST_F(LeftAction, IsForgottenWhenItsSignalIsSentBeforeTheFaultComesAgain) {
+    SKIP_WITHOUT_FAULTS();
+    const ClosedPage page;
+    thePage = &page;
+    otherPage = &page;
+    hostInstalls(SIGSEGV, restoresTheDefaultAndRepairs);
+    takeOver(SIGSEGV);
+    writeTo(page.address());
+    raise(SIGSEGV);
+    page.close();
+    writeTo(page.address());
     EXPECT_EQ(callsOf(restoresTheDefaultAndRepairs), 3U);
     EXPECT_TRUE(takenOverQ(SIGSEGV));
 }

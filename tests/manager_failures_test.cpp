@@ -22,6 +22,7 @@
 #include "support/failure.h"
 #include "support/manager_fixture.h"
 #include "support/memory_limit.h"
+#include "support/thread_state.h"
 
 namespace {
 
@@ -787,6 +788,37 @@ TEST_F(NoMemoryAtFirst, ManagerOnTheHeapIsNotMadeAndNotCounted) {
     EXPECT_EQ(manager, nullptr);
     EXPECT_EQ(Manager::numberOfManagers, 0U);
     EXPECT_EQ(Manager::handlerTables, nullptr);
+}
+
+// --- How a failure leaves a change ---------------------------------------------------------------
+
+TEST(Change, IsOverWhenItsFailureIsThrown) {
+    bool closedInside = false;
+    const auto fail = [&] {
+        closedInside = Sorvane::SVGate::closedByThisThreadQ();
+        return Sorvane::SVFailure("what failed", "where", 17, Sorvane::svexceptionAllocationFailed,
+                                  3);
+    };
+    const std::uint64_t before = ThreadState().heldBack();
+    try {
+        Sorvane::svchange(nullptr, fail);
+        ADD_FAILURE() << "nothing was thrown";
+    } catch (const Sorvane::SVException& exception) {
+        EXPECT_FALSE(Sorvane::SVGate::closedByThisThreadQ());
+        EXPECT_EQ(ThreadState().heldBack(), before);
+        EXPECT_STREQ(exception.getMessage(), "what failed");
+        EXPECT_STREQ(exception.getFile(), "where");
+        EXPECT_EQ(exception.getLine(), 17U);
+        EXPECT_EQ(exception.getType(), Sorvane::svexceptionAllocationFailed);
+        EXPECT_EQ(exception.getCode(), 3);
+    }
+    EXPECT_TRUE(closedInside);
+}
+
+TEST(Change, ThrowsNothingWithoutAFailure) {
+    EXPECT_FALSE(failureOf([] {
+                     Sorvane::svchange(nullptr, [] { return Sorvane::SVFailure(); });
+                 }).has_value());
 }
 
 }  // namespace

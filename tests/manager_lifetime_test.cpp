@@ -232,13 +232,17 @@ TEST_F(ManagerLifetime, LastManagerWithoutAStartTakesOnlyTheLockDown) {
     EXPECT_EQ(Manager::handlerTableLock, nullptr);
 }
 
+void expectLockTakenOnceByTheEndOf(std::optional<Manager>& manager, const LockLog& log) {
+    const unsigned int locksBefore = log.locks;
+    manager.reset();
+    EXPECT_EQ(log.locks, locksBefore + 1);
+    EXPECT_EQ(log.unlocks, log.locks);
+}
+
 TEST_F(ManagerLifetime, LastManagerWithoutAStartTakesTheLockOnlyOnce) {
     const std::shared_ptr<LockLog> log = WatchedLock::putInPlace();
     std::optional<Manager> last(std::in_place, true);
-    const unsigned int locksBefore = log->locks;
-    last.reset();
-    EXPECT_EQ(log->locks, locksBefore + 1);
-    EXPECT_EQ(log->unlocks, log->locks);
+    expectLockTakenOnceByTheEndOf(last, *log);
 }
 
 TEST_F(ManagerLifetime, ManagerThatIsNotTheLastTakesTheLockOnlyOnce) {
@@ -246,10 +250,7 @@ TEST_F(ManagerLifetime, ManagerThatIsNotTheLastTakesTheLockOnlyOnce) {
     Manager staying(true);
     staying.startHandlingSignals();
     std::optional<Manager> going(std::in_place, true);
-    const unsigned int locksBefore = log->locks;
-    going.reset();
-    EXPECT_EQ(log->locks, locksBefore + 1);
-    EXPECT_EQ(log->unlocks, log->locks);
+    expectLockTakenOnceByTheEndOf(going, *log);
 }
 
 // A manager that never locks does not know whether somebody else is about to use the lock.

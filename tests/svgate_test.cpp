@@ -24,7 +24,6 @@
 
 #include "support/child_process.h"
 #include "support/emulation.h"
-#include "support/failure.h"
 #include "support/gate.h"
 #include "support/gate_waiter.h"
 #include "support/joining_thread.h"
@@ -39,7 +38,6 @@ extern "C" pid_t _Fork();
 
 namespace {
 
-using Sorvane::SVFailure;
 using Sorvane::SVGate;
 
 // What the kernel holds back when it is asked to hold back all but those that are let in.
@@ -213,34 +211,6 @@ TEST_F(GateTest, PutsTheHeapOutOfBounds) {
         EXPECT_TRUE(insideQ());
     }
     EXPECT_FALSE(insideQ());
-}
-
-// --- Failures ------------------------------------------------------------------------------------
-
-TEST_F(GateTest, IsOpenBeforeAFailureIsThrown) {
-    bool closedInside = false;
-    const auto fail = [&] {
-        closedInside = SVGate::closedByThisThreadQ();
-        return SVFailure("what failed", "where", 17, Sorvane::svexceptionAllocationFailed, 3);
-    };
-    const std::uint64_t before = ThreadState().heldBack();
-    try {
-        SVGate::pass(fail);
-        ADD_FAILURE() << "nothing was thrown";
-    } catch (const Sorvane::SVException& exception) {
-        EXPECT_FALSE(SVGate::closedByThisThreadQ());
-        EXPECT_EQ(ThreadState().heldBack(), before);
-        EXPECT_STREQ(exception.getMessage(), "what failed");
-        EXPECT_STREQ(exception.getFile(), "where");
-        EXPECT_EQ(exception.getLine(), 17U);
-        EXPECT_EQ(exception.getType(), Sorvane::svexceptionAllocationFailed);
-        EXPECT_EQ(exception.getCode(), 3);
-    }
-    EXPECT_TRUE(closedInside);
-}
-
-TEST_F(GateTest, ThrowsNothingWithoutAFailure) {
-    EXPECT_FALSE(failureOf([] { SVGate::pass([] { return SVFailure(); }); }).has_value());
 }
 
 // --- Other threads -------------------------------------------------------------------------------

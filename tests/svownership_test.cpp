@@ -144,7 +144,7 @@ TEST(Ownership, TellsWhetherAHandBackWasOverWhenTheCountWasRead) {
     const Count during = count();
     SVOwnership::endHandBack(SIGUSR1);
     const Count after = count();
-    SVOwnership::noteChange(SIGUSR1);
+    SVOwnership::allowSendingOn(SIGUSR1);
     EXPECT_FALSE(SVOwnership::handedBackBeforeQ(SIGUSR1, before));
     EXPECT_FALSE(SVOwnership::handedBackBeforeQ(SIGUSR1, during));
     EXPECT_TRUE(SVOwnership::handedBackBeforeQ(SIGUSR1, after));
@@ -220,7 +220,7 @@ TEST(SendingOn, IsTheFirstTimeAgainIfThatIsAllowed) {
     EXPECT_TRUE(sendsOnFirstQ());
     {
         const Sorvane::SVGate gate;
-        SVOwnership::noteChange(SIGUSR1);
+        SVOwnership::allowSendingOn(SIGUSR1);
     }
     EXPECT_TRUE(SVOwnership::handedBackQ(count()));
     EXPECT_TRUE(sendsOnFirstQ());

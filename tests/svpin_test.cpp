@@ -279,6 +279,25 @@ TEST_F(PinTest, IsOneMoreThanThoseOfAHandlerAtAnyInstruction) {
     EXPECT_FALSE(SVPin::pinnedQ(&m_others));
 }
 
+// A pin that is made while a handler counts itself and does something at each instruction of it.
+class PinWithHandler : public PinTest {
+protected:
+    void expectPinnedAlthoughAtEachInstruction(void (*handler)(int)) {
+        pinsOfHandler = 0;
+        std::signal(SIGTRAP, handler);
+        bool pinned = false;
+        {
+            const SingleSteps steps;
+            const SVPin pin(m_published);
+            pinned = SVPin::pinnedQ(&m_tables);
+        }
+        std::signal(SIGTRAP, SIG_DFL);
+        EXPECT_GT(pinsOfHandler, 20U);
+        EXPECT_TRUE(pinned);
+        EXPECT_FALSE(SVPin::pinnedQ(&m_tables));
+    }
+};
+
 // A slot that nobody has had yet.
 void pinInHandlerWhatIsPinned(int) {
     if (SVPin::pinnedQ(publishedForHandler)) {
@@ -287,21 +306,10 @@ void pinInHandlerWhatIsPinned(int) {
     }
 }
 
-TEST_F(PinTest, IsNotEndedByAHandlerAtAnyInstructionOfTheFirst) {
+TEST_F(PinWithHandler, IsNotEndedAtAnyInstructionOfTheFirst) {
     SKIP_WITHOUT_STEPS();
     publishedForHandler = m_published;
-    pinsOfHandler = 0;
-    std::signal(SIGTRAP, pinInHandlerWhatIsPinned);
-    bool pinned = false;
-    {
-        const SingleSteps steps;
-        const SVPin pin(m_published);
-        pinned = SVPin::pinnedQ(&m_tables);
-    }
-    std::signal(SIGTRAP, SIG_DFL);
-    EXPECT_GT(pinsOfHandler, 20U);
-    EXPECT_TRUE(pinned);
-    EXPECT_FALSE(SVPin::pinnedQ(&m_tables));
+    expectPinnedAlthoughAtEachInstruction(pinInHandlerWhatIsPinned);
 }
 
 // What a child does if its only thread was split off just here.
@@ -310,20 +318,9 @@ void forgetOtherThreadsInHandler(int) {
     ++pinsOfHandler;
 }
 
-TEST_F(PinTest, IsNotForgottenByItsOwnThreadAtAnyInstruction) {
+TEST_F(PinWithHandler, IsNotForgottenByItsOwnThreadAtAnyInstruction) {
     SKIP_WITHOUT_STEPS();
-    pinsOfHandler = 0;
-    std::signal(SIGTRAP, forgetOtherThreadsInHandler);
-    bool pinned = false;
-    {
-        const SingleSteps steps;
-        const SVPin pin(m_published);
-        pinned = SVPin::pinnedQ(&m_tables);
-    }
-    std::signal(SIGTRAP, SIG_DFL);
-    EXPECT_GT(pinsOfHandler, 20U);
-    EXPECT_TRUE(pinned);
-    EXPECT_FALSE(SVPin::pinnedQ(&m_tables));
+    expectPinnedAlthoughAtEachInstruction(forgetOtherThreadsInHandler);
 }
 
 TEST_F(PinTest, HasASlotOfItsOwnWhicheverInstructionAnotherIsMadeAt) {

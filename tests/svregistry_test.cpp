@@ -84,7 +84,9 @@ protected:
     }
     bool remove(int signalNumber, std::uintptr_t address) {
         const SVGate gate;
-        return !m_registry.remove(signalNumber, functionAt(address), noTable);
+        return !m_registry.detach(signalNumber, noTable).then([&] {
+            m_registry.remove(signalNumber, functionAt(address));
+        });
     }
     void end() {
         const SVGate gate;
@@ -317,7 +319,7 @@ TEST_F(RegistryStepped, ChangesATableInItsPlaceIfNobodyReads) {
     const SVSignalHandler record = recordOf(SIGUSR1, 2);
     step([&] {
         m_registry.store(record, noTable);
-        m_registry.remove(SIGUSR1, functionAt(1), noTable);
+        m_registry.remove(SIGUSR1, functionAt(1));
     });
     EXPECT_EQ(watched.elsewhere, 0U);
 }
@@ -332,11 +334,23 @@ bool countedRightQ(const SVSignalHandlerTable& table) {
     return table.used == used && table.fill == fill;
 }
 
-// A child in which nobody goes on with the change.
-void splitAChildOff(int) {
+// A child that tells whether all is right in it.
+template <typename Body>
+void splitOff(Body body) {
     ++watched.steps;
     const pid_t child = fork();
     if (child == 0) {
+        _exit(body() ? 0 : 1);
+    }
+    int status = 1;
+    while (waitpid(child, &status, 0) < 0 && errno == EINTR) {
+    }
+    watched.wrong += status == 0 ? 0U : 1U;
+}
+
+// Nobody goes on with the change there.
+void splitAChildOff(int) {
+    splitOff([] {
         SVSignalHandlerTable* const table = watched.table;
         SVRegistry::countAnew();
         const bool right = countedRightQ(*table);
@@ -344,12 +358,8 @@ void splitAChildOff(int) {
         table->used += 10;
         SVRegistry::countAnew();
         table->used -= 10;
-        _exit(right && countedRightQ(*table) ? 0 : 1);
-    }
-    int status = 1;
-    while (waitpid(child, &status, 0) < 0 && errno == EINTR) {
-    }
-    watched.wrong += status == 0 ? 0U : 1U;
+        return right && countedRightQ(*table);
+    });
 }
 
 TEST_F(RegistryStepped, ChangesATableInItsPlaceWithoutMemoryForAStandIn) {
@@ -373,7 +383,7 @@ TEST_F(RegistryStepped, IsCountedRightInAChildAtAnyInstruction) {
     step(
         [&] {
             m_registry.store(record, noTable);
-            m_registry.remove(SIGUSR1, functionAt(7), noTable);
+            m_registry.remove(SIGUSR1, functionAt(7));
         },
         splitAChildOff);
     EXPECT_EQ(tableOf(SIGUSR1)->used, 3U);
@@ -386,9 +396,8 @@ const SVSignalTable* tablesBeingRead = nullptr;
 SVRegistry* registryOfChild = nullptr;
 
 void splitAChildOffThatReads(int) {
-    ++watched.steps;
-    const pid_t child = fork();
-    if (child == 0) {
+    splitOff([] {
+        SVRegistry::countAnew();
         const SVSignalHandlerTable* const table = tablesBeingRead->get(signalKey(SIGUSR1))->value;
         unsigned char before[sizeof(table->smalltable)];
         std::memcpy(before, static_cast<const void*>(table->smalltable), sizeof(before));
@@ -396,19 +405,17 @@ void splitAChildOffThatReads(int) {
             registryOfChild->store(recordOf(SIGUSR1, address), noTable);
         }
         for (std::uintptr_t address = 10; address < 20; ++address) {
-            registryOfChild->remove(SIGUSR1, functionAt(address), noTable);
+            registryOfChild->remove(SIGUSR1, functionAt(address));
         }
-        _exit(std::memcmp(before, static_cast<const void*>(table->smalltable), sizeof(before)) == 0
-                  ? 0
-                  : 1);
-    }
-    int status = 1;
-    while (waitpid(child, &status, 0) < 0 && errno == EINTR) {
-    }
-    watched.wrong += status == 0 ? 0U : 1U;
+        return std::memcmp(before, static_cast<const void*>(table->smalltable), sizeof(before)) ==
+               0;
+    });
 }
 
 TEST_F(RegistryStepped, LeavesToAReaderWhatItReadsInAChildThatIsSplitOffAtAnyInstruction) {
+    if (builtWithAddressSanitizer) {
+        GTEST_SKIP() << "there are too many instructions here";
+    }
     const SVPin pin(m_published);
     tablesBeingRead = pin.tables();
     registryOfChild = &m_registry;

@@ -17,7 +17,7 @@
 //
 // Inside the gate, therefore: no ordinary heap, because a thread that sleeps at the gate may have
 // interrupted it; no lock; no user's code; no exception, because the C++ runtime allocates for it.
-// What fails is told, and thrown when the gate is open and the signals are let in (pass() does so).
+// What fails is told, and thrown when the gate is open and the signals are let in.
 // Storage comes from the library's own store, and arguments have been copied before.
 //
 // Two signals are not held back: SIGSYS, which a sandbox needs to carry out a trapped system call,
@@ -49,7 +49,6 @@
 
 #include <atomic>
 
-#include "../support/svfailure.h"
 #include "../support/svhandlercontext.h"
 
 namespace Sorvane {
@@ -59,21 +58,6 @@ namespace Sorvane {
 /// Threads: any. Signal context: any context. May change errno.
 class SVGate {
 public:
-    SVGate() noexcept = default;
-    SVGate(const SVGate&) = delete;
-    SVGate& operator=(const SVGate&) = delete;
-
-    /// Makes a change inside the gate, and throws the failure that it tells, if any, after it.
-    template <typename Change>
-    static void pass(Change change) {
-        SVFailure failure;
-        {
-            const SVGate gate;
-            failure = change();
-        }
-        failure.throwIfAny();
-    }
-
     static bool closedByThisThreadQ() noexcept {
         return (changes.load(std::memory_order_seq_cst) & 1U) != 0 &&
                holder.load(std::memory_order_relaxed) == SVHandlerContext::thisThread();
@@ -106,8 +90,6 @@ public:
     class Closed {
     public:
         Closed() noexcept;
-        Closed(const Closed&) = delete;
-        Closed& operator=(const Closed&) = delete;
         ~Closed();
 
     private:

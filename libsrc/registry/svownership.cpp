@@ -8,6 +8,7 @@
 namespace Sorvane {
 
 constinit std::atomic<SVOwnership::Count> SVOwnership::counts[highestSignal + 1];
+constinit std::atomic<unsigned int> SVOwnership::Unsettled::times[highestSignal + 1];
 
 namespace {
 
@@ -27,8 +28,6 @@ struct SentOn {
 };
 constexpr unsigned int sentOnCount = 64;
 constinit SentOn sentOn[sentOnCount] = {};
-
-constinit std::atomic<unsigned int> unsettled[highestSignal + 1];
 
 SentOn& placeOf(const void* thread, int signalNumber) noexcept {
     const auto bits = static_cast<unsigned int>(reinterpret_cast<std::uintptr_t>(thread) >> 12U);
@@ -61,7 +60,7 @@ bool SVOwnership::handedBackBeforeQ(int signalNumber, Count count) noexcept {
     return end != 0 && static_cast<int>(end - count) <= 0;
 }
 
-void SVOwnership::noteChange(int signalNumber) noexcept {
+void SVOwnership::allowSendingOn(int signalNumber) noexcept {
     if (signalExistsQ(signalNumber)) {
         counts[signalNumber].fetch_add(2);
     }
@@ -80,19 +79,6 @@ bool SVOwnership::sendsOnFirstQ(int signalNumber) noexcept {
     }
     last = SentOn{thread, now};
     return true;
-}
-
-SVOwnership::Unsettled::Unsettled(int signalNumber) noexcept
-    : m_signalNumber(signalExistsQ(signalNumber) ? signalNumber : 0) {
-    unsettled[m_signalNumber].fetch_add(1);
-}
-
-SVOwnership::Unsettled::~Unsettled() {
-    unsettled[m_signalNumber].fetch_sub(1);
-}
-
-bool SVOwnership::Unsettled::anyQ(int signalNumber) noexcept {
-    return unsettled[signalExistsQ(signalNumber) ? signalNumber : 0].load() != 0;
 }
 
 // As the operating system tells them: the C library has a flag for its own way back from a handler,

@@ -16,8 +16,9 @@
 //   signal belongs by now. It is sent on, as it came, to the same thread, once for each count.
 //   Should it come here again all the same, somebody has called the library by hand, and has an
 //   ordinary dispatch. If the library is what is installed, another dispatch may have done that and
-//   not looked at the count yet; then the host's action is put back first. Without such a dispatch
-//   it was installed by hand, and the signal is the library's again.
+//   not looked at the count yet; such dispatches are counted (see Unsettled). Then the host's
+//   action is put back first. Without one the library was installed by hand, and the signal is its
+//   own again.
 // - Otherwise the records are called, the library is installed again, and the count is read once
 //   more. If it has not changed, nobody has handed the signal back before that installation. If it
 //   has, the rest is done inside the gate: what the installation displaced is put back, as it is
@@ -65,15 +66,14 @@ constexpr bool handedBackQ(Count count) noexcept {
 /// The signal becomes the library's.
 void take(int signalNumber) noexcept;
 
-/// Something else about the signal has changed, or is about to: dispatches that are under way look
-/// at their end, and whatever was sent on may be sent on once more.
-void noteChange(int signalNumber) noexcept;
+/// Whatever was sent on may be sent on once more.
+void allowSendingOn(int signalNumber) noexcept;
 
 /// The signal becomes the host's, with this action; the one said before that is installed, the
 /// other after it.
 void beginHandBack(int signalNumber, const struct sigaction& action) noexcept;
 inline void endHandBack(int signalNumber) noexcept {
-    noteChange(signalNumber);
+    allowSendingOn(signalNumber);
 }
 
 /// The action that a signal was handed back to last, and whether that had come to its end when the
@@ -94,16 +94,22 @@ bool sendsOnFirstQ(int signalNumber) noexcept;
 /// a forked child. Signal context: any.
 class Unsettled {
 public:
-    explicit Unsettled(int signalNumber) noexcept;
+    explicit Unsettled(int signalNumber) noexcept : m_times(timesOf(signalNumber)) { ++m_times; }
     Unsettled(const Unsettled&) = delete;
     Unsettled& operator=(const Unsettled&) = delete;
-    ~Unsettled();
+    ~Unsettled() { --m_times; }
 
-    /// Whether there is one, which may hide what the host has.
-    static bool anyQ(int signalNumber) noexcept;
+    /// Whether there is one for a signal, so that the library may hide what the host has.
+    static bool anyQ(int signalNumber) noexcept { return timesOf(signalNumber) != 0; }
 
 private:
-    const int m_signalNumber;
+    static std::atomic<unsigned int>& timesOf(int signalNumber) noexcept {
+        return times[signalExistsQ(signalNumber) ? signalNumber : 0];
+    }
+
+    static std::atomic<unsigned int> times[highestSignal + 1];
+
+    std::atomic<unsigned int>& m_times;
 };
 
 }  // namespace SVOwnership

@@ -77,7 +77,6 @@ void SVPin::letGo() noexcept {
         m_slot->tables.store(nullptr, std::memory_order_release);
     }
     m_slot = nullptr;
-    m_tables = nullptr;
 }
 
 void SVPin::swap(SVPin& other) noexcept {

@@ -21,11 +21,10 @@ namespace {
 // The table that is being changed in place.
 constinit SVSignalHandlerTable* beingChanged = nullptr;
 
-// What a pointer to a table is changed to must be complete by then, also for a child that is split
-// off just then, and for a debugger.
+// What a pointer to a table is changed to is complete by then, and what comes next comes after it,
+// also for a child that is split off just then, and for a debugger.
 template <typename Table>
 void letPointTo(Table*& place, std::type_identity_t<Table>* table) noexcept {
-    std::atomic_signal_fence(std::memory_order_seq_cst);
     SVAtomicRef<Table*>(place).store(table);
     std::atomic_signal_fence(std::memory_order_seq_cst);
 }
@@ -74,6 +73,14 @@ SVFailure changeOutOfSight(Table*& place, Make make) noexcept {
     return failure && standIn != nullptr ? make(*table) : failure;
 }
 
+// Makes a change that is one store, and tells meanwhile whose counts follow it.
+template <typename Make>
+void changeInPlace(SVSignalHandlerTable* table, Make make) noexcept {
+    letPointTo(beingChanged, table);
+    make(*table);
+    letPointTo(beingChanged, nullptr);
+}
+
 }  // namespace
 
 void SVRegistry::begin() noexcept {
@@ -95,10 +102,7 @@ void SVRegistry::end() noexcept {
         return;
     }
     letPointTo(m_place, nullptr);
-    for (auto position = tables->begin(); position != tables->end(); position++) {
-        delete position.GetValue();
-    }
-    delete tables;
+    release(tables);
 }
 
 SVSignalHandlerTable* SVRegistry::tableOf(int signalNumber) const noexcept {
@@ -115,29 +119,32 @@ bool SVRegistry::retiredTablesHaveQ(int key, const SVSignalHandlerTable* table) 
 }
 
 // An inner table goes with the last of the outer ones that have it.
+void SVRegistry::release(SVSignalTable* tables) noexcept {
+    for (auto position = tables->begin(); position != tables->end(); position++) {
+        const int key = position.entries[position.index].key;
+        SVSignalHandlerTable* const table = position.GetValue();
+        if (tableIn(m_place, key) != table && !retiredTablesHaveQ(key, table)) {
+            delete table;
+        }
+    }
+    delete tables;
+}
+
+// What is retired and published all the same was just being displaced when this child was split
+// off.
 void SVRegistry::releaseWhatNobodyReads() noexcept {
     Retired** link = &m_retired;
     while (Retired* const retired = *link) {
         SVSignalTable* const tables = retired->tables;
-        const bool published = tables == m_place;
-        if (!published && SVPin::pinnedQ(tables)) {
+        if (tables != m_place && SVPin::pinnedQ(tables)) {
             link = &retired->next;
             continue;
         }
         letPointTo(*link, retired->next);
-        if (published) {
-            delete retired;
-            continue;
-        }
-        for (auto position = tables->begin(); position != tables->end(); position++) {
-            const int key = position.entries[position.index].key;
-            SVSignalHandlerTable* const table = position.GetValue();
-            if (tableIn(m_place, key) != table && !retiredTablesHaveQ(key, table)) {
-                delete table;
-            }
-        }
-        delete tables;
         delete retired;
+        if (tables != m_place) {
+            release(tables);
+        }
     }
 }
 
@@ -200,24 +207,6 @@ SVFailure SVRegistry::detach(int signalNumber, const SVFailure& noTable) noexcep
     return SVFailure();
 }
 
-template <typename Make>
-SVFailure SVRegistry::change(int signalNumber, bool inPlace, const SVFailure& noTable,
-                             Make make) noexcept {
-    const SVFailure failure = detach(signalNumber, noTable);
-    if (failure) {
-        return failure;
-    }
-    SVSignalHandlerTable*& place = m_place->get(signalKey(signalNumber))->value;
-    if (!inPlace) {
-        return changeOutOfSight(place, make);
-    }
-    SVSignalHandlerTable* const table = place;
-    letPointTo(beingChanged, table);
-    make(*table);
-    letPointTo(beingChanged, nullptr);
-    return SVFailure();
-}
-
 void SVRegistry::countAnew() noexcept {
     if (beingChanged != nullptr) {
         beingChanged->used = 0;
@@ -234,17 +223,22 @@ void SVRegistry::countAnew() noexcept {
 SVFailure SVRegistry::store(const SVSignalHandler& record, const SVFailure& noTable) noexcept {
     const int signalNumber = record.getSignalNumber();
     void* const function = record.getHandlerFunction();
-    const SVSignalHandlerTable* const table = tableOf(signalNumber);
-    return change(
-        signalNumber, !table->has_key(function) && !table->growsWithQ(function), noTable,
-        [&](SVSignalHandlerTable& changed) { return changed.tryInsert(function, record); });
-}
-
-SVFailure SVRegistry::remove(int signalNumber, void* function, const SVFailure& noTable) noexcept {
-    return change(signalNumber, true, noTable, [&](SVSignalHandlerTable& changed) {
-        changed.remove(function);
+    return detach(signalNumber, noTable).then([&] {
+        SVSignalHandlerTable*& table = m_place->get(signalKey(signalNumber))->value;
+        const auto insert = [&](SVSignalHandlerTable& changed) {
+            return changed.tryInsert(function, record);
+        };
+        if (table->has_key(function) || table->growsWithQ(function)) {
+            return changeOutOfSight(table, insert);
+        }
+        changeInPlace(table, insert);
         return SVFailure();
     });
+}
+
+void SVRegistry::remove(int signalNumber, void* function) noexcept {
+    changeInPlace(tableOf(signalNumber),
+                  [function](SVSignalHandlerTable& changed) { changed.remove(function); });
 }
 
 // Only a rebuild empties a slot, and only a rebuild moves a key to another one.

@@ -31,8 +31,6 @@ class SVRegistry {
 public:
     /// Parameters: place, where the published tables are; null for none.
     constexpr explicit SVRegistry(SVSignalTable*& place) noexcept : m_place(place) {}
-    SVRegistry(const SVRegistry&) = delete;
-    SVRegistry& operator=(const SVRegistry&) = delete;
 
     /// Publishes empty tables. There are still none if there is no memory.
     void begin() noexcept;
@@ -60,9 +58,9 @@ public:
     /// its place. Errors: the one that is given, when it is being read and there is no memory.
     SVFailure detach(int signalNumber, const SVFailure& noTable) noexcept;
 
-    /// Takes a record that is there out of the table of its signal. Errors: those of detach(), but
-    /// for none right after that.
-    SVFailure remove(int signalNumber, void* function, const SVFailure& noTable) noexcept;
+    /// Takes a record that is there out of the table of its signal, which detach() or store() must
+    /// have made nobody's but the registry's in this same gate.
+    void remove(int signalNumber, void* function) noexcept;
 
     /// Counts the slots of a table that a thread was changing which is not in this process.
     static void countAnew() noexcept;
@@ -70,11 +68,10 @@ public:
 private:
     struct Retired;
 
-    template <typename Make>
-    SVFailure change(int signalNumber, bool inPlace, const SVFailure& noTable, Make make) noexcept;
     bool retiredTablesHaveQ(int key, const SVSignalHandlerTable* table) const noexcept;
     bool retireFor(SVSignalTable* successor) noexcept;
     bool leaveToReaders() noexcept;
+    void release(SVSignalTable* tables) noexcept;
     void releaseWhatNobodyReads() noexcept;
 
     SVSignalTable*& m_place;

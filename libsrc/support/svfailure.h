@@ -6,6 +6,8 @@
 #ifndef SORVANE_SVFAILURE_H
 #define SORVANE_SVFAILURE_H
 
+#include <type_traits>
+
 #include "svexception.h"
 
 namespace Sorvane {
@@ -23,10 +25,17 @@ public:
 
     constexpr explicit operator bool() const noexcept { return m_message != nullptr; }
 
-    /// The same failure, or what comes next if nothing failed yet.
+    /// The same failure, or what comes next if nothing failed yet. That fails if it tells so.
     template <typename Next>
     SVFailure then(Next next) const {
-        return m_message != nullptr ? *this : next();
+        if constexpr (std::is_void_v<decltype(next())>) {
+            if (m_message == nullptr) {
+                next();
+            }
+            return *this;
+        } else {
+            return m_message != nullptr ? *this : next();
+        }
     }
 
     SVException exception() const noexcept {

@@ -52,7 +52,7 @@ bool svsendOn(int signalNumber, siginfo* information, void* context) {
             return false;
         }
         if (installed) {
-            SVOwnership::noteChange(signalNumber);
+            SVOwnership::allowSendingOn(signalNumber);
             putBack(signalNumber, host, current);
         }
     }
@@ -66,7 +66,7 @@ bool svsendOn(int signalNumber, siginfo* information, void* context) {
 }
 
 // First installs, then looks: whoever hands the signal back after the look displaces the library.
-void SVArrival::stayInstalled(const siginfo* information, void* context) const {
+void SVArrival::stayInstalled(const siginfo* information, const void* context) const {
     struct sigaction displaced;
     do {
         const SVOwnership::Unsettled unsettled(m_signalNumber);
@@ -83,48 +83,36 @@ void SVArrival::stayInstalled(const siginfo* information, void* context) const {
 // A function of its own, so that it takes no stack from where nothing has to be settled.
 [[gnu::noinline]] void SVArrival::settle(const struct sigaction& displaced,
                                          SVOwnership::Count before) const {
-    SVGate::pass([&] { return settleInside(displaced, before); });
+    svchange(nullptr, [&] { return settleInside(displaced, before); });
 }
 
-// Another dispatch may have put the host's action back.
-SVFailure SVArrival::takeBack() const {
-    struct sigaction current;
-    return SVSystemActions::ask(m_signalNumber, current).then([&] {
-        if (!svownActionQ(current)) {
-            return SVSystemActions::takeOver(m_signalNumber, current);
-        }
-        SVOwnership::take(m_signalNumber);
-        return SVFailure();
-    });
-}
-
-// The signal has changed hands, or the library's own action has changed, and the library was
-// installed all the same. What is done:
-// - This thread handed the signal back, in a handler: that is undone.
-// - The library has it, again: what was displaced is the host's, and was hidden from whoever took
-//   the signal over, unless it is older than the last hand-back. So it is put on record. The
-//   library's own action is installed as it has become.
+// The signal has changed hands, and the library was installed all the same. What is done:
+// - This thread handed it back, in a handler: that is undone.
 // - It was the library that was displaced: whoever displaced the host's action puts that back.
-// - The host has it: what was displaced is put back, or what the signal was handed back to if that
-// is
-//   newer; but not over what the host has installed since.
+// - The library has it again: what was displaced is the host's, and was hidden from whoever took
+//   the signal over, unless it is older than the last hand-back. So it is put on record.
+// - It is the host's: what was displaced is put back, or what the signal was handed back to if that
+//   is newer; but not over what the host has installed since.
 SVFailure SVArrival::settleInside(const struct sigaction& displaced,
                                   SVOwnership::Count before) const {
     struct sigaction current;
     if (SVOwnership::handedBackByThisThreadQ(m_signalNumber)) {
-        return takeBack();
-    }
-    const bool newer = SVOwnership::handedBackBeforeQ(m_signalNumber, before);
-    if (SVOwnership::librarysQ(m_signalNumber)) {
-        bool kept = false;
-        return (newer ? svkeepOnRecord(m_signalNumber, displaced, kept) : SVFailure()).then([&] {
-            return SVSystemActions::renewOwn(m_signalNumber);
+        // Another dispatch may have put the host's action back.
+        SVOwnership::take(m_signalNumber);
+        return SVSystemActions::ask(m_signalNumber, current).then([&] {
+            return svownActionQ(current)
+                       ? SVFailure()
+                       : SVSystemActions::installOwn(m_signalNumber, current);
         });
     }
     if (svownActionQ(displaced)) {
         return SVFailure();
     }
-    SVOwnership::noteChange(m_signalNumber);
+    const bool newer = SVOwnership::handedBackBeforeQ(m_signalNumber, before);
+    if (SVOwnership::librarysQ(m_signalNumber)) {
+        return newer ? svkeepDisplaced(m_signalNumber, displaced) : SVFailure();
+    }
+    SVOwnership::allowSendingOn(m_signalNumber);
     const struct sigaction& handedBackTo = SVOwnership::actionOfHost(m_signalNumber);
     return SVSystemActions::ask(m_signalNumber, current).then([&] {
         return svownActionQ(current) || (newer && svsameActionQ(current, handedBackTo))

@@ -24,12 +24,11 @@ public:
 
     /// Ends a dispatch: installs the library's own action, because a handler may have changed what
     /// the system has, unless the signal was handed back meanwhile by another thread. What the
-    /// handler has left gets the signals that are to come (see svleftaction.h).
+    /// handler has left there gets the signals that are still to come (see svleftaction.h).
     /// Errors: SVException: that of installHandlerInSystem(), and those of the tables' insert().
-    void stayInstalled(const siginfo* information, void* context) const;
+    void stayInstalled(const siginfo* information, const void* context) const;
 
 private:
-    SVFailure takeBack() const;
     void settle(const struct sigaction& displaced, SVOwnership::Count before) const;
     SVFailure settleInside(const struct sigaction& displaced, SVOwnership::Count before) const;
 
@@ -41,19 +40,12 @@ private:
 /// held back meanwhile, if the library's own action does not say otherwise. Signal context: any.
 bool svbeingHandledQ(int signalNumber) noexcept;
 
-/// Whether the kernel itself has just called the function whose frame this is, with this context,
-/// for a signal: it puts the context right behind the function's return address.
+/// Whether a handler's information and context are the kernel's: it puts both into one frame.
 /// Signal context: any.
-inline bool svcalledByKernelQ(const void* frame, const void* context) noexcept {
-    const auto distance =
-        reinterpret_cast<std::uintptr_t>(context) - reinterpret_cast<std::uintptr_t>(frame);
-#if defined(__x86_64__)
-    return distance == 2 * sizeof(void*);
-#elif defined(__i386__)
-    return distance == 5 * sizeof(void*) + sizeof(siginfo);
-#else
-    return distance < 512;
-#endif
+inline bool svkernelsQ(const void* information, const void* context) noexcept {
+    const auto distance = reinterpret_cast<std::uintptr_t>(context) -
+                          reinterpret_cast<std::uintptr_t>(information) + 1024;
+    return information != nullptr && context != nullptr && distance < 2048;
 }
 
 /// Sends a late arrival on to whom the signal belongs. False when it is none any more: the signal

@@ -9,6 +9,9 @@
 #include <cstdint>
 #include <iterator>
 
+#include "../registry/svownership.h"
+#include "svarrival.h"
+#include "svownaction.h"
 #include "svsharedstate.h"
 #include "svsystemactions.h"
 
@@ -48,27 +51,35 @@ std::uintptr_t interruptedInstruction(const void* context) noexcept {
 #endif
 }
 
-// The fault of this thread whose handler has left an action last.
+// The fault of this thread whose handler has left an action last, and which it was.
 struct LeftToFault {
     int signalNumber;
     int flags;
+    SVOwnership::Count count;
     std::uintptr_t instruction;
     const void* address;
     void (*handler)(int, siginfo*, void*);
 
-    bool sameQ(int itsSignal, const siginfo& information, const void* context) const noexcept {
-        return signalNumber == itsSignal && address == information.si_addr &&
-               instruction == interruptedInstruction(context) && svfaultQ(itsSignal, information);
-    }
-    struct sigaction action() const noexcept {
-        struct sigaction left = {};
-        left.sa_sigaction = handler;
-        left.sa_flags = flags;
-        return left;
+    bool sameQ(int itsSignal, const siginfo* information, const void* context) const noexcept {
+        return signalNumber == itsSignal && count == SVOwnership::count(itsSignal) &&
+               information != nullptr && svfaultQ(itsSignal, *information) &&
+               address == information->si_addr && instruction == interruptedInstruction(context);
     }
 };
 constinit thread_local LeftToFault leftToFault
-    __attribute__((tls_model("initial-exec"))) = {0, 0, 0, nullptr, nullptr};
+    __attribute__((tls_model("initial-exec"))) = {0, 0, 0, 0, nullptr, nullptr};
+
+void forget(int signalNumber) noexcept {
+    if (leftToFault.signalNumber == signalNumber) {
+        leftToFault.signalNumber = 0;
+    }
+}
+
+// A caller who has the signal held back, and calls the library by hand, wants it to stay so.
+bool letInQ(int signalNumber, const siginfo* information, const void* context) noexcept {
+    return svkernelsQ(information, context) &&
+           sigismember(&static_cast<const ucontext_t*>(context)->uc_sigmask, signalNumber) == 0;
+}
 
 bool onRecordQ(int signalNumber, const struct sigaction& action) noexcept {
     const SVTablesPin pin;
@@ -89,37 +100,46 @@ bool svfaultQ(int signalNumber, const siginfo& information) noexcept {
 }
 
 bool SVLeftAction::leave(int signalNumber, const struct sigaction& action,
-                         const siginfo* information, void* context) noexcept {
+                         const siginfo* information, const void* context) noexcept {
+    forget(signalNumber);
+    if (onRecordQ(signalNumber, action)) {
+        return false;
+    }
     const Signals signals = Signals{1} << static_cast<unsigned int>(signalNumber - 1);
-    struct sigaction previous;
-    if (pendingQ(signals)) {
+    if (pendingQ(signals) && letInQ(signalNumber, information, context)) {
+        struct sigaction previous;
         const bool installed = !SVSystemActions::install(signalNumber, action, previous);
         if (installed) {
             letIn(signals);
         }
         return installed;
     }
-    if (information != nullptr && svfaultQ(signalNumber, *information) &&
-        !onRecordQ(signalNumber, action)) {
-        leftToFault = {signalNumber, action.sa_flags, interruptedInstruction(context),
-                       information->si_addr, action.sa_sigaction};
+    if (information != nullptr && svfaultQ(signalNumber, *information)) {
+        leftToFault = {signalNumber,
+                       action.sa_flags,
+                       SVOwnership::count(signalNumber),
+                       interruptedInstruction(context),
+                       information->si_addr,
+                       action.sa_sigaction};
     }
     return false;
 }
 
-bool SVLeftAction::takes(int signalNumber, siginfo* information, void* context) {
-    if (leftToFault.signalNumber != signalNumber || information == nullptr ||
-        !leftToFault.sameQ(signalNumber, *information, context)) {
-        return false;
+SVLeftAction::Taker SVLeftAction::take(int signalNumber, siginfo* information, void* context) {
+    if (!leftToFault.sameQ(signalNumber, information, context)) {
+        forget(signalNumber);
+        return Taker::everybody;
     }
-    struct sigaction left = leftToFault.action();
-    struct sigaction previous;
-    if (left.sa_handler == SIG_DFL || left.sa_handler == SIG_IGN) {
-        leftToFault.signalNumber = 0;
-        return !SVSystemActions::install(signalNumber, left, previous);
+    struct sigaction left = {};
+    left.sa_sigaction = leftToFault.handler;
+    left.sa_flags = leftToFault.flags;
+    if (svnobodysActionQ(left)) {
+        struct sigaction previous;
+        return SVSystemActions::install(signalNumber, left, previous) ? Taker::everybody
+                                                                      : Taker::system;
     }
     SVSignalHandler(signalNumber, left, false, false, true)(information, context);
-    return true;
+    return Taker::leftHandler;
 }
 
 }  // namespace Sorvane

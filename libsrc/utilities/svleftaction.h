@@ -6,11 +6,13 @@
 // returns, and the instruction faults once more. The library installs itself again after every
 // dispatch; so that the handler is not just called once more, what is to come goes to what it has
 // left:
-// - A signal that is pending is let in at the end of the dispatch, with that action installed.
-// - A fault at the same place, on the same thread, is recognised when it arrives. A handler that
-// was
-//   left is called for it; for the default action that is installed, and the instruction runs into
-//   it.
+// - A signal that is pending is let in at the end of the dispatch, with that action installed, if
+//   the interrupted code did not hold it back.
+// - The next signal of this number that arrives on this thread is called for by what was left, and
+//   not by the records, if it is the same fault at the same place and the signal has not changed
+//   hands. For the default action that is installed, and the instruction runs into it.
+// A handler that has a record for the signal is none that was left: many install themselves again
+// whenever they are called.
 #ifndef SORVANE_SVLEFTACTION_H
 #define SORVANE_SVLEFTACTION_H
 
@@ -27,14 +29,15 @@ bool svfaultQ(int signalNumber, const siginfo& information) noexcept;
 namespace SVLeftAction {
 
 /// At the end of a dispatch that has displaced an action: gives it the signals of this number that
-/// are pending, or remembers it for the fault, unless it has a record for the signal. The library
-/// is installed before; whether it has to be installed again is the result.
+/// are pending, or remembers it for the fault. The library is installed before; whether it has to
+/// be installed again is the result.
 bool leave(int signalNumber, const struct sigaction& action, const siginfo* information,
-           void* context) noexcept;
+           const void* context) noexcept;
 
-/// Whether the fault that has arrived belongs to an action that was left at its place; then it has
-/// got it.
-bool takes(int signalNumber, siginfo* information, void* context);
+/// Whom the arrived signal belongs to. `everybody`: nothing was left for it. `leftHandler`: a
+/// handler was, and has been called. `system`: the action that was left is installed.
+enum class Taker { everybody, leftHandler, system };
+Taker take(int signalNumber, siginfo* information, void* context);
 
 }  // namespace SVLeftAction
 

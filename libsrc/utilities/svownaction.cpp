@@ -47,6 +47,7 @@ Manner both(const Manner& one, const Manner& other) noexcept {
 struct KeptManner {
     std::atomic<unsigned int> words[2] = {0, 0};
     std::atomic<int> flags{SA_RESTART};
+    std::atomic<unsigned int> changes{0};
 };
 constinit KeptManner kept[highestSignal + 1];
 
@@ -56,18 +57,16 @@ KeptManner& keptFor(int signalNumber) noexcept {
 
 Manner load(int signalNumber) noexcept {
     const KeptManner& manner = keptFor(signalNumber);
-    return Manner{manner.words[0].load(std::memory_order_acquire) |
-                      std::uint64_t{manner.words[1].load(std::memory_order_acquire)} << 32U,
-                  manner.flags.load(std::memory_order_acquire)};
+    return Manner{manner.words[0].load() | std::uint64_t{manner.words[1].load()} << 32U,
+                  manner.flags.load()};
 }
 
-// Release: whoever reads one of them reads the count that was changed before.
 void store(int signalNumber, const Manner& manner) noexcept {
     KeptManner& stored = keptFor(signalNumber);
-    stored.words[0].store(static_cast<unsigned int>(manner.heldBack), std::memory_order_release);
-    stored.words[1].store(static_cast<unsigned int>(manner.heldBack >> 32U),
-                          std::memory_order_release);
-    stored.flags.store(manner.flags, std::memory_order_release);
+    stored.words[0].store(static_cast<unsigned int>(manner.heldBack));
+    stored.words[1].store(static_cast<unsigned int>(manner.heldBack >> 32U));
+    stored.flags.store(manner.flags);
+    stored.changes.fetch_add(1);
 }
 
 // Of the host's handlers that are on record, but for the one that has just been asked for.
@@ -87,6 +86,10 @@ Manner mannerOnRecord(const SVSignalHandlerTable* table, const struct sigaction&
 
 }  // namespace
 
+unsigned int SVOwnAction::changes(int signalNumber) noexcept {
+    return keptFor(signalNumber).changes.load();
+}
+
 struct sigaction SVOwnAction::of(int signalNumber) noexcept {
     const Manner manner = load(signalNumber);
     struct sigaction action = {};
@@ -101,14 +104,11 @@ void SVOwnAction::follow(int signalNumber, const struct sigaction& hosts,
     if (svownActionQ(hosts) || !signalExistsQ(signalNumber)) {
         return;
     }
-    const bool librarys = SVOwnership::librarysQ(signalNumber);
     const Manner before = load(signalNumber);
-    const Manner now =
-        both(mannerOf(signalNumber, hosts), librarys ? before : mannerOnRecord(table, hosts));
+    const Manner others =
+        SVOwnership::librarysQ(signalNumber) ? before : mannerOnRecord(table, hosts);
+    const Manner now = both(mannerOf(signalNumber, hosts), others);
     if (now != before) {
-        if (librarys) {
-            SVOwnership::noteChange(signalNumber);
-        }
         store(signalNumber, now);
     }
 }

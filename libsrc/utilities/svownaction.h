@@ -7,9 +7,10 @@
 // other flags if any of them has. Without a handler of the host's, nothing is held back and system
 // calls are restarted.
 //
-// They are found out when a signal is taken over, and stay until it is taken over anew. A dispatch
-// reads them outside the gate, just before it installs the library again; if they change just
-// then, the signal's count has changed before (see svownership.h), and it looks once more.
+// They are found out when a signal is taken over, and stay until it is taken over anew. They change
+// inside the gate, and whoever changes them installs the library after that. A dispatch reads them
+// outside the gate, just before it installs the library again, and looks then whether they have
+// changed meanwhile; if so, it installs once more.
 #ifndef SORVANE_SVOWNACTION_H
 #define SORVANE_SVOWNACTION_H
 
@@ -22,7 +23,9 @@ namespace Sorvane {
 /// For all signal numbers; those that do not exist have the action of one that nobody had.
 namespace SVOwnAction {
 
-/// Threads: any. Signal context: any context.
+/// How often the action of a signal has changed; read before the action, and once more after that
+/// has been installed. Threads: any. Signal context: any context.
+unsigned int changes(int signalNumber) noexcept;
 struct sigaction of(int signalNumber) noexcept;
 
 /// Follows the action that the host has for a signal that is about to be taken over, or has

@@ -1,5 +1,5 @@
-// What the manager's operations share: the registry on the manager's own tables, and how its shared
-// members are read while other threads change them.
+// What the manager's operations share: the registry on the manager's own tables, how its shared
+// members are read while other threads change them, and how an operation changes them.
 #ifndef SORVANE_SVSHAREDSTATE_H
 #define SORVANE_SVSHAREDSTATE_H
 
@@ -37,46 +37,31 @@ public:
     explicit SVLocked(SVMutexHandle* handle) { setHandle(handle); }
 };
 
-/// The same, with signals held back. They are let in when the lock is free again, so that a handler
-/// that comes then finds it so, and may leave by siglongjmp.
-class SVLockedWithoutSignals {
-public:
-    explicit SVLockedWithoutSignals(SVMutexHandle* handle) : m_handle(locked(handle)) {}
-    SVLockedWithoutSignals(const SVLockedWithoutSignals&) = delete;
-    SVLockedWithoutSignals& operator=(const SVLockedWithoutSignals&) = delete;
-    ~SVLockedWithoutSignals() {
-        if (m_handle != nullptr) {
-            m_handle->unlock();
-        }
+/// Does something under a lock, if there is one, and with signals held back. They are let in when
+/// the lock is free again, so that a handler that comes then may leave by siglongjmp; the lock is
+/// not waited for while they are held back. Result: that of the operation, which throws nothing.
+/// Parameters: keptByFailure, whether the lock stays held if the operation fails.
+template <typename Operation>
+SVFailure svunderLock(SVMutexHandle* lock, bool keptByFailure, Operation operation) {
+    if (lock != nullptr) {
+        lock->lock();
     }
-
-    /// Leaves the lock held.
-    void keepLocked() noexcept { m_handle = nullptr; }
-
-private:
-    // It is not waited for while signals are held back.
-    static SVMutexHandle* locked(SVMutexHandle* handle) {
-        if (handle != nullptr) {
-            handle->lock();
-        }
-        return handle;
+    const SVGate::SignalsHeldBack signalsHeldBack;
+    const SVFailure failure = operation();
+    if (lock != nullptr && !(failure && keptByFailure)) {
+        lock->unlock();
     }
-
-    SVMutexHandle* m_handle;
-    const SVGate::SignalsHeldBack m_signalsHeldBack;
-};
+    return failure;
+}
 
 /// Makes a change inside the gate, under a lock if there is one, and throws the failure that it
 /// tells, if any, after it.
 template <typename Change>
 void svchange(SVMutexHandle* lock, Change change) {
-    SVFailure failure;
-    {
-        const SVLockedWithoutSignals scope(lock);
+    svunderLock(lock, false, [&change] {
         const SVGate::Closed gate;
-        failure = change();
-    }
-    failure.throwIfAny();
+        return SVFailure().then(change);
+    }).throwIfAny();
 }
 
 /// A pin on the manager's tables.

@@ -23,6 +23,8 @@ static_assert(SVAtomicRef<bool>::is_always_lock_free);
 
 namespace {
 
+using Manager = SVSignalHandlerManager;
+
 // How many of the managers are not a dispatch's own; changed inside the gate.
 constinit unsigned int managersOutsideDispatch = 0;
 
@@ -31,9 +33,8 @@ void goOnInChild() {
     const SVGate::SignalsHeldBack signalsHeldBack;
     SVGate::goOnInChild();
     SVPin::forgetOtherThreads();
-    svshared(SVSignalHandlerManager::numberOfManagers)
-        .store(managersOutsideDispatch + SVHandlerContext::depth);
-    if (SVMutexHandle* const handle = svshared(SVSignalHandlerManager::handlerTableLock).load()) {
+    svshared(Manager::numberOfManagers).store(managersOutsideDispatch + SVHandlerContext::depth);
+    if (SVMutexHandle* const handle = svshared(Manager::handlerTableLock).load()) {
         handle->goOnInChild();
     }
 }
@@ -54,8 +55,8 @@ constinit unsigned int usersOfLock = 0;
 void beginUseOfLock() noexcept {
     const SVGate gate;
     ++usersOfLock;
-    if (svshared(SVSignalHandlerManager::handlerTableLock).load() == nullptr) {
-        svshared(SVSignalHandlerManager::handlerTableLock)
+    if (svshared(Manager::handlerTableLock).load() == nullptr) {
+        svshared(Manager::handlerTableLock)
             .store(SVThreadsFactory().CreateUnnamedHandle(svmutexRecursive, true));
     }
 }
@@ -65,18 +66,17 @@ void endUseOfLock(bool handleGoes) noexcept {
     SVMutexHandle* unused = nullptr;
     {
         const SVGate gate;
-        if (--usersOfLock == 0 && handleGoes &&
-            svshared(SVSignalHandlerManager::numberOfManagers).load() == 0) {
-            unused = svshared(SVSignalHandlerManager::handlerTableLock).exchange(nullptr);
+        if (--usersOfLock == 0 && handleGoes && svshared(Manager::numberOfManagers).load() == 0) {
+            unused = svshared(Manager::handlerTableLock).exchange(nullptr);
         }
     }
     delete unused;
 }
 
 void makeSharedTables() noexcept {
-    if (svshared(SVSignalHandlerManager::handlerTables).load() == nullptr) {
+    if (svshared(Manager::handlerTables).load() == nullptr) {
         svregistry.begin();
-        SVSignalHandlerManager::signalDispositionSet.reset();
+        Manager::signalDispositionSet.reset();
     }
 }
 
@@ -84,21 +84,7 @@ void makeSharedTables() noexcept {
 unsigned int uncount() noexcept {
     const SVGate::Closed gate;
     --managersOutsideDispatch;
-    return svshared(SVSignalHandlerManager::numberOfManagers).fetch_sub(1) - 1;
-}
-
-// Others may have made managers since the count was found to be 0, and destroyed them again.
-SVFailure tearDownIfLast() noexcept {
-    if (svshared(SVSignalHandlerManager::numberOfManagers).load() != 0 ||
-        !svshared(SVSignalHandlerManager::currentlyHandlingSignals).load()) {
-        return SVFailure();
-    }
-    return SVSystemActions::handBackPreexisting().then([] {
-        svshared(SVSignalHandlerManager::currentlyHandlingSignals).store(false);
-        svregistry.end();
-        SVSignalHandlerManager::signalDispositionSet.reset();
-        return SVFailure();
-    });
+    return svshared(Manager::numberOfManagers).fetch_sub(1) - 1;
 }
 
 }  // namespace
@@ -113,7 +99,6 @@ SVSignalHandlerManager::SVSignalHandlerManager(bool locking)
         makeSharedTables();
         ++managersOutsideDispatch;
         svshared(numberOfManagers).fetch_add(1);
-        return SVFailure();
     });
 }
 
@@ -131,16 +116,10 @@ SVSignalHandlerManager::SVSignalHandlerManager(Dispatching)
 // A failure of the last manager's leaves the lock held, because the state that it guards is then
 // not one that others should go on with.
 SVSignalHandlerManager::~SVSignalHandlerManager() noexcept(false) {
-    SVFailure failure;
-    if (m_dispatching) {
-        failure = tearDownIf(svshared(numberOfManagers).fetch_sub(1) == 1);
-    } else {
-        SVLockedWithoutSignals scope(lockHandle());
-        failure = tearDownIf(uncount() == 0);
-        if (failure) {
-            scope.keepLocked();
-        }
-    }
+    const auto end = [this](unsigned int left) { return left == 0 ? tearDown() : SVFailure(); };
+    const SVFailure failure =
+        m_dispatching ? end(svshared(numberOfManagers).fetch_sub(1) - 1)
+                      : svunderLock(lockHandle(), true, [&end] { return end(uncount()); });
     if (m_locking) {
         endUseOfLock(!failure);
     }
@@ -149,33 +128,27 @@ SVSignalHandlerManager::~SVSignalHandlerManager() noexcept(false) {
 
 // Takes the lock once more, as restorePreviouslyExistingHandlers() does, but from before the gate
 // is closed until it is open again: all of it is one change. A dispatch inside the gate leaves it
-// to whom it has interrupted.
-SVFailure SVSignalHandlerManager::tearDownIf(bool last) {
-    if (!last || !svshared(currentlyHandlingSignals).load() || SVGate::closedByThisThreadQ()) {
+// to whom it has interrupted. Others may have made managers since the last one was, and destroyed
+// them again.
+SVFailure SVSignalHandlerManager::tearDown() {
+    if (!svshared(currentlyHandlingSignals).load() || SVGate::closedByThisThreadQ()) {
         return SVFailure();
     }
     const SVLocked scope(lockHandle());
     const SVGate gate;
-    return tearDownIfLast();
+    if (svshared(numberOfManagers).load() != 0 || !svshared(currentlyHandlingSignals).load()) {
+        return SVFailure();
+    }
+    return SVSystemActions::handBackPreexisting().then([] {
+        svshared(currentlyHandlingSignals).store(false);
+        svregistry.end();
+        signalDispositionSet.reset();
+    });
 }
 
 // Null for a manager that does not lock, and when there was no memory for a lock.
 SVMutexHandle* SVSignalHandlerManager::lockHandle() const {
     return m_locking ? svshared(handlerTableLock).load() : nullptr;
-}
-
-SVMutexHandle* SVSignalHandlerManager::lock() const {
-    SVMutexHandle* const handle = lockHandle();
-    if (handle != nullptr) {
-        handle->lock();
-    }
-    return handle;
-}
-
-void SVSignalHandlerManager::unlock(SVMutexHandle* handle) {
-    if (handle != nullptr) {
-        handle->unlock();
-    }
 }
 
 }  // namespace Sorvane

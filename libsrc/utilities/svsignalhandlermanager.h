@@ -189,10 +189,8 @@ private:
     struct Dispatching {};
     explicit SVSignalHandlerManager(Dispatching);
 
-    SVFailure tearDownIf(bool last);
+    SVFailure tearDown();
     SVMutexHandle* lockHandle() const;
-    SVMutexHandle* lock() const;
-    static void unlock(SVMutexHandle* handle);
 
     const bool m_locking;
     const bool m_dispatching;

@@ -4,6 +4,7 @@
 
 #include <cerrno>
 #include <csignal>
+#include <cstdint>
 
 #include "../support/svhandlercontext.h"
 #include "svarrival.h"
@@ -22,10 +23,6 @@ bool fatalQ(int signalNumber) noexcept {
     return signalNumber == SIGSEGV || signalNumber == SIGBUS || signalNumber == SIGHUP;
 }
 
-bool validQ(const SVSignalHandler& record) noexcept {
-    return record.validQ();
-}
-
 bool hostsOwnQ(const SVSignalHandler& record) noexcept {
     return (record.preExistsQ() || record.externalQ()) && record.validQ();
 }
@@ -34,7 +31,7 @@ bool hostsOwnQ(const SVSignalHandler& record) noexcept {
 // and sees what its handlers do to the table on the way, slot by slot. If the records have been
 // moved to other slots, it keeps to the slots that it has.
 //
-// A handler may call the library by hand for the very signal that it is being called for: whoever
+// A handler may call the library by hand for the very delivery that it is being called for: whoever
 // installs a handler after the library, and calls what that has displaced, does so if the signal is
 // taken over once more. Then the walk goes on from there; so each record is called once.
 class Dispatch {
@@ -44,82 +41,102 @@ public:
 
     bool hasHostsOwnQ() const { return svfirstRecord(m_table, hostsOwnQ) != nullptr; }
 
-    void callValid(void* information, void* context) { call(information, context, validQ); }
-    void callHostsOwn(void* information, void* context) { call(information, context, hostsOwnQ); }
+    void callValid(void* information, void* context) { call(information, context, false); }
+    void callHostsOwn(void* information, void* context) { call(information, context, true); }
 
-    /// This thread's innermost one whose handlers are being called, if it is for this signal;
-    /// otherwise null. One whose handler has left by siglongjmp does not count any more.
-    static Dispatch* calling(int signalNumber) noexcept {
-        Dispatch* const found = innermost;
-        return found != nullptr && found->m_self == found &&
-                       found->m_signalNumber == signalNumber && svbeingHandledQ(signalNumber)
-                   ? found
-                   : nullptr;
-    }
-
-    /// Calls the rest.
-    [[gnu::noinline]] void goOn() {
-        const Slot* slot = m_next;
-        while (slot != m_end) {
-            if (slot->state != svslotOccupied) {
-                ++slot;
-                continue;
-            }
-            // A copy is called, so that a handler that changes its own registration does not pull
-            // the record away from under the call.
-            SVSignalHandler record(slot->value);
-            const void* const function = slot->key;
-            ++slot;
-            if (m_test(record) && !(m_leftBehind && clearedQ(function))) {
-                m_next = slot;
-                record(m_information, m_context);
-                m_leftBehind = !m_pin.publishedQ() && !follow();
-                slot = m_next;
-            }
+    /// Calls the rest of the dispatch by one of whose handlers the library is being called by hand.
+    /// Result: whether it is. Parameters: frame, that of the library's handler.
+    static bool goOnIfCalledBack(int signalNumber, void* information, void* context,
+                                 const void* frame) {
+        const bool calledBack =
+            innermost.sameQ(signalNumber, information, context, frame) &&
+            innermost.dispatch->m_self == innermost.dispatch && svbeingHandledQ(signalNumber);
+        if (calledBack) {
+            innermost.dispatch->callRest();
         }
-        m_next = m_end;
+        return calledBack;
     }
 
 private:
     using Slot = SVSignalHandlerTable::Entry;
-    using Test = bool (*)(const SVSignalHandler&);
 
-    // While a dispatch is this thread's innermost.
+    // The dispatch of this thread that is calling handlers, if any, and what it was called for. It
+    // is not looked at before it is clear that it can be meant: a handler that leaves by siglongjmp
+    // leaves this behind, and what has been on the stack below is gone. Another delivery has a
+    // frame of its own; without the kernel's frame nobody can tell, and it is taken for the same.
+    struct Innermost {
+        Dispatch* dispatch;
+        const void* information;
+        int signalNumber;
+
+        bool sameQ(int itsSignal, const void* itsInformation, const void* itsContext,
+                   const void* frame) const noexcept {
+            return reinterpret_cast<std::uintptr_t>(dispatch) >
+                       reinterpret_cast<std::uintptr_t>(frame) &&
+                   itsSignal == signalNumber &&
+                   (itsInformation == information || !svkernelsQ(itsInformation, itsContext));
+        }
+    };
+    static constinit thread_local Innermost innermost __attribute__((tls_model("initial-exec")));
+
+    // While a dispatch is this thread's innermost. A handler may throw where it is not a signal
+    // that it is called for.
     class Calling {
     public:
-        explicit Calling(Dispatch& dispatch) noexcept : m_outer(innermost) {
-            innermost = &dispatch;
+        explicit Calling(const Innermost& dispatch) noexcept : m_outer(innermost) {
+            innermost = dispatch;
         }
         Calling(const Calling&) = delete;
         Calling& operator=(const Calling&) = delete;
         ~Calling() { innermost = m_outer; }
 
     private:
-        Dispatch* const m_outer;
+        const Innermost m_outer;
     };
 
-    // Calls what a test lets through, in slot order.
-    void call(void* information, void* context, Test test) {
+    void call(void* information, void* context, bool onlyHostsOwn) {
         if (m_table != nullptr) {
             m_information = information;
             m_context = context;
-            m_test = test;
+            m_onlyHostsOwn = onlyHostsOwn;
             m_next = m_table->table;
-            m_end = m_table->table + m_table->mask + 1;
-            const Calling calling(*this);
-            goOn();
+            const Calling calling({this, information, m_signalNumber});
+            callRest();
         }
     }
 
-    // Goes on with what is published now, if the records there stand in the same slots.
-    bool follow() noexcept {
+    // In slot order. A copy is called, so that a handler that changes its own registration does not
+    // pull the record away from under the call.
+    [[gnu::noinline]] void callRest() {
+        const Slot* end = m_table->table + m_table->mask + 1;
+        for (const Slot* slot = m_next; slot != end;) {
+            const Slot& current = *slot++;
+            if (current.state != svslotOccupied) {
+                continue;
+            }
+            SVSignalHandler record(current.value);
+            if (!(m_onlyHostsOwn ? hostsOwnQ(record) : record.validQ()) ||
+                (m_leftBehind && clearedQ(current.key))) {
+                continue;
+            }
+            m_next = slot;
+            record(m_information, m_context);
+            m_leftBehind = !m_pin.publishedQ() && !follow();
+            slot = m_next;
+            end = m_table->table + m_table->mask + 1;
+        }
+        m_next = end;
+    }
+
+    // Goes on with what is published now, if the records there stand in the same slots. This and
+    // the next one are rarely needed, and kept out of the loop.
+    [[gnu::noinline]] bool follow() noexcept {
         SVTablesPin now;
         SVSignalHandlerTable* const table = now.tableOf(m_signalNumber);
         if (endedQ() || table == nullptr || !svsameSlotsQ(*m_table, *table)) {
             return false;
         }
         m_next = table->table + (m_next - m_table->table);
-        m_end = table->table + table->mask + 1;
         m_table = table;
         m_pin.swap(now);
         return true;
@@ -128,7 +145,7 @@ private:
     // Whoever clears a handler whose turn has not come does not see it called any more: its module
     // may be about to go. The end of the whole registry is no clearing. A record is looked for slot
     // by slot, because a key behind a cleared one is not found by its hash any more.
-    bool clearedQ(const void* function) const noexcept {
+    [[gnu::noinline]] bool clearedQ(const void* function) const noexcept {
         const SVTablesPin now;
         const auto sameQ = [function](const SVSignalHandler& record) {
             return record.getHandlerFunction() == function;
@@ -137,22 +154,19 @@ private:
     }
     bool endedQ() const noexcept { return svregistry.timesEnded() != m_timesEnded; }
 
-    static constinit thread_local Dispatch* innermost __attribute__((tls_model("initial-exec")));
-
     const unsigned int m_timesEnded = svregistry.timesEnded();
     SVTablesPin m_pin;
     const int m_signalNumber;
     SVSignalHandlerTable* m_table;
-    bool m_leftBehind = false;  ///< by what is published, in which the records stand elsewhere
     const Dispatch* const m_self = this;
     void* m_information = nullptr;
     void* m_context = nullptr;
-    Test m_test = nullptr;
+    bool m_onlyHostsOwn = false;
+    bool m_leftBehind = false;  ///< by what is published, in which the records stand elsewhere
     const Slot* m_next = nullptr;
-    const Slot* m_end = nullptr;
 };
 
-constinit thread_local Dispatch* Dispatch::innermost = nullptr;
+constinit thread_local Dispatch::Innermost Dispatch::innermost = {nullptr, nullptr, 0};
 
 enum class Outcome { ownerChanged, late, called };
 
@@ -182,17 +196,20 @@ enum class Outcome { ownerChanged, late, called };
 // One attempt at a dispatch. Result: false if the signal changed hands before its records were
 // called; then all begins anew.
 bool dispatch(int signalNumber, siginfo* information, void* context) {
-    if (SVLeftAction::takes(signalNumber, information, context)) {
+    const SVArrival arrival(signalNumber);
+    const SVLeftAction::Taker taker = SVLeftAction::take(signalNumber, information, context);
+    if (taker == SVLeftAction::Taker::system) {
         return true;
     }
-    const SVArrival arrival(signalNumber);
-    switch (callRecords(arrival, signalNumber, information, context)) {
-        case Outcome::ownerChanged:
-            return false;
-        case Outcome::late:
-            return svsendOn(signalNumber, information, context);
-        case Outcome::called:
-            break;
+    if (taker == SVLeftAction::Taker::everybody) {
+        switch (callRecords(arrival, signalNumber, information, context)) {
+            case Outcome::ownerChanged:
+                return false;
+            case Outcome::late:
+                return svsendOn(signalNumber, information, context);
+            case Outcome::called:
+                break;
+        }
     }
     arrival.stayInstalled(information, context);
     return true;
@@ -253,11 +270,9 @@ extern "C" void actualSignalHandler(int signalNumber, siginfo* information, void
     using namespace Sorvane;
     const ErrnoKeeper errnoKeeper;
     const SVHandlerContext::Scope handlerScope;
-    if (!svcalledByKernelQ(__builtin_frame_address(0), context)) {
-        if (Dispatch* const calling = Dispatch::calling(signalNumber)) {
-            calling->goOn();
-            return;
-        }
+    if (Dispatch::goOnIfCalledBack(signalNumber, information, context,
+                                   __builtin_frame_address(0))) {
+        return;
     }
     // No locking: the thread that was interrupted, or another one, may hold the lock.
     SVSignalHandlerManager manager{SVSignalHandlerManager::Dispatching()};

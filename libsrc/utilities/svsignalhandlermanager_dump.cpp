@@ -11,11 +11,9 @@ namespace Sorvane {
 std::ostream& SVSignalHandlerManager::print(std::ostream& stream) const {
     const SVLocked scope(lockHandle());
     stream << "<SVSignalHandlerManager>";
-    stream << "<numberOfManagers>"
-           << static_cast<unsigned long>(svshared(SVSignalHandlerManager::numberOfManagers).load())
+    stream << "<numberOfManagers>" << static_cast<unsigned long>(svshared(numberOfManagers).load())
            << "</numberOfManagers>";
-    stream << "<currentlyHandlingSignals>"
-           << svshared(SVSignalHandlerManager::currentlyHandlingSignals).load()
+    stream << "<currentlyHandlingSignals>" << svshared(currentlyHandlingSignals).load()
            << "</currentlyHandlingSignals>";
     const SVTablesPin pin;
     svforEachSignal([&](int signalNumber) {

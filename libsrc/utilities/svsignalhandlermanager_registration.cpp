@@ -12,24 +12,17 @@ namespace {
 
 constexpr SVFailure noTable = svnoTableFailure(144);
 
-// Found out only when the signal is taken over by this: a question is no installation.
-SVFailure followHost(int signalNumber) noexcept {
-    if (SVOwnership::librarysQ(signalNumber)) {
-        return SVFailure();
-    }
-    struct sigaction hosts;
-    return SVSystemActions::ask(signalNumber, hosts).then([&] {
-        SVOwnAction::follow(signalNumber, hosts, svregistry.tableOf(signalNumber));
-        return SVFailure();
-    });
-}
-
-// Without the old action being kept, as it is when it is taken over by itself.
+// Installs the library for a record. If that takes the signal over, the library has the manner of
+// what the host had, although that is not kept.
 SVFailure installFor(int signalNumber) noexcept {
-    return followHost(signalNumber).then([signalNumber] {
-        struct sigaction displaced;
-        return SVSystemActions::takeOver(signalNumber, displaced);
-    });
+    struct sigaction hosts;
+    SVFailure failure;
+    if (!SVOwnership::librarysQ(signalNumber)) {
+        failure = SVSystemActions::askForHosts(signalNumber, hosts).then([&] {
+            SVOwnAction::follow(signalNumber, hosts, svregistry.tableOf(signalNumber));
+        });
+    }
+    return failure.then([&] { return SVSystemActions::takeOver(signalNumber, hosts); });
 }
 
 // While signals are being handled, the action that the operating system had for the signal is not
@@ -61,9 +54,10 @@ SVFailure clear(SVSignalHandler& record) noexcept {
         return SVFailure();
     }
     const bool goesBack = record.preExistsQ() && table->used == 1;
+    // The memory for the removal is had first: what has been handed back can't be had again.
     return svregistry.detach(signalNumber, noTable)
         .then([&] { return goesBack ? SVSystemActions::handBack(record) : SVFailure(); })
-        .then([&] { return svregistry.remove(signalNumber, function, noTable); });
+        .then([&] { svregistry.remove(signalNumber, function); });
 }
 
 }  // namespace

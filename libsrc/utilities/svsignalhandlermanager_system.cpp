@@ -16,11 +16,10 @@ namespace {
 constexpr unsigned int lineSigactionFailed = 346;
 
 SVFailure failureOf(int result) noexcept {
-    if (result == 0) {
-        return SVFailure();
-    }
-    return svmanagerFailure("installHandlerInSystem caught an error from sigaction.",
-                            lineSigactionFailed, svexceptionOperatingSystemCallFailed, errno);
+    return result == 0
+               ? SVFailure()
+               : svmanagerFailure("installHandlerInSystem caught an error from sigaction.",
+                                  lineSigactionFailed, svexceptionOperatingSystemCallFailed, errno);
 }
 
 }  // namespace
@@ -29,13 +28,31 @@ SVFailure SVSystemActions::ask(int signalNumber, struct sigaction& current) noex
     return failureOf(sigaction(signalNumber, nullptr, &current));
 }
 
+SVFailure SVSystemActions::askForHosts(int signalNumber, struct sigaction& hosts) noexcept {
+    const SVFailure failure = ask(signalNumber, hosts);
+    if (!failure && svownActionQ(hosts) && SVOwnership::Unsettled::anyQ(signalNumber) &&
+        SVOwnership::handedBackQ(SVOwnership::count(signalNumber))) {
+        hosts = SVOwnership::actionOfHost(signalNumber);
+    }
+    return failure;
+}
+
 SVFailure SVSystemActions::install(int signalNumber, const struct sigaction& wanted,
                                    struct sigaction& previous) noexcept {
     return failureOf(sigaction(signalNumber, &wanted, &previous));
 }
 
 SVFailure SVSystemActions::installOwn(int signalNumber, struct sigaction& previous) noexcept {
-    return install(signalNumber, SVOwnAction::of(signalNumber), previous);
+    SVFailure failure;
+    struct sigaction* displaced = &previous;
+    unsigned int seen = 0;
+    do {
+        seen = SVOwnAction::changes(signalNumber);
+        const struct sigaction own = SVOwnAction::of(signalNumber);
+        failure = failureOf(sigaction(signalNumber, &own, displaced));
+        displaced = nullptr;
+    } while (!failure && seen != SVOwnAction::changes(signalNumber));
+    return failure;
 }
 
 SVFailure SVSystemActions::takeOver(int signalNumber, struct sigaction& previous) noexcept {
@@ -51,6 +68,7 @@ SVFailure SVSystemActions::handBack(SVSignalHandler& record) noexcept {
     const bool librarys = SVOwnership::librarysQ(signalNumber);
     const struct sigaction action = record.getOSStruct();
     struct sigaction previous;
+    // A trapped system call's handler may come in between, for this very signal.
     const SVOwnership::Unsettled unsettled(signalNumber);
     SVOwnership::beginHandBack(signalNumber, action);
     const SVFailure failure = install(signalNumber, action, previous);

@@ -1,5 +1,7 @@
 // Taking signals over and handing them back, and the dispositions that say which ones.
 
+#include <optional>
+
 #include "../registry/svownership.h"
 #include "svownaction.h"
 #include "svsharedstate.h"
@@ -20,38 +22,22 @@ bool allowedQ(int signalNumber) noexcept {
     return SVSignalHandlerManager::signalDispositionSet.getSignalDisposition(signalNumber);
 }
 
-// What the host has for a signal that is to be taken over. A dispatch that has installed the
-// library and not yet looked whose the signal is hides that; see svownership.h.
-SVFailure askForActionOfHost(int signalNumber, struct sigaction& action) noexcept {
-    const SVFailure failure = SVSystemActions::ask(signalNumber, action);
-    if (!failure && svownActionQ(action) && SVOwnership::Unsettled::anyQ(signalNumber) &&
-        SVOwnership::handedBackQ(SVOwnership::count(signalNumber))) {
-        action = SVOwnership::actionOfHost(signalNumber);
-    }
-    return failure;
-}
-
 // The host's handler is put on record before the swap, so that it is on record, for whoever looks,
 // as soon as the library is installed. If the host replaces it just between, its new one counts.
 SVFailure swap(int signalNumber) noexcept {
     struct sigaction host;
     struct sigaction displaced;
     bool kept = false;
-    SVFailure failure = askForActionOfHost(signalNumber, host).then([&] {
-        return svkeepOnRecord(signalNumber, host, kept);
+    const auto keep = [&] { return svkeepOnRecord(signalNumber, host, kept); };
+    return SVSystemActions::askForHosts(signalNumber, host).then(keep).then([&] {
+        const SVFailure failure = SVSystemActions::takeOver(signalNumber, displaced);
+        const bool replaced =
+            !failure && !svownActionQ(displaced) && !svsameActionQ(displaced, host);
+        if (kept && (failure || replaced)) {
+            svregistry.remove(signalNumber, reinterpret_cast<void*>(host.sa_sigaction));
+        }
+        return replaced ? svkeepDisplaced(signalNumber, displaced) : failure;
     });
-    if (failure) {
-        return failure;
-    }
-    failure = SVSystemActions::takeOver(signalNumber, displaced);
-    const bool replaced = !failure && !svownActionQ(displaced) && !svsameActionQ(displaced, host);
-    if (kept && (failure || replaced)) {
-        svregistry.remove(signalNumber, reinterpret_cast<void*>(host.sa_sigaction), noTable);
-    }
-    return replaced ? svkeepOnRecord(signalNumber, displaced, kept).then([signalNumber] {
-        return SVSystemActions::renewOwn(signalNumber);
-    })
-                    : failure;
 }
 
 SVFailure takeOver(int signalNumber) noexcept {
@@ -102,6 +88,13 @@ SVFailure svkeepOnRecord(int signalNumber, struct sigaction action, bool& kept) 
     });
 }
 
+SVFailure svkeepDisplaced(int signalNumber, const struct sigaction& action) noexcept {
+    bool kept = false;
+    return svkeepOnRecord(signalNumber, action, kept).then([signalNumber] {
+        return SVSystemActions::renewOwn(signalNumber);
+    });
+}
+
 void SVSignalHandlerManager::handleSignal(int signalNumber) {
     svchange(lockHandle(), [&] { return takeOver(signalNumber); });
 }
@@ -112,12 +105,12 @@ void SVSignalHandlerManager::startHandlingSignals() {
     if (svshared(currentlyHandlingSignals).load()) {
         return;
     }
-    SVMutexHandle* handle = lock();
+    auto scope = std::make_optional<SVLocked>(lockHandle());
     svforEachSignal([&](int signalNumber) {
         if (hasRecordsQ(SVTablesPin().tableOf(signalNumber))) {
-            unlock(handle);
+            scope.reset();
             handleSignal(signalNumber);
-            handle = lock();
+            scope.emplace(lockHandle());
         }
     });
     SVFailure failure;
@@ -125,12 +118,9 @@ void SVSignalHandlerManager::startHandlingSignals() {
         const SVGate::SignalsHeldBack signalsHeldBack;
         {
             const SVGate::Closed gate;
-            failure = takeOverRest();
-            if (!failure) {
-                svshared(currentlyHandlingSignals).store(true);
-            }
+            failure = takeOverRest().then([] { svshared(currentlyHandlingSignals).store(true); });
         }
-        unlock(handle);
+        scope.reset();
     }
     failure.throwIfAny();
 }
@@ -152,10 +142,7 @@ void SVSignalHandlerManager::stopHandlingSignals() {
                 failure = handBack(signalNumber, ignoreHandler(signalNumber));
             }
         });
-        if (!failure) {
-            svshared(currentlyHandlingSignals).store(false);
-        }
-        return failure;
+        return failure.then([] { svshared(currentlyHandlingSignals).store(false); });
     });
 }
 

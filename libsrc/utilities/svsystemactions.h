@@ -15,11 +15,16 @@ namespace SVSystemActions {
 /// Errors: that of installHandlerInSystem().
 SVFailure ask(int signalNumber, struct sigaction& current) noexcept;
 
+/// Asks for what the host has for a signal that is to be taken over. A dispatch that has installed
+/// the library and not yet looked whose the signal is hides that; see svownership.h.
+/// Errors: as above. Signal context: inside the gate.
+SVFailure askForHosts(int signalNumber, struct sigaction& hosts) noexcept;
+
 /// Installs an action, and tells the one before. Errors: as above.
 SVFailure install(int signalNumber, const struct sigaction& wanted,
                   struct sigaction& previous) noexcept;
 
-/// Installs the library's own action. Errors: as above.
+/// Installs the library's own action as it is now, and tells the one before. Errors: as above.
 SVFailure installOwn(int signalNumber, struct sigaction& previous) noexcept;
 
 /// Installs the library's own action, and the signal is the library's from now on; or a record's
@@ -43,6 +48,10 @@ SVFailure handBackPreexisting() noexcept;
 /// or its function has a record, and follows it from now on. Parameters: kept, set if it was kept
 /// now. Errors: those of handleSignal() for want of memory. Signal context: inside the gate.
 SVFailure svkeepOnRecord(int signalNumber, struct sigaction action, bool& kept) noexcept;
+
+/// Does the same with an action that the library has displaced, and installs the library's own as
+/// it is by then. Errors: as above, and that of installHandlerInSystem(). Signal context: as above.
+SVFailure svkeepDisplaced(int signalNumber, const struct sigaction& action) noexcept;
 
 }  // namespace Sorvane
 

@@ -1,6 +1,7 @@
 // What comes between the installations of an operation, or instead of one: the host's own, and the
 // kernel's refusal.
 
+#include <../registry/svgate.h>
 #include <../registry/svownership.h>
 #include <gtest/gtest.h>
 #include <sorvane/svsignalhandlermanager.h>
@@ -16,6 +17,7 @@
 #include "support/failure.h"
 #include "support/joining_thread.h"
 #include "support/manager_fixture.h"
+#include "support/sanitizers.h"
 #include "support/system_call_filter.h"
 #include "support/watched_lock.h"
 
@@ -79,6 +81,60 @@ TEST_F(HostInMidTakeOver, LeavesARecordThatItsNewHandlerHasAlready) {
     EXPECT_FALSE(record->preExistsQ());
 }
 
+// --- Switching on and off ----------------------------------------------------------------------
+
+class Switching : public OneManagerTest {
+protected:
+    ~Switching() noexcept override = default;
+};
+
+TEST_F(Switching, InstallsOnceForASignalEachTime) {
+    hostInstalls(theSignal, hostHandler);
+    m_manager.setHandlerFromFunction(theSignal, userHandler);
+    unsigned int installations = 0;
+    {
+        const StretchedSigaction stretched(theSignal, When::after,
+                                           [&installations] { ++installations; });
+        m_manager.startHandlingSignals();
+    }
+    EXPECT_EQ(installations, 1U);
+    {
+        const StretchedSigaction stretched(theSignal, When::after,
+                                           [&installations] { ++installations; });
+        m_manager.stopHandlingSignals();
+    }
+    EXPECT_EQ(installations, 2U);
+}
+
+// It is taken over at the end of the start, because its turn has passed.
+TEST_F(Switching, TakesWhatWasRegisteredMeanwhileOverInsideTheGateWithSignalsHeldBack) {
+    m_manager.setHandlerFromFunction(SIGTERM, userHandler);
+    const std::shared_ptr<LockLog> log = WatchedLock::putInPlace();
+    bool first = true;
+    log->onFree = [&] {
+        if (std::exchange(first, false)) {
+            JoiningThread([] {
+                Manager(true).setHandlerFromFunction(theSignal, userHandler);
+            }).join();
+        }
+    };
+    bool closed = false;
+    bool heldBack = false;
+    {
+        const StretchedSigaction stretched(theSignal, When::before, [&] {
+            sigset_t mask;
+            pthread_sigmask(SIG_BLOCK, nullptr, &mask);
+            closed = Sorvane::SVGate::closedByThisThreadQ();
+            heldBack = sigismember(&mask, SIGUSR2) == 1;
+        });
+        m_manager.startHandlingSignals();
+    }
+    log->onFree = nullptr;
+    EXPECT_TRUE(takenOverQ(theSignal));
+    EXPECT_TRUE(closed);
+    EXPECT_TRUE(heldBack || builtWithThreadSanitizer) << "which keeps the mask to itself";
+}
+
 // --- The kernel refuses ------------------------------------------------------------------------
 
 // On a thread of its own, because the kernel goes on refusing.
@@ -116,6 +172,26 @@ TEST_F(RefusedInstallation, OfATakeOverLeavesARecordThatWasThereBefore) {
         m_manager.handleSignal(theSignal);
     });
     EXPECT_NE(recordOf(theSignal, hostHandler), nullptr);
+}
+
+// Which is no handler that the host had, and has a record all the same.
+TEST_F(RefusedInstallation, OfATakeOverLeavesAUsersRecordOfTheDefaultAction) {
+    m_manager.setHandlerFromFunction(theSignal, SIG_DFL);
+    expectRefusal([this] {
+        refuse(theSignal);
+        m_manager.handleSignal(theSignal);
+    });
+    EXPECT_EQ(recordCount(theSignal), 1U);
+}
+
+TEST_F(RefusedInstallation, OfAHandBackOfWhatTheHostHasLeavesItTheHosts) {
+    makeTableOf(m_manager, theSignal);
+    expectRefusal([this] {
+        refuse(theSignal);
+        m_manager.stopHandlingSignal(theSignal);
+    });
+    EXPECT_TRUE(defaultInSystemQ(theSignal));
+    EXPECT_FALSE(Sorvane::SVOwnership::librarysQ(theSignal));
 }
 
 TEST_F(RefusedInstallation, OfAHandBackLeavesTheSignalTakenOver) {

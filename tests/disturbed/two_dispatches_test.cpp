@@ -1,10 +1,12 @@
 // A dispatch of a signal on another thread, while the signal changes hands: what its end installs
 // and puts back is not what has been decided meanwhile.
 
+#include <../registry/svownership.h>
 #include <gtest/gtest.h>
 
 #include <atomic>
 #include <csignal>
+#include <vector>
 
 #include "disturbed/limited_child.h"
 #include "disturbed/other_dispatch.h"
@@ -13,6 +15,7 @@
 #include "support/gate_waiter.h"
 #include "support/joining_thread.h"
 #include "support/observed_handlers.h"
+#include "support/shared_state.h"
 #include "support/system_actions.h"
 
 namespace {
@@ -150,6 +153,33 @@ TEST(DispatchBesideHandBacks, LeavesTheLastOneDoneIfItWasThereBefore) {
     });
 }
 
+// It reads the count in the middle of the last one, and displaces what the one before installed.
+TEST(DispatchBesideHandBacks, LeavesTheLastOneDoneIfItEndsInItsMidst) {
+    expectToGoOn([] {
+        TakenOver signal;
+        signal.stop();
+        hostInstalls(theSignal, otherHostHandler);
+        signal.takeOver();
+        const std::vector<void*> restored = functionsInSlotOrder(theSignal);
+        ASSERT_EQ(restored.size(), 2U);
+        OtherDispatch other(theSignal, When::after, [](unsigned int) {});
+        unsigned int installations = 0;
+        bool moment = false;
+        {
+            const StretchedSigaction stretched(theSignal, When::before, [&] {
+                if (++installations == 2) {
+                    OtherDispatch::letGo();
+                    moment = waitUpTo(childPatience, [] { return takenOverQ(theSignal); });
+                }
+            });
+            signal.manager.restorePreviouslyExistingHandlers();
+        }
+        other.join();
+        EXPECT_TRUE(moment) << "the moment did not come";
+        EXPECT_TRUE(hasQ(restored.back()));
+    });
+}
+
 TEST(DispatchBesideHandBacks, PutsBackWhatTheHostHasInstalledSince) {
     expectToGoOn([] {
         TakenOver signal;
@@ -204,6 +234,19 @@ TEST(TakeOverOfTheLibraryInstalledByHand, KeepsNothingThatTheHostHadBefore) {
         hostInstalls(theSignal, actualSignalHandler);
         signal.takeOver();
         EXPECT_TRUE(takenOverQ(theSignal));
+        EXPECT_FALSE(signal.manager.hasPreexistingOrExternalHandlerQ(theSignal));
+    });
+}
+
+// It hides nothing then.
+TEST(TakeOverBesideADispatch, OfASignalThatTheLibraryHasKeepsNothingThatTheHostHadBefore) {
+    expectToGoOn([] {
+        TakenOver signal;
+        signal.clearHost();
+        hostInstalls(theSignal, SIG_DFL);
+        signal.takeOver();
+        const Sorvane::SVOwnership::Unsettled byAnotherDispatch(theSignal);
+        signal.takeOver();
         EXPECT_FALSE(signal.manager.hasPreexistingOrExternalHandlerQ(theSignal));
     });
 }

@@ -1,6 +1,7 @@
 // SIGTRAP taken over by the library, whose handlers then are called after each instruction of an
 // operation, inside the gate, too: what is published is whole there, with the change made or not.
 
+#include <../registry/svownership.h>
 #include <gtest/gtest.h>
 #include <ucontext.h>
 
@@ -261,6 +262,29 @@ TEST(LibraryStepsThroughItsOwn, Walk) {
     stepByTheLibrary(
         {{0, 1}}, [] { prepareTraps(2); },
         [] { manager->hasPreexistingOrExternalHandlerQ(SIGTRAP); });
+}
+
+// The signal that steps is itself handed back: each trap comes to somebody, and the host has it
+// then.
+unsigned int trapsOfHost;
+
+void countForTheHost(int) {
+    ++trapsOfHost;
+}
+
+TEST(SteppedHandBackOfTheSignalThatSteps, LeavesItToTheHostAtAnyInstruction) {
+    SKIP_WITHOUT_STEPS();
+    hostInstalls(SIGTRAP, countForTheHost);
+    Manager stepped(false);
+    stepped.handleSignal(SIGTRAP);
+    {
+        const SingleSteps steps;
+        stepped.stopHandlingSignal(SIGTRAP);
+    }
+    EXPECT_GT(trapsOfHost, 300U);
+    EXPECT_EQ(systemHandler(SIGTRAP), reinterpret_cast<void*>(&countForTheHost));
+    EXPECT_FALSE(Sorvane::SVOwnership::librarysQ(SIGTRAP));
+    hostInstalls(SIGTRAP, SIG_DFL);
 }
 
 }  // namespace
