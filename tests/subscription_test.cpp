@@ -23,6 +23,7 @@ using Sorvane::SVIgnoredSignal;
 using Subscription = Sorvane::SVSignalSubscription;
 
 constexpr int theSignal = SIGUSR1;
+const std::vector<int> noSignals;
 
 static_assert(std::is_base_of_v<Sorvane::SVObject, Subscription>);
 static_assert(!std::is_copy_constructible_v<Subscription> &&
@@ -109,7 +110,7 @@ TEST_F(SubscriptionBegins, NotIfTheHostIgnoresTheSignal) {
     const KernelActions before = kernelActions();
     const Subscription subscription(theSignal, userHandler);
     EXPECT_FALSE(subscription.activeQ());
-    EXPECT_EQ(kernelActions(), before);
+    EXPECT_EQ(changedSince(before), noSignals);
     EXPECT_EQ(recordCount(theSignal), 0U);
     raise(theSignal);
     EXPECT_EQ(callCount(), 0U);
@@ -384,7 +385,7 @@ TEST_F(SubscriptionAndStop, IsActiveAfterItsRenewal) {
         EXPECT_EQ(callsOf(userHandler), 1U);
         EXPECT_EQ(recordCount(theSignal), 2U);
     }
-    EXPECT_EQ(kernelActions(), before);
+    EXPECT_EQ(changedSince(before), noSignals);
 }
 
 TEST_F(SubscriptionAndStop, OfASignalThatNobodyHadRenewsItAllTheSame) {
@@ -397,7 +398,7 @@ TEST_F(SubscriptionAndStop, OfASignalThatNobodyHadRenewsItAllTheSame) {
         raise(theSignal);
         EXPECT_EQ(callsOf(userHandler), 1U);
     }
-    EXPECT_EQ(kernelActions(), before) << "it is the library that has left it ignored";
+    EXPECT_EQ(changedSince(before), noSignals) << "it is the library that has left it ignored";
 }
 
 TEST_F(SubscriptionAndStop, LeavesAnIgnoredSignalIfTheEndComesFirst) {

@@ -6,7 +6,9 @@
 #include <unistd.h>
 
 #include <array>
+#include <cstddef>
 #include <cstdint>
+#include <vector>
 
 /// An action as the kernel tells it.
 struct KernelAction {
@@ -27,6 +29,19 @@ inline KernelActions kernelActions() {
         syscall(SYS_rt_sigaction, ++signalNumber, nullptr, &action, sizeof(action.mask));
     }
     return actions;
+}
+
+/// The signals for which something else is installed than before. With its first thread the C
+/// library installs a handler of its own, which then counts, too.
+inline std::vector<int> changedSince(const KernelActions& before) {
+    const KernelActions now = kernelActions();
+    std::vector<int> signals;
+    for (std::size_t i = 0; i < now.size(); ++i) {
+        if (now[i] != before[i]) {
+            signals.push_back(static_cast<int>(i) + 1);
+        }
+    }
+    return signals;
 }
 
 #endif
