@@ -76,6 +76,9 @@ TEST_F(SubscriptionEnds, WithTheHostsHandlerAsItWas) {
 
 TEST_F(SubscriptionEnds, WithTheDefaultActionThatNobodyEverTouched) {
     const ChildEnd end = inChild([] {
+        // The C library's function would leave a mark.
+        const KernelAction untouched = {};
+        syscall(SYS_rt_sigaction, theSignal, &untouched, nullptr, sizeof(untouched.mask));
         const KernelActions before = kernelActions();
         { const Subscription subscription(theSignal, userHandler); }
         expectNoTrace(before);
