@@ -205,6 +205,109 @@ TEST_F(SubscriptionEnds, AndWhatTheHostInstalledMeanwhileIsTakenOverByTheNextOne
     expectNoTrace(before);
 }
 
+// --- Whoever calls what it has displaced
+// -----------------------------------------------------------
+
+struct sigaction displaced;
+
+void chainsWithAll(int signalNumber, siginfo* information, void* context) {
+    noteCall(addressOf(chainsWithAll), signalNumber, information, context);
+    displaced.sa_sigaction(signalNumber, information, context);
+}
+
+void chainsWithTheNumber(int signalNumber) {
+    noteCall(addressOf(chainsWithTheNumber), signalNumber);
+    displaced.sa_handler(signalNumber);
+}
+
+// The first delivery may look like one that was on its way when the subscription ended.
+void expectTheChainToReachTheHost(void* chaining) {
+    raise(theSignal);
+    for (int times = 0; times < 3; ++times) {
+        forgetCalls();
+        raise(theSignal);
+        EXPECT_EQ(callsOfAddress(chaining), 1U);
+        EXPECT_EQ(callsOf(hostHandler), 1U);
+        EXPECT_EQ(systemHandler(theSignal), chaining);
+    }
+    EXPECT_EQ(callsOf(userHandler), 0U);
+}
+
+TEST_F(SubscriptionEnds, AndAHandlerThatCallsTheLibraryByHandReachesTheHosts) {
+    hostInstalls(theSignal, hostHandler);
+    {
+        const Subscription subscription(theSignal, userHandler);
+        struct sigaction chaining = {};
+        chaining.sa_sigaction = chainsWithAll;
+        chaining.sa_flags = SA_SIGINFO;
+        sigaction(theSignal, &chaining, &displaced);
+    }
+    expectTheChainToReachTheHost(addressOf(chainsWithAll));
+}
+
+TEST_F(SubscriptionEnds, AndAHandlerThatCallsTheLibraryByHandWithTheNumberAloneReachesTheHosts) {
+    hostInstalls(theSignal, hostHandler);
+    {
+        const Subscription subscription(theSignal, userHandler);
+        struct sigaction chaining = {};
+        chaining.sa_handler = chainsWithTheNumber;
+        sigaction(theSignal, &chaining, &displaced);
+    }
+    expectTheChainToReachTheHost(addressOf(chainsWithTheNumber));
+}
+
+// The library stood for another one that calls it by hand.
+TEST_F(SubscriptionEnds, AndHandlersThatCallTheLibraryInTurnsEnd) {
+    hostInstalls(theSignal, chainsWithTheNumber);
+    displaced.sa_sigaction = &actualSignalHandler;
+    {
+        const Subscription subscription(theSignal, userHandler);
+        struct sigaction chaining = {};
+        chaining.sa_sigaction = chainsWithAll;
+        chaining.sa_flags = SA_SIGINFO;
+        sigaction(theSignal, &chaining, &displaced);
+    }
+    raise(theSignal);
+    for (int times = 0; times < 3; ++times) {
+        forgetCalls();
+        raise(theSignal);
+        EXPECT_EQ(callsOf(chainsWithAll), 1U);
+        EXPECT_EQ(callsOf(chainsWithTheNumber), 1U);
+        EXPECT_EQ(systemHandler(theSignal), addressOf(chainsWithAll));
+    }
+}
+
+TEST_F(SubscriptionEnds, AndAHandlerThatHasItsPlaceBackAndCallsTheLibraryByHandIsCalledOnce) {
+    {
+        const Subscription subscription(theSignal, userHandler);
+        struct sigaction chaining = {};
+        chaining.sa_sigaction = chainsWithAll;
+        chaining.sa_flags = SA_SIGINFO;
+        sigaction(theSignal, &chaining, &displaced);
+    }
+    { const Subscription subscription(theSignal, userHandler); }
+    raise(theSignal);
+    for (int times = 0; times < 3; ++times) {
+        forgetCalls();
+        raise(theSignal);
+        EXPECT_EQ(callsOf(chainsWithAll), 1U);
+        EXPECT_EQ(systemHandler(theSignal), addressOf(chainsWithAll));
+    }
+}
+
+TEST_F(SubscriptionEnds, AndAHandlerThatCallsTheLibraryByHandKeepsItsPlaceWhereNobodyHadOne) {
+    {
+        const Subscription subscription(theSignal, userHandler);
+        struct sigaction chaining = {};
+        chaining.sa_sigaction = chainsWithAll;
+        chaining.sa_flags = SA_SIGINFO;
+        sigaction(theSignal, &chaining, &displaced);
+    }
+    raise(theSignal);
+    raise(theSignal);
+    EXPECT_EQ(systemHandler(theSignal), addressOf(chainsWithAll));
+}
+
 // --- Behind a cleared slot -----------------------------------------------------------------------
 
 // Of entries whose search begins at one slot, the second one's record lies behind the first one's.

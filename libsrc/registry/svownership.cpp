@@ -100,6 +100,10 @@ void SVOwnership::leaveForGood(int signalNumber) noexcept {
     leavings[numberOf(signalNumber)].fetch_add(1);
 }
 
+bool SVOwnership::leftForGoodQ(int signalNumber) noexcept {
+    return handedBackQ(count(signalNumber)) && handBacks[numberOf(signalNumber)].thread == nullptr;
+}
+
 unsigned int SVOwnership::timesLeft(int signalNumber) noexcept {
     return leavings[numberOf(signalNumber)].load();
 }

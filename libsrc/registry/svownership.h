@@ -38,7 +38,8 @@
 // the host is on record any more. The ignoring that the library leaves, where nobody had a handler,
 // is not the host's; it does not replace what is remembered. A signal is also left for good by one
 // of its handlers, so no dispatch takes it back, and a walk that is under way goes on to the host's
-// handlers, whose records are gone.
+// handlers, whose records are gone. Whoever calls the library by hand then has displaced it, and
+// means what it stood for: the host's handler.
 #ifndef SORVANE_SVOWNERSHIP_H
 #define SORVANE_SVOWNERSHIP_H
 
@@ -102,6 +103,9 @@ const struct sigaction& hostsActionIf(int signalNumber, const struct sigaction& 
 
 /// The hand-back that has begun leaves the signal for good.
 void leaveForGood(int signalNumber) noexcept;
+
+/// Whether the signal is the host's because it was left for good.
+bool leftForGoodQ(int signalNumber) noexcept;
 
 /// How often a signal was left for good. Signal context: any.
 unsigned int timesLeft(int signalNumber) noexcept;
