@@ -71,17 +71,19 @@ Receiver receiverOf(int signalNumber, bool delivered, struct sigaction& action) 
 }
 
 // The call of this thread's for what the library has displaced. That may call the library by hand
-// again, which ends there. It is told from the next delivery as a dispatch is that is called back.
+// again, which ends there. It is told from the next delivery as a dispatch is that is called back:
+// that has a frame of its own; without the kernel's frame nobody can tell, and it is taken for the
+// same.
 struct Displaced {
     const void* frame;
     const siginfo* information;
     int signalNumber;
 
-    bool calledBackQ(const Displaced& inner) const noexcept {
+    bool calledBackQ(const Displaced& inner, const void* context) const noexcept {
         return reinterpret_cast<std::uintptr_t>(frame) >
                    reinterpret_cast<std::uintptr_t>(inner.frame) &&
                signalNumber == inner.signalNumber &&
-               (information == inner.information || inner.information == nullptr);
+               (information == inner.information || !svkernelsQ(inner.information, context));
     }
 };
 constinit thread_local Displaced innermost
@@ -90,7 +92,7 @@ constinit thread_local Displaced innermost
 void callDisplaced(int signalNumber, struct sigaction& action, siginfo* information,
                    void* context) {
     const Displaced call = {__builtin_frame_address(0), information, signalNumber};
-    if (!innermost.calledBackQ(call)) {
+    if (!innermost.calledBackQ(call, context)) {
         const Displaced outer = innermost;
         innermost = call;
         SVSignalHandler(signalNumber, action, true, true, true)(information, context);
