@@ -163,6 +163,18 @@ TEST_F(SubscriptionEnds, WithWhatTheHostHadWhenItWasTakenOverLast) {
     expectNoTrace(before);
 }
 
+// Whoever takes the signal over once more finds what a handler has just left there.
+TEST_F(SubscriptionEnds, WithWhatTheHostHadBeforeAnybodyCame) {
+    hostIgnoresWithMaskAndFlags(theSignal);
+    const KernelActions before = kernelActions();
+    {
+        const Subscription subscription(theSignal, userHandler, SVIgnoredSignal::takeOver);
+        signal(theSignal, SIG_DFL);
+        const Subscription other(theSignal, otherUserHandler, SVIgnoredSignal::takeOver);
+    }
+    expectNoTrace(before);
+}
+
 // --- What the host installs meanwhile ------------------------------------------------------------
 
 TEST_F(SubscriptionEnds, WithTheHandlerThatTheHostInstalledMeanwhile) {

@@ -116,6 +116,31 @@ TEST_F(EndOfASubscription, LetsSignalsInWhileItWaits) {
     goOn.open();
 }
 
+std::atomic<unsigned int> depth{0};
+
+void isInterruptedByItselfAndStaysInside(int signalNumber) {
+    if (depth.fetch_add(1) == 0) {
+        const sigset_t itself = setOf({signalNumber});
+        pthread_sigmask(SIG_UNBLOCK, &itself, nullptr);
+        raise(signalNumber);
+        staysInside(signalNumber);
+    }
+}
+
+TEST_F(EndOfASubscription, WaitsForTheOuterCallOfAHandlerThatWasInterruptedByItself) {
+    auto subscription =
+        std::make_unique<Subscription>(theSignal, isInterruptedByItselfAndStaysInside);
+    JoiningThread other([] { raise(theSignal); });
+    inside.pass();
+    EXPECT_EQ(depth, 2U);
+    Ender ender(subscription);
+    ender.waitUntilItWaits();
+    EXPECT_FALSE(ender.doneQ());
+    goOn.open();
+    ender.join();
+    EXPECT_FALSE(ender.sawItRunningQ());
+}
+
 TEST_F(EndOfASubscription, WaitsForNoOtherHandlerOfItsSignal) {
     const Subscription staying(theSignal, staysInside);
     auto subscription = std::make_unique<Subscription>(theSignal, userHandler);
