@@ -22,6 +22,12 @@ constinit HandBack handBacks[highestSignal + 1] = {};
 constinit struct sigaction hosts[highestSignal + 1] = {};
 constinit std::atomic<unsigned int> leavings[highestSignal + 1];
 
+// The C library has a flag for its own way back from a handler.
+bool sameFlagsQ(const struct sigaction& one, const struct sigaction& other) noexcept {
+    constexpr int restorerFlag = 0x04000000;
+    return ((one.sa_flags ^ other.sa_flags) & ~restorerFlag) == 0;
+}
+
 int numberOf(int signalNumber) noexcept {
     return signalExistsQ(signalNumber) ? signalNumber : 0;
 }
@@ -89,8 +95,9 @@ void SVOwnership::rememberHosts(int signalNumber, const struct sigaction& displa
 
 const struct sigaction& SVOwnership::hostsActionIf(int signalNumber,
                                                    const struct sigaction& found) noexcept {
-    const bool leftIgnored = found.sa_handler == SIG_IGN && handedBackQ(count(signalNumber)) &&
-                             svsameActionQ(found, actionOfHost(signalNumber));
+    const struct sigaction& left = actionOfHost(numberOf(signalNumber));
+    const bool leftIgnored = found.sa_handler == SIG_IGN && left.sa_handler == SIG_IGN &&
+                             handedBackQ(count(signalNumber)) && sameFlagsQ(found, left);
     return leftIgnored ? hostsAction(signalNumber) : found;
 }
 
@@ -119,17 +126,15 @@ bool SVOwnership::sendsOnFirstQ(int signalNumber) noexcept {
     return true;
 }
 
-// As the operating system tells them: the C library has a flag for its own way back from a handler,
-// and the kernel lets nobody hold SIGKILL and SIGSTOP back.
+// As the operating system tells them: the kernel lets nobody hold SIGKILL and SIGSTOP back.
 bool svsameActionQ(const struct sigaction& one, const struct sigaction& other) noexcept {
-    constexpr int restorerFlag = 0x04000000;
     const auto heldBack = [](const struct sigaction& action) {
         std::uint64_t signals = 0;
         std::memcpy(&signals, &action.sa_mask, sizeof(signals));
         return signals & ~(std::uint64_t{1} << (SIGKILL - 1) | std::uint64_t{1} << (SIGSTOP - 1));
     };
-    return ((one.sa_flags ^ other.sa_flags) & ~restorerFlag) == 0 &&
-           one.sa_handler == other.sa_handler && heldBack(one) == heldBack(other);
+    return sameFlagsQ(one, other) && one.sa_handler == other.sa_handler &&
+           heldBack(one) == heldBack(other);
 }
 
 }  // namespace Sorvane
