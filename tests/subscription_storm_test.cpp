@@ -1,5 +1,6 @@
 // Subscriptions that come and go on several threads while their signals arrive.
 
+#include <../registry/svownership.h>
 #include <gtest/gtest.h>
 #include <sorvane/svsignalsubscription.h>
 #include <unistd.h>
@@ -158,6 +159,44 @@ TEST_F(SubscriptionStorm, CallsASteadyOneOnceForEachSignal) {
     EXPECT_GT(ended, 100U);
     EXPECT_EQ(calledAfterItsEnd, 0U);
     EXPECT_EQ(systemHandler(queuedSignal()), reinterpret_cast<void*>(hosts));
+}
+
+bool pendingQ(int signalNumber) {
+    sigset_t pending;
+    sigpending(&pending);
+    return sigismember(&pending, signalNumber) == 1;
+}
+
+// A delivery that begins when a subscription has the signal reaches that, the next one, or the
+// host, to whom it is sent on. Here it stays pending.
+TEST_F(SubscriptionStorm, SendsOnWhatFindsNobodyAnyMore) {
+    hostInstalls(queuedSignal(), SIG_DFL);
+    const BlockedSignals held{queuedSignal()};
+    const sigset_t own = setOf({queuedSignal()});
+    const timespec atOnce = {0, 0};
+    siginfo information = {};
+    information.si_signo = queuedSignal();
+    information.si_code = SI_QUEUE;
+    std::vector<JoiningThread> threads;
+    threads.emplace_back([] {
+        while (!over) {
+            const Subscription subscription(queuedSignal(), steady);
+        }
+    });
+    unsigned long begun = 0;
+    unsigned long lost = 0;
+    while (begun < 100000) {
+        receivedBySteady = 0;
+        if (!Sorvane::SVOwnership::librarysQ(queuedSignal())) {
+            continue;
+        }
+        ++begun;
+        actualSignalHandler(queuedSignal(), &information, nullptr);
+        lost += receivedBySteady + (pendingQ(queuedSignal()) ? 1U : 0U) == 1 ? 0U : 1U;
+        sigtimedwait(&own, nullptr, &atOnce);
+    }
+    over = true;
+    EXPECT_EQ(lost, 0U);
 }
 
 }  // namespace

@@ -201,8 +201,14 @@ enum class Outcome { ownerChanged, late, called };
     } else {
         records.callValid(information, context);
     }
-    if (records.allMissedQ() && arrival.ownerChangedQ()) {
-        return Outcome::ownerChanged;
+    if (records.allMissedQ()) {
+        // Whoever has ended what was missed may be about to hand the signal back.
+        if (!SVGate::openQ()) {
+            SVGate::waitUntilOpen();
+        }
+        if (arrival.ownerChangedQ()) {
+            return Outcome::ownerChanged;
+        }
     }
     if (svfatalQ(signalNumber) && !onlyHostsOwn) {
         _exit(0);
