@@ -105,7 +105,7 @@ void callDisplaced(int signalNumber, struct sigaction& action, siginfo* informat
 bool svsendOn(int signalNumber, siginfo* information, void* context) {
     const bool delivered = information != nullptr && svbeingHandledQ(signalNumber);
     struct sigaction action;
-    Receiver receiver;
+    Receiver receiver = Receiver::library;
     {
         const SVGate gate;
         receiver = receiverOf(signalNumber, delivered, action);

@@ -207,15 +207,13 @@ SVSignalHandler::InformationFunction SVSubscriptionEntries::functionOf(
 }
 
 bool SVSubscriptionEntries::endedQ(const SVSignalHandler& record) noexcept {
-    const void* const function = record.getHandlerFunction();
-    const auto found = std::find_if(entries.begin(), entries.end(), [function](EntryFunction one) {
-        return reinterpret_cast<void*>(one) == function;
-    });
-    if (found == entries.end()) {
-        return false;
+    for (unsigned int number = 0; number < count; ++number) {
+        if (reinterpret_cast<void*>(entries[number]) == record.getHandlerFunction()) {
+            return slots[number].handler.load() == nullptr ||
+                   slots[number].signalNumber.load() != record.getSignalNumber();
+        }
     }
-    const Slot& slot = slots[found - entries.begin()];
-    return slot.handler.load() == nullptr || slot.signalNumber.load() != record.getSignalNumber();
+    return false;
 }
 
 bool SVSubscriptionEntries::callsQ(int signalNumber, const SVSubscriber& subscriber) noexcept {
