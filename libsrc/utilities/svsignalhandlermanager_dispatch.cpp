@@ -50,6 +50,9 @@ public:
         return m_calls != 0 && m_calls == SVSubscriptionEntries::missed - m_missedBefore;
     }
 
+    /// Whether nothing has been published since it began.
+    bool upToDateQ() const noexcept { return !m_followed && m_pin.publishedQ(); }
+
     /// Calls the rest of the dispatch by one of whose handlers the library is being called by hand.
     /// Result: whether it is. Parameters: frame, that of the library's handler.
     static bool goOnIfCalledBack(int signalNumber, void* information, void* context,
@@ -146,6 +149,7 @@ private:
         m_next = table->table + (m_next - m_table->table);
         m_table = table;
         m_pin.swap(now);
+        m_followed = true;
         return true;
     }
 
@@ -176,12 +180,22 @@ private:
     void* m_context = nullptr;
     bool m_onlyHostsOwn = false;
     bool m_leftBehind = false;  ///< by what is published, in which the records stand elsewhere
+    bool m_followed = false;    ///< what is published
     const Slot* m_next = nullptr;
 };
 
 constinit thread_local Dispatch::Innermost Dispatch::innermost = {nullptr, nullptr, 0};
 
-enum class Outcome { ownerChanged, late, called };
+enum class Outcome { outOfDate, late, called };
+
+// Whether somebody has made a change since the tables were pinned. Who has ended what was called for
+// nothing may still be about to hand the signal back.
+[[gnu::noinline]] bool outOfDateQ(const SVArrival& arrival, const Dispatch& records) noexcept {
+    if (!SVGate::openQ()) {
+        SVGate::waitUntilOpen();
+    }
+    return arrival.ownerChangedQ() || !records.upToDateQ();
+}
 
 // What is to be called is decided from what is published at one instant, whatever other threads do
 // to it meanwhile. A function of its own, so that what it needs of the stack is free again when the
@@ -190,7 +204,7 @@ enum class Outcome { ownerChanged, late, called };
                                       siginfo* information, void* context) {
     Dispatch records(signalNumber);
     if (arrival.ownerChangedQ()) {
-        return Outcome::ownerChanged;
+        return Outcome::outOfDate;
     }
     if (arrival.lateQ()) {
         return Outcome::late;
@@ -201,14 +215,8 @@ enum class Outcome { ownerChanged, late, called };
     } else {
         records.callValid(information, context);
     }
-    if (records.allMissedQ()) {
-        // Whoever has ended what was missed may be about to hand the signal back.
-        if (!SVGate::openQ()) {
-            SVGate::waitUntilOpen();
-        }
-        if (arrival.ownerChangedQ()) {
-            return Outcome::ownerChanged;
-        }
+    if (records.allMissedQ() && outOfDateQ(arrival, records)) {
+        return Outcome::outOfDate;
     }
     if (svfatalQ(signalNumber) && !onlyHostsOwn) {
         _exit(0);
@@ -216,8 +224,8 @@ enum class Outcome { ownerChanged, late, called };
     return Outcome::called;
 }
 
-// One attempt at a dispatch. Result: false if the signal changed hands before its records were
-// called; then all begins anew.
+// One attempt at a dispatch. Result: false if the signal changed hands, or all its subscriptions
+// ended, before anybody was called; then all begins anew.
 bool dispatch(int signalNumber, siginfo* information, void* context) {
     const SVArrival arrival(signalNumber);
     const SVLeftAction::Taker taker = SVLeftAction::take(signalNumber, information, context);
@@ -226,7 +234,7 @@ bool dispatch(int signalNumber, siginfo* information, void* context) {
     }
     if (taker == SVLeftAction::Taker::everybody) {
         switch (callRecords(arrival, signalNumber, information, context)) {
-            case Outcome::ownerChanged:
+            case Outcome::outOfDate:
                 return false;
             case Outcome::late:
                 return svsendOn(signalNumber, information, context);

@@ -17,6 +17,7 @@ using Subscription = Sorvane::SVSignalSubscription;
 constexpr int theSignal = SIGUSR1;
 
 std::unique_ptr<Subscription> subscription;
+std::unique_ptr<Subscription> next;
 
 bool pendingQ() {
     sigset_t pending;
@@ -33,15 +34,24 @@ void takePending() {
 class EndInTheMiddleOfADispatch : public ManagerTest {
 protected:
     // The signal is held back, as the kernel does for a handler.
-    static bool endAt(unsigned int instruction) {
-        subscription = std::make_unique<Subscription>(theSignal, userHandler);
+    static bool endAt(
+        unsigned int instruction, void (*beforeTheEnd)() = [] {}) {
+        {
+            // Leaves a free slot before the other's, to whoever begins next.
+            const Subscription before(theSignal, otherUserHandler);
+            subscription = std::make_unique<Subscription>(theSignal, userHandler);
+        }
         forgetCalls();
         siginfo information = {};
         information.si_signo = theSignal;
         information.si_code = SI_QUEUE;
         const bool reached =
             disturb([&] { actualSignalHandler(theSignal, &information, nullptr); }, instruction,
-                    [] { subscription.reset(); });
+                    [beforeTheEnd] {
+                        beforeTheEnd();
+                        subscription.reset();
+                    });
+        next.reset();
         subscription.reset();
         EXPECT_EQ(Manager::numberOfManagers, 0U);
         EXPECT_EQ(recordCount(theSignal), 0U);
@@ -72,6 +82,23 @@ TEST_F(EndInTheMiddleOfADispatch, LosesNoneOfTheHostsDeliveries) {
         EXPECT_LE(callsOf(userHandler), 1U);
         EXPECT_EQ(systemHandler(theSignal), addressOf(hostHandler));
         takePending();
+        return reached;
+    });
+    EXPECT_GT(instructions, 100U);
+}
+
+// So the signal is nobody else's in between.
+TEST_F(EndInTheMiddleOfADispatch, LeavesTheDeliveryToTheOneThatHasJustBegun) {
+    SKIP_WITHOUT_STEPS();
+    const BlockedSignals held{theSignal};
+    const unsigned int instructions = atEachInstruction([](unsigned int instruction) {
+        const bool reached = endAt(instruction, [] {
+            next = std::make_unique<Subscription>(theSignal, otherUserHandler);
+        });
+        EXPECT_GE(callCount(), 1U);
+        EXPECT_LE(callsOf(userHandler), 1U);
+        EXPECT_LE(callsOf(otherUserHandler), 1U);
+        EXPECT_FALSE(pendingQ());
         return reached;
     });
     EXPECT_GT(instructions, 100U);
