@@ -432,6 +432,16 @@ TEST_F(EndOfADispatch, KeepsWhatTheHostInstalledSinceTheSignalWasTakenOverAgain)
     EXPECT_TRUE(kept->preExistsQ());
 }
 
+TEST_F(EndOfADispatch, HasTheFlagsOfWhatItKeeps) {
+    dispatch([] {
+        handBackElsewhere();
+        takeOverElsewhere();
+        hostInstalls(theSignal, otherHostHandler, SA_NODEFER);
+    });
+    EXPECT_TRUE(takenOverQ(theSignal));
+    EXPECT_NE(systemAction(theSignal).sa_flags & SA_NODEFER, 0);
+}
+
 // Nobody had taken the signal over: the library was installed by hand.
 TEST(EndOfADispatchOfNobodysSignal, KeepsNothingThatItsHandlerInstalls) {
     Manager manager(true);
