@@ -341,4 +341,50 @@ TEST_F(Chain, IsNotADeliveryThatComesFromFurtherDownAfterTheHandlerHasLeft) {
     }
 }
 
+sigjmp_buf inside;
+
+void leavesToTheHandler(int) {
+    siglongjmp(inside, 1);
+}
+
+void chainsAfterAnotherHandlerHasLeft(int signalNumber, siginfo* information, void* context) {
+    noteCall(addressOf(chainsAfterAnotherHandlerHasLeft), signalNumber, information, context);
+    if (sigsetjmp(inside, 1) == 0) {
+        raise(SIGUSR2);
+    }
+    if (callsOf(chainsAfterAnotherHandlerHasLeft) < 5) {
+        displaced.sa_sigaction(signalNumber, information, context);
+    }
+}
+
+TEST_F(Chain, CallsEachHandlerOnceAlsoIfTheHandlerOfAnotherSignalHasLeft) {
+    m_manager.setHandlerFromFunction(SIGUSR2, leavesToTheHandler);
+    struct sigaction chaining = {};
+    chaining.sa_sigaction = chainsAfterAnotherHandlerHasLeft;
+    chaining.sa_flags = SA_SIGINFO;
+    sigaction(theSignal, &chaining, &displaced);
+    m_manager.handleSignal(theSignal);
+    raise(theSignal);
+    EXPECT_EQ(callsOf(chainsAfterAnotherHandlerHasLeft), 1U);
+    EXPECT_EQ(callsOf(userHandler), 1U);
+}
+
+// Two addresses that the registers happen to hold.
+void chainsWithTwoThatLieTogether(int signalNumber) {
+    noteCall(addressOf(chainsWithTwoThatLieTogether), signalNumber);
+    siginfo leftOver[2] = {};
+    if (callsOf(chainsWithTwoThatLieTogether) < 5) {
+        displaced.sa_sigaction(signalNumber, &leftOver[0], &leftOver[1]);
+    }
+}
+
+TEST_F(Chain, CallsEachHandlerOnceAlsoIfWhatIsLeftOverBesideTheNumberLiesTogether) {
+    struct sigaction chaining = {};
+    chaining.sa_handler = chainsWithTwoThatLieTogether;
+    sigaction(theSignal, &chaining, &displaced);
+    m_manager.handleSignal(theSignal);
+    raise(theSignal);
+    expectEachCalledOnce(addressOf(chainsWithTwoThatLieTogether));
+}
+
 }  // namespace

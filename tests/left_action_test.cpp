@@ -413,4 +413,33 @@ TEST_F(LeftAction, HasNothingToDoWithAFaultOfAnotherThread) {
     EXPECT_TRUE(takenOverQ(SIGSEGV));
 }
 
+void repairsAndChains(int signalNumber, siginfo* information, void* context) {
+    noteCall(addressOf(repairsAndChains), signalNumber, information, context);
+    thePage->open();
+    if (callsOf(repairsAndChains) < 100) {
+        displaced.sa_sigaction(signalNumber, information, context);
+    }
+}
+
+void leavesItOnceToOneThatChains(int signalNumber) {
+    noteCall(addressOf(leavesItOnceToOneThatChains), signalNumber);
+    if (callsOf(leavesItOnceToOneThatChains) == 1) {
+        struct sigaction chaining = {};
+        chaining.sa_sigaction = repairsAndChains;
+        chaining.sa_flags = SA_SIGINFO;
+        sigaction(signalNumber, &chaining, &displaced);
+    }
+}
+
+TEST_F(LeftAction, IsCalledOnceForAFaultAlsoIfItChains) {
+    SKIP_WITHOUT_FAULTS();
+    const ClosedPage page;
+    thePage = &page;
+    hostInstalls(SIGSEGV, leavesItOnceToOneThatChains);
+    takeOver(SIGSEGV);
+    writeTo(page.address());
+    EXPECT_EQ(callsOf(repairsAndChains), 1U);
+    EXPECT_EQ(callsOf(leavesItOnceToOneThatChains), 2U);
+}
+
 }  // namespace
