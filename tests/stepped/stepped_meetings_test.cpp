@@ -377,6 +377,46 @@ TEST(MeetingOfTheLastManager, AnAnswerOfAnotherOneCounts) {
                 .expect = [] { EXPECT_FALSE(mayHandleQ(SIGINT)); }});
 }
 
+// --- A dispatch
+
+unsigned int callsInThisProcess = 0;
+
+void countCall(int) {
+    ++callsInThisProcess;
+}
+
+void prepareHandlingOfNobodysSignal() {
+    manager.emplace(false);
+    manager->setHandlerFromFunction(SIGUSR1, countCall);
+    manager->startHandlingSignals();
+}
+
+void dispatchByHand() {
+    actualSignalHandler(SIGUSR1, nullptr, nullptr);
+}
+
+// It comes before the end, and calls what is there and takes that down at last; or after it, and
+// has made the state afresh.
+void expectTheStateOfOneOfTheTwo() {
+    EXPECT_EQ(Manager::numberOfManagers, 0U);
+    EXPECT_FALSE(Manager::currentlyHandlingSignals);
+    EXPECT_EQ(callsInThisProcess, Manager::handlerTables == nullptr ? 1U : 0U);
+}
+
+TEST(MeetingOfADispatch, NothingIsTakenDownUnderIt) {
+    meetOnBoth({.prepare = prepareHandlingOfNobodysSignal,
+                .operation = dispatchByHand,
+                .meanwhile = destroy,
+                .expect = expectTheStateOfOneOfTheTwo});
+}
+
+TEST(MeetingOfTheLastManager, ADispatchComesBeforeItsEndOrAfterIt) {
+    meetOnBoth({.prepare = prepareHandlingOfNobodysSignal,
+                .operation = destroy,
+                .meanwhile = dispatchByHand,
+                .expect = expectTheStateOfOneOfTheTwo});
+}
+
 // --- The lock
 
 bool lockFreeQ() {
