@@ -335,23 +335,21 @@ unsigned int SVHashTable<K, V, H>::reinsert(const Entry* source, unsigned int co
 // and could serve themselves.
 template <typename K, typename V, typename H>
 unsigned int SVHashTable<K, V, H>::rebuild(Room& room) {
-    Entry* former = table == smalltable ? nullptr : table;
-    const Entry* source = table;
+    const Entry* const former = table;
+    Entry* const heap = table == smalltable ? nullptr : table;
     const unsigned int count = fill;
     if (room.inlineQ()) {
         copySlotsTo(room.slots());
-        delete[] former;
-        former = nullptr;
-        source = room.slots();
+        delete[] heap;
         useEmptySlots(smalltable, room.addressable());
-    } else {
-        useEmptySlots(room.handOver(), room.addressable());
+        return reinsert(room.slots(), count);
     }
-    if (reinsert(source, count) != resizeDone) {
-        return resizeFailed;
+    useEmptySlots(room.handOver(), room.addressable());
+    const unsigned int result = reinsert(former, count);
+    if (result == resizeDone) {
+        delete[] heap;
     }
-    delete[] former;
-    return resizeDone;
+    return result;
 }
 
 template <typename K, typename V, typename H>
