@@ -341,6 +341,21 @@ TEST_F(EndOfADispatch, TakesASignalBackThatItsOwnThreadHandedBack) {
     EXPECT_TRUE(SVOwnership::librarysQ(theSignal));
 }
 
+TEST_F(EndOfADispatch, TakesASignalBackAlsoIfAnotherDispatchHasInstalledTheLibrary) {
+    dispatch([] {
+        handBack();
+        installLibrary();
+    });
+    EXPECT_TRUE(takenOverQ(theSignal));
+    EXPECT_TRUE(SVOwnership::librarysQ(theSignal));
+}
+
+TEST_F(EndOfADispatch, TakesASignalBackAlsoIfAnotherDispatchPutsTheHostsActionBack) {
+    dispatch([] { handBack(); }, When::after, [] { hostInstalls(theSignal, hostHandler); });
+    EXPECT_TRUE(takenOverQ(theSignal));
+    EXPECT_TRUE(SVOwnership::librarysQ(theSignal));
+}
+
 // What was sent on meanwhile has met the library once more.
 TEST_F(EndOfADispatch, LetsASignalBeSentOnAgain) {
     const BlockedSignals held{theSignal};
