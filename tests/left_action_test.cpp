@@ -94,6 +94,22 @@ TEST_F(LeftAction, GetsTheSignalThatIsPendingIfItIsAHandlerAndGivesItsPlaceUpAga
     EXPECT_EQ(sigismember(&heldBack, SIGUSR1), 0);
 }
 
+// As the code does that waits for it.
+TEST_F(LeftAction, GetsNoPendingSignalThatTheInterruptedCodeHoldsBack) {
+    hostInstalls(SIGUSR1, installsAnotherAndRaises);
+    takeOver(SIGUSR1);
+    {
+        const BlockedSignals held{SIGUSR1};
+        raise(SIGUSR1);
+        held.waitForHandler();
+        EXPECT_EQ(callsOf(installsAnotherAndRaises), 1U);
+        EXPECT_EQ(callsOf(otherHostHandler), 0U);
+        EXPECT_TRUE(takenOverQ(SIGUSR1));
+    }
+    EXPECT_EQ(callsOf(installsAnotherAndRaises), 2U);
+    EXPECT_EQ(callsOf(otherHostHandler), 1U);
+}
+
 // Who calls it holds the signal back on purpose.
 TEST_F(LeftAction, GetsNoPendingSignalAtTheEndOfACallByHand) {
     hostInstalls(SIGUSR1, installsAnotherAndRaises);
@@ -109,6 +125,29 @@ TEST_F(LeftAction, GetsNoPendingSignalAtTheEndOfACallByHand) {
     }
     EXPECT_EQ(callsOf(installsAnotherAndRaises), 2U);
     EXPECT_EQ(callsOf(otherHostHandler), 1U);
+}
+
+struct sigaction displaced;
+bool heldBackAfterwards = false;
+
+void chainsAndLooksWhatIsHeldBack(int signalNumber, siginfo* information, void* context) {
+    displaced.sa_sigaction(signalNumber, information, context);
+    sigset_t heldBack;
+    pthread_sigmask(SIG_BLOCK, nullptr, &heldBack);
+    heldBackAfterwards = sigismember(&heldBack, signalNumber) == 1;
+}
+
+// The kernel has called that one, and holds its signal back.
+TEST_F(LeftAction, GetsThePendingSignalInAHandlerThatChainsAndLeavesItHeldBack) {
+    hostInstalls(SIGUSR1, installsAnotherAndRaises);
+    takeOver(SIGUSR1);
+    struct sigaction chaining = {};
+    chaining.sa_sigaction = chainsAndLooksWhatIsHeldBack;
+    chaining.sa_flags = SA_SIGINFO;
+    sigaction(SIGUSR1, &chaining, &displaced);
+    raise(SIGUSR1);
+    EXPECT_EQ(callsOf(otherHostHandler), 1U);
+    EXPECT_TRUE(heldBackAfterwards);
 }
 
 unsigned int times = 0;
@@ -276,8 +315,11 @@ TEST_F(LeftAction, IsNoneIfTheHandlerInstallsItself) {
     thePage = &page;
     hostInstalls(SIGSEGV, installsItselfAndRepairsTheSecondTime);
     takeOver(SIGSEGV);
+    Record beside(SIGSEGV, otherUserHandler, false, true, true);
+    m_manager.setHandler(beside);
     writeTo(page.address());
     EXPECT_EQ(callsOf(installsItselfAndRepairsTheSecondTime), 2U);
+    EXPECT_EQ(callsOf(otherUserHandler), 2U);
     EXPECT_TRUE(takenOverQ(SIGSEGV));
 }
 
@@ -322,18 +364,25 @@ TEST_F(LeftAction, IsForgottenWhenTheSignalChangesHands) {
     EXPECT_TRUE(takenOverQ(SIGSEGV));
 }
 
+void restoresTheDefaultOnceAndRepairs(int signalNumber) {
+    noteCall(addressOf(restoresTheDefaultOnceAndRepairs), signalNumber);
+    if (callsOf(restoresTheDefaultOnceAndRepairs) == 1) {
+        signal(signalNumber, SIG_DFL);
+    }
+    thePage->open();
+}
+
 TEST_F(LeftAction, IsForgottenWhenItsSignalIsSentBeforeTheFaultComesAgain) {
     SKIP_WITHOUT_FAULTS();
     const ClosedPage page;
     thePage = &page;
-    otherPage = &page;
-    hostInstalls(SIGSEGV, restoresTheDefaultAndRepairs);
+    hostInstalls(SIGSEGV, restoresTheDefaultOnceAndRepairs);
     takeOver(SIGSEGV);
     writeTo(page.address());
     raise(SIGSEGV);
     page.close();
     writeTo(page.address());
-    EXPECT_EQ(callsOf(restoresTheDefaultAndRepairs), 3U);
+    EXPECT_EQ(callsOf(restoresTheDefaultOnceAndRepairs), 3U);
     EXPECT_TRUE(takenOverQ(SIGSEGV));
 }
 
@@ -362,6 +411,35 @@ TEST_F(LeftAction, HasNothingToDoWithAFaultOfAnotherThread) {
     JoiningThread([&page] { writeTo(page.address()); }).join();
     EXPECT_EQ(callsOf(restoresTheDefaultAndRepairs), 2U);
     EXPECT_TRUE(takenOverQ(SIGSEGV));
+}
+
+void repairsAndChains(int signalNumber, siginfo* information, void* context) {
+    noteCall(addressOf(repairsAndChains), signalNumber, information, context);
+    thePage->open();
+    if (callsOf(repairsAndChains) < 100) {
+        displaced.sa_sigaction(signalNumber, information, context);
+    }
+}
+
+void leavesItOnceToOneThatChains(int signalNumber) {
+    noteCall(addressOf(leavesItOnceToOneThatChains), signalNumber);
+    if (callsOf(leavesItOnceToOneThatChains) == 1) {
+        struct sigaction chaining = {};
+        chaining.sa_sigaction = repairsAndChains;
+        chaining.sa_flags = SA_SIGINFO;
+        sigaction(signalNumber, &chaining, &displaced);
+    }
+}
+
+TEST_F(LeftAction, IsCalledOnceForAFaultAlsoIfItChains) {
+    SKIP_WITHOUT_FAULTS();
+    const ClosedPage page;
+    thePage = &page;
+    hostInstalls(SIGSEGV, leavesItOnceToOneThatChains);
+    takeOver(SIGSEGV);
+    writeTo(page.address());
+    EXPECT_EQ(callsOf(repairsAndChains), 1U);
+    EXPECT_EQ(callsOf(leavesItOnceToOneThatChains), 2U);
 }
 
 }  // namespace

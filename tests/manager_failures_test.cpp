@@ -148,6 +148,10 @@ TEST_F(LastManager, ThatCannotRestoreThrowsWithTheLockHeldAndTheTablesKept) {
         EXPECT_NE(recordOf(SIGUSR1, userHandler), nullptr);
         ASSERT_NE(Manager::handlerTableLock, nullptr);
         EXPECT_FALSE(lockIsFree());
+        tableOf(SIGKILL)->remove(addressOf(hostHandler));
+        { const Manager another(true); }
+        EXPECT_FALSE(Manager::currentlyHandlingSignals);
+        EXPECT_EQ(Manager::handlerTableLock, nullptr) << "it has no users left";
     });
     EXPECT_TRUE(end.wentOnQ()) << end;
 }

@@ -197,6 +197,39 @@ TEST_F(LiveWalk, WhoseTableIsRebuiltAfterAnotherSignalsDoesTheSame) {
     EXPECT_EQ(recordCount(SIGUSR1), actors + 1);
 }
 
+// The first one makes the walk go on with another version. The second one has that displaced, and
+// its memory used for other tables if nobody reads it.
+template <std::size_t number>
+void movingOn(int signalNumber);
+constexpr std::array<SimpleHandler, actors> movingHandlers = {
+    &movingOn<0>, &movingOn<1>, &movingOn<2>, &movingOn<3>, &movingOn<4>};
+template <std::size_t number>
+void movingOn(int signalNumber) {
+    noteCall(addressOf(&movingOn<number>), signalNumber);
+    Manager inHandler(false);
+    if (callCount() == 1) {
+        inHandler.setHandlerFromFunction(signalNumber, &movingOn<number>);
+    } else if (callCount() == 2) {
+        inHandler.setHandlerFromFunction(signalNumber, userHandler);
+        for (int other = SIGRTMIN; other < SIGRTMIN + 10; ++other) {
+            inHandler.setHandlerFromFunction(other, otherUserHandler);
+        }
+    }
+}
+
+TEST_F(LiveWalk, KeepsTheTableThatItHasFollowedTo) {
+    Manager manager(true);
+    for (const SimpleHandler handler : movingHandlers) {
+        manager.setHandlerFromFunction(SIGUSR1, handler);
+    }
+    manager.startHandlingSignals();
+    raise(SIGUSR1);
+    EXPECT_EQ(callCount(), movingHandlers.size());
+    for (const SimpleHandler handler : movingHandlers) {
+        EXPECT_EQ(callsOf(handler), 1U);
+    }
+}
+
 void addASixthAndClearOthers(int signalNumber, SimpleHandler self) {
     addASixth(signalNumber, self);
     clearOthers(signalNumber, self);

@@ -240,6 +240,12 @@ TYPED_TEST(BothTables, ADeletedSlotBeyondTheHomeSlotEndsTheWalk) {
     this->expectSlot(3, 18, occupied);
 }
 
+TYPED_TEST(BothTables, ADeletedKeyBehindADeletedHomeSlotWouldGoToItsHomeSlot) {
+    this->insert({2, 10});
+    this->remove({10, 2});
+    EXPECT_EQ(this->slotOf(10), 2);
+}
+
 TYPED_TEST(BothTables, AKeyBehindADeletedSlotCannotBeRemovedEither) {
     this->insert({2, 10, 18});
     this->remove({10, 18});
@@ -341,6 +347,23 @@ TYPED_TEST(BothTables, ResizeTo0OfAnInlineTableWithDeletedSlotsRebuildsIt) {
     this->expectValue(2, 10);
     this->expectSlot(3, 3, occupied);
     EXPECT_EQ(this->table.table[5].state, empty);
+}
+
+TYPED_TEST(BothTables, AnInlineTableThatIsRebuiltKeepsTheKeyInItsLastSlot) {
+    this->insert({2, 7});
+    this->remove({2});
+    EXPECT_EQ(this->table.resize(0), 2U);
+    this->expectCounts(1, 1, 8);
+    this->expectSlot(7, 7, occupied);
+    this->expectValue(7, 7);
+}
+
+TYPED_TEST(BothTables, AKeyThatIsThereMakesATableGrowByTheKeysThatThereAre) {
+    this->insert({1, 2, 3, 4, 5, 6, 7});
+    EXPECT_EQ(this->table.resize(0), 2U);
+    this->expectCounts(7, 7, 8);
+    this->insert({3});
+    this->expectCounts(7, 7, 32);
 }
 
 TYPED_TEST(BothTables, ResizeGivesTheSmallestSizeAboveItsArgumentFrom16On) {
@@ -705,6 +728,21 @@ TEST_F(TrackedTableTest, AHeapTableDestroysItsHeapSlotsLastFirstThenHashFunction
     EXPECT_EQ(timeOfLast(LifeEvent::destroyed, heapSlots), 32U);
     EXPECT_EQ(timeOfHashFunctionsEnd(), 33U);
     EXPECT_EQ(inlineSlots.indicesOf(LifeEvent::destroyed), lastToFirst(9));
+}
+
+TEST_F(TrackedTableTest, AHeapTableThatBecomesInlineDestroysItsHeapSlotsOnceAndReadsThemBefore) {
+    TrackedTable table;
+    insert(table, 0, 6);
+    ASSERT_EQ(table.mask, 31U);
+    const TrackedSlots heapSlots(table.table, 33);
+    for (int key = 1; key < 6; ++key) {
+        table.remove(key);
+    }
+    lifeRecords.clear();
+    EXPECT_EQ(table.resize(0), 2U);
+    EXPECT_EQ(table.mask, 7U);
+    EXPECT_EQ(heapSlots.indicesOf(LifeEvent::destroyed).size(), 33U);
+    EXPECT_EQ(table.table[0].value.number, 0);
 }
 
 TEST_F(TrackedTableTest, RemovalDestroysNothing) {

@@ -68,6 +68,11 @@ struct KindNames {
 using Kinds = testing::Types<OuterTableKind, InnerTableKind>;
 TYPED_TEST_SUITE(BothIterators, Kinds, KindNames);
 
+TYPED_TEST(BothIterators, OneThatIsNotReadyStandsOnTheFirstOfNoSlots) {
+    const typename TypeParam::Iterator position;
+    this->expectPosition(position, nullptr, 0, 0);
+}
+
 TYPED_TEST(BothIterators, TheEndIsTheEndSlotOfTheInlineArray) {
     this->expectPosition(this->table.end(), this->table.smalltable, 9, 8);
 }

@@ -170,7 +170,6 @@ public:
 
 private:
     static constexpr unsigned int inlineSlots = 8;
-    static constexpr unsigned int smallestHeapSlots = 16;
     static constexpr unsigned int perturbShift = 5;
     static constexpr unsigned int fastGrowthLimit = 29999;
 
@@ -262,12 +261,8 @@ public:
     /// rebuilt table, or a temporary copy of the slots of one that becomes inline.
     /// Result: nothing, or that there is no memory for it.
     SVFailure take(const SVHashTable& owner, unsigned int minused) {
-        m_addressable = inlineSlots;
-        if (minused >= inlineSlots) {
-            m_addressable = smallestHeapSlots;
-            while (m_addressable <= minused && m_addressable != 0) {
-                m_addressable <<= 1;
-            }
+        while (m_addressable <= minused && m_addressable != 0) {
+            m_addressable <<= 1;
         }
         m_slots = allocate(inlineQ() ? owner.mask + 2 : m_addressable + 1);
         if (m_slots != nullptr) {
@@ -299,7 +294,7 @@ private:
     }
 
     Entry* m_slots = nullptr;
-    unsigned int m_addressable = 0;
+    unsigned int m_addressable = inlineSlots;
 };
 
 template <typename K, typename V, typename H>
@@ -340,23 +335,21 @@ unsigned int SVHashTable<K, V, H>::reinsert(const Entry* source, unsigned int co
 // and could serve themselves.
 template <typename K, typename V, typename H>
 unsigned int SVHashTable<K, V, H>::rebuild(Room& room) {
-    Entry* former = table == smalltable ? nullptr : table;
-    const Entry* source = table;
+    const Entry* const former = table;
+    Entry* const heap = table == smalltable ? nullptr : table;
     const unsigned int count = fill;
     if (room.inlineQ()) {
         copySlotsTo(room.slots());
-        delete[] former;
-        former = nullptr;
-        source = room.slots();
+        delete[] heap;
         useEmptySlots(smalltable, room.addressable());
-    } else {
-        useEmptySlots(room.handOver(), room.addressable());
+        return reinsert(room.slots(), count);
     }
-    if (reinsert(source, count) != resizeDone) {
-        return resizeFailed;
+    useEmptySlots(room.handOver(), room.addressable());
+    const unsigned int result = reinsert(former, count);
+    if (result == resizeDone) {
+        delete[] heap;
     }
-    delete[] former;
-    return resizeDone;
+    return result;
 }
 
 template <typename K, typename V, typename H>

@@ -1,6 +1,7 @@
 #include "svregistry.h"
 
 #include <atomic>
+#include <memory>
 #include <type_traits>
 
 #include "../support/svatomicref.h"
@@ -140,8 +141,8 @@ void SVRegistry::releaseWhatNobodyReads() noexcept {
             link = &retired->next;
             continue;
         }
-        letPointTo(*link, retired->next);
-        delete retired;
+        const std::unique_ptr<Retired> gone(retired);
+        letPointTo(*link, gone->next);
         if (tables != m_place) {
             release(tables);
         }

@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <csignal>
+#include <cstdint>
 
 #include "svleftaction.h"
 #include "svownaction.h"
@@ -11,6 +12,25 @@
 #include "svsystemactions.h"
 
 namespace Sorvane {
+
+// On i386 two pointers to them stand before them; elsewhere their distance has to do.
+bool svkernelsQ(const void* information, const void* context) noexcept {
+    if (information == nullptr || context == nullptr) {
+        return false;
+    }
+    const auto distance = static_cast<std::intptr_t>(reinterpret_cast<std::uintptr_t>(context) -
+                                                     reinterpret_cast<std::uintptr_t>(information));
+#if defined(__x86_64__)
+    constexpr std::intptr_t fromContext = 304;
+    return distance == -fromContext;
+#elif defined(__i386__)
+    const auto* const pointers = static_cast<const void* const*>(information) - 2;
+    return distance == sizeof(siginfo) && pointers[0] == information && pointers[1] == context;
+#else
+    constexpr std::intptr_t frame = 1024;
+    return distance < frame && distance > -frame;
+#endif
+}
 
 bool svbeingHandledQ(int signalNumber) noexcept {
     if ((SVOwnAction::of(signalNumber).sa_flags & SA_NODEFER) != 0) {

@@ -2,8 +2,6 @@
 #ifndef SORVANE_SVARRIVAL_H
 #define SORVANE_SVARRIVAL_H
 
-#include <cstdint>
-
 #include "../registry/svownership.h"
 #include "../support/svfailure.h"
 #include "svsignalhandlermanager.h"
@@ -40,13 +38,9 @@ private:
 /// held back meanwhile, if the library's own action does not say otherwise. Signal context: any.
 bool svbeingHandledQ(int signalNumber) noexcept;
 
-/// Whether a handler's information and context are the kernel's: it puts both into one frame.
-/// Signal context: any.
-inline bool svkernelsQ(const void* information, const void* context) noexcept {
-    const auto distance = reinterpret_cast<std::uintptr_t>(context) -
-                          reinterpret_cast<std::uintptr_t>(information) + 1024;
-    return information != nullptr && context != nullptr && distance < 2048;
-}
+/// Whether what a handler got as information and context can be the kernel's, which puts both into
+/// one frame. Signal context: any.
+bool svkernelsQ(const void* information, const void* context) noexcept;
 
 /// Sends a late arrival on to whom the signal belongs. False when it is none any more: the signal
 /// is the library's again, also because the library was called by hand. Signal context: handler

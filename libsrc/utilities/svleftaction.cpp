@@ -72,7 +72,7 @@ constinit thread_local LeftToFault leftToFault
     __attribute__((tls_model("initial-exec"))) = {0, 0, 0, 0, nullptr, nullptr};
 
 void forget(int signalNumber) noexcept {
-    if (leftToFault.signalNumber == signalNumber) {
+    if (SVLeftAction::anyQ(signalNumber)) {
         leftToFault.signalNumber = 0;
     }
 }
@@ -138,12 +138,17 @@ bool SVLeftAction::leave(int signalNumber, const struct sigaction& action, sigin
     return false;
 }
 
-SVLeftAction::Taker SVLeftAction::take(int signalNumber, siginfo* information, void* context) {
+bool SVLeftAction::anyQ(int signalNumber) noexcept {
+    return leftToFault.signalNumber == signalNumber;
+}
+
+SVLeftAction::Taker SVLeftAction::take(int signalNumber, siginfo* information, void* context,
+                                       struct sigaction& left) {
     if (!leftToFault.sameQ(signalNumber, information, context)) {
         forget(signalNumber);
         return Taker::everybody;
     }
-    struct sigaction left = {};
+    left = {};
     left.sa_sigaction = leftToFault.handler;
     left.sa_flags = leftToFault.flags;
     if (svnobodysActionQ(left)) {
@@ -152,7 +157,6 @@ SVLeftAction::Taker SVLeftAction::take(int signalNumber, siginfo* information, v
         return SVSystemActions::install(signalNumber, left, previous) ? Taker::everybody
                                                                       : Taker::system;
     }
-    SVSignalHandler(signalNumber, left, false, false, true)(information, context);
     return Taker::leftHandler;
 }
 

@@ -46,10 +46,13 @@ namespace SVLeftAction {
 /// be installed again is the result.
 bool leave(int signalNumber, const struct sigaction& action, siginfo* information, void* context);
 
+/// Whether something was left for a signal of this number on this thread.
+bool anyQ(int signalNumber) noexcept;
+
 /// Whom the arrived signal belongs to. `everybody`: nothing was left for it. `leftHandler`: a
-/// handler was, and has been called. `system`: the action that was left is installed.
+/// handler was, which is told. `system`: the action that was left is installed.
 enum class Taker { everybody, leftHandler, system };
-Taker take(int signalNumber, siginfo* information, void* context);
+Taker take(int signalNumber, siginfo* information, void* context, struct sigaction& left);
 
 }  // namespace SVLeftAction
 

@@ -53,15 +53,25 @@ public:
     /// Whether nothing has been published since it began.
     bool upToDateQ() const noexcept { return !m_followed && m_pin.publishedQ(); }
 
+    /// Calls a handler that has no record, and has been left in the place of all that have. They
+    /// are called if it calls what it has displaced.
+    void callLeft(const struct sigaction& left, void* information, void* context) {
+        struct sigaction action = left;
+        SVSignalHandler handler(m_signalNumber, action, false, false, true);
+        const Calling calling(*this, information, context, false);
+        handler(information, context);
+    }
+
     /// Calls the rest of the dispatch by one of whose handlers the library is being called by hand.
     /// Result: whether it is. Parameters: frame, that of the library's handler.
     static bool goOnIfCalledBack(int signalNumber, void* information, void* context,
                                  const void* frame) {
+        Innermost* const calling = innermostAbove(frame);
         const bool calledBack =
-            innermost.sameQ(signalNumber, information, context, frame) &&
-            innermost.dispatch->m_self == innermost.dispatch && svbeingHandledQ(signalNumber);
+            calling != nullptr && calling->sameQ(signalNumber, information, context) &&
+            calling->dispatch->m_self == calling->dispatch && svbeingHandledQ(signalNumber);
         if (calledBack) {
-            innermost.dispatch->callRest();
+            calling->dispatch->callRest();
         }
         return calledBack;
     }
@@ -69,54 +79,80 @@ public:
 private:
     using Slot = SVSignalHandlerTable::Entry;
 
-    // The dispatch of this thread that is calling handlers, if any, and what it was called for. It
-    // is not looked at before it is clear that it can be meant: a handler that leaves by siglongjmp
-    // leaves this behind, and what has been on the stack below is gone. Another delivery has a
-    // frame of its own; without the kernel's frame nobody can tell, and it is taken for the same.
+    // A dispatch of this thread that is calling handlers, and what it was called for. Another
+    // delivery has a frame of its own; without the kernel's frame nobody can tell, and it is taken
+    // for the same.
     struct Innermost {
         Dispatch* dispatch;
         const void* information;
         int signalNumber;
 
-        bool sameQ(int itsSignal, const void* itsInformation, const void* itsContext,
-                   const void* frame) const noexcept {
-            return reinterpret_cast<std::uintptr_t>(dispatch) >
-                       reinterpret_cast<std::uintptr_t>(frame) &&
-                   itsSignal == signalNumber &&
+        bool sameQ(int itsSignal, const void* itsInformation,
+                   const void* itsContext) const noexcept {
+            return itsSignal == signalNumber &&
                    (itsInformation == information || !svkernelsQ(itsInformation, itsContext));
         }
     };
-    static constinit thread_local Innermost innermost __attribute__((tls_model("initial-exec")));
 
-    // While a dispatch is this thread's innermost. A handler may throw where it is not a signal
-    // that it is called for.
+    // Those of this thread, the innermost one last; those that are nested deeper are not told from
+    // new ones. A handler that leaves by siglongjmp leaves its dispatch here: what is further down
+    // the stack than whoever looks is gone, and is not looked at.
+    struct Nested {
+        static constexpr unsigned int most = 8;
+
+        unsigned int count;
+        Innermost all[most];
+    };
+    static constinit thread_local Nested nested __attribute__((tls_model("initial-exec")));
+
+    static Innermost* innermostAbove(const void* frame) noexcept {
+        while (nested.count > 0) {
+            Innermost& last = nested.all[nested.count - 1];
+            if (reinterpret_cast<std::uintptr_t>(last.dispatch) >
+                reinterpret_cast<std::uintptr_t>(frame)) {
+                return &last;
+            }
+            --nested.count;
+        }
+        return nullptr;
+    }
+
+    // While a dispatch calls handlers. One of them may throw where it is not a signal that it is
+    // called for.
     class Calling {
     public:
-        explicit Calling(const Innermost& dispatch) noexcept : m_outer(innermost) {
-            innermost = dispatch;
+        Calling(Dispatch& dispatch, void* information, void* context, bool onlyHostsOwn) noexcept
+            : m_outer(nested.count) {
+            dispatch.m_information = information;
+            dispatch.m_context = context;
+            dispatch.m_onlyHostsOwn = onlyHostsOwn;
+            if (dispatch.m_table != nullptr) {
+                dispatch.m_next = dispatch.m_table->table;
+            }
+            if (m_outer < Nested::most) {
+                nested.all[m_outer] = {&dispatch, information, dispatch.m_signalNumber};
+                nested.count = m_outer + 1;
+            }
         }
         Calling(const Calling&) = delete;
         Calling& operator=(const Calling&) = delete;
-        ~Calling() { innermost = m_outer; }
+        ~Calling() { nested.count = m_outer; }
 
     private:
-        const Innermost m_outer;
+        const unsigned int m_outer;
     };
 
     void call(void* information, void* context, bool onlyHostsOwn) {
-        if (m_table != nullptr) {
-            m_information = information;
-            m_context = context;
-            m_onlyHostsOwn = onlyHostsOwn;
-            m_next = m_table->table;
-            const Calling calling({this, information, m_signalNumber});
-            callRest();
-        }
+        const Calling calling(*this, information, context, onlyHostsOwn);
+        callRest();
     }
 
     // In slot order. A copy is called, so that a handler that changes its own registration does not
     // pull the record away from under the call.
     [[gnu::noinline]] void callRest() {
+        if (m_table == nullptr) {
+            return;
+        }
         const Slot* end = m_table->table + m_table->mask + 1;
         for (const Slot* slot = m_next; slot != end;) {
             const Slot& current = *slot++;
@@ -184,9 +220,9 @@ private:
     const Slot* m_next = nullptr;
 };
 
-constinit thread_local Dispatch::Innermost Dispatch::innermost = {nullptr, nullptr, 0};
+constinit thread_local Dispatch::Nested Dispatch::nested = {};
 
-enum class Outcome { outOfDate, late, called };
+enum class Outcome { outOfDate, late, leftToSystem, called };
 
 // Whether somebody has made a change since the tables were pinned. Who has ended what was called for
 // nothing may still be about to hand the signal back.
@@ -224,23 +260,37 @@ enum class Outcome { outOfDate, late, called };
     return Outcome::called;
 }
 
+// What was left for the signal may be for another one of its number.
+[[gnu::noinline]] Outcome callWhatWasLeft(const SVArrival& arrival, int signalNumber,
+                                          siginfo* information, void* context) {
+    struct sigaction left;
+    switch (SVLeftAction::take(signalNumber, information, context, left)) {
+        case SVLeftAction::Taker::system:
+            return Outcome::leftToSystem;
+        case SVLeftAction::Taker::leftHandler:
+            Dispatch(signalNumber).callLeft(left, information, context);
+            return Outcome::called;
+        case SVLeftAction::Taker::everybody:
+            break;
+    }
+    return callRecords(arrival, signalNumber, information, context);
+}
+
 // One attempt at a dispatch. Result: false if the signal changed hands, or all its subscriptions
 // ended, before anybody was called; then all begins anew.
 bool dispatch(int signalNumber, siginfo* information, void* context) {
     const SVArrival arrival(signalNumber);
-    const SVLeftAction::Taker taker = SVLeftAction::take(signalNumber, information, context);
-    if (taker == SVLeftAction::Taker::system) {
-        return true;
-    }
-    if (taker == SVLeftAction::Taker::everybody) {
-        switch (callRecords(arrival, signalNumber, information, context)) {
-            case Outcome::outOfDate:
-                return false;
-            case Outcome::late:
-                return svsendOn(signalNumber, information, context);
-            case Outcome::called:
-                break;
-        }
+    switch (SVLeftAction::anyQ(signalNumber)
+                ? callWhatWasLeft(arrival, signalNumber, information, context)
+                : callRecords(arrival, signalNumber, information, context)) {
+        case Outcome::outOfDate:
+            return false;
+        case Outcome::late:
+            return svsendOn(signalNumber, information, context);
+        case Outcome::leftToSystem:
+            return true;
+        case Outcome::called:
+            break;
     }
     arrival.stayInstalled(information, context);
     return true;

@@ -341,6 +341,21 @@ TEST_F(EndOfADispatch, TakesASignalBackThatItsOwnThreadHandedBack) {
     EXPECT_TRUE(SVOwnership::librarysQ(theSignal));
 }
 
+TEST_F(EndOfADispatch, TakesASignalBackAlsoIfAnotherDispatchHasInstalledTheLibrary) {
+    dispatch([] {
+        handBack();
+        installLibrary();
+    });
+    EXPECT_TRUE(takenOverQ(theSignal));
+    EXPECT_TRUE(SVOwnership::librarysQ(theSignal));
+}
+
+TEST_F(EndOfADispatch, TakesASignalBackAlsoIfAnotherDispatchPutsTheHostsActionBack) {
+    dispatch([] { handBack(); }, When::after, [] { hostInstalls(theSignal, hostHandler); });
+    EXPECT_TRUE(takenOverQ(theSignal));
+    EXPECT_TRUE(SVOwnership::librarysQ(theSignal));
+}
+
 // What was sent on meanwhile has met the library once more.
 TEST_F(EndOfADispatch, LetsASignalBeSentOnAgain) {
     const BlockedSignals held{theSignal};
@@ -430,6 +445,16 @@ TEST_F(EndOfADispatch, KeepsWhatTheHostInstalledSinceTheSignalWasTakenOverAgain)
     const Record* const kept = recordOf(theSignal, otherHostHandler);
     ASSERT_NE(kept, nullptr);
     EXPECT_TRUE(kept->preExistsQ());
+}
+
+TEST_F(EndOfADispatch, HasTheFlagsOfWhatItKeeps) {
+    dispatch([] {
+        handBackElsewhere();
+        takeOverElsewhere();
+        hostInstalls(theSignal, otherHostHandler, SA_NODEFER);
+    });
+    EXPECT_TRUE(takenOverQ(theSignal));
+    EXPECT_NE(systemAction(theSignal).sa_flags & SA_NODEFER, 0);
 }
 
 // Nobody had taken the signal over: the library was installed by hand.

@@ -3,6 +3,7 @@
 // Each meeting has a process of its own.
 
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <functional>
 #include <optional>
@@ -10,6 +11,7 @@
 #include "stepped/other_thread.h"
 #include "stepped/places.h"
 #include "stepped/report.h"
+#include "support/child_process.h"
 #include "support/gate_waiter.h"
 #include "support/observed_handlers.h"
 #include "support/shared_state.h"
@@ -311,7 +313,7 @@ TEST(MeetingOfTheLastManager, AnotherOneTakesOver) {
                     }});
 }
 
-// No handler can come there, so the other meetings leave the place out.
+// No handler can come there, so the other meetings leave these places out.
 TEST(MeetingOfTheLastManager, AnotherOneThatComesJustAfterItsEndWasCountedKeepsTheSignal) {
     SKIP_WITHOUT_STEPS();
     const Meeting justAfter = {.prepare = prepareHandling,
@@ -324,18 +326,32 @@ TEST(MeetingOfTheLastManager, AnotherOneThatComesJustAfterItsEndWasCountedKeepsT
                                        EXPECT_TRUE(takenOverQ(SIGUSR1));
                                    }};
     meeting = &justAfter;
-    meeting->prepare();
-    bool met = false;
-    step(meeting->operation, [&met](const Standing& standing) {
-        if (!met && Manager::numberOfManagers == 0 && gateWord() == 0 && beginsThreadsQ(standing)) {
-            met = true;
-            doOnAnotherThread();
-        }
-        return true;
+    constexpr int noSuchPlace = 77;
+    const unsigned int places = atEachInstruction([](unsigned int wanted) {
+        const ChildEnd end = inChild([wanted] {
+            bool met = false;
+            unsigned int place = 0;
+            meeting->prepare();
+            step(meeting->operation, [&](const Standing& standing) {
+                if (!met && Manager::numberOfManagers == 0 && gateWord() == 0 &&
+                    Manager::currentlyHandlingSignals && beginsThreadsQ(standing) &&
+                    place++ == wanted) {
+                    met = true;
+                    doOnAnotherThread();
+                }
+                return true;
+            });
+            other.waitUntilDone();
+            if (!met) {
+                _exit(noSuchPlace);
+            }
+            meeting->expect();
+        });
+        const bool met = !end.exitedWithQ(noSuchPlace);
+        EXPECT_TRUE(!met || end.wentOnQ()) << end;
+        return met;
     });
-    other.waitUntilDone();
-    meeting->expect();
-    EXPECT_TRUE(met);
+    EXPECT_GT(places, 1U);
 }
 
 TEST(MeetingOfTheLastManager, AnotherOneComesAndGoesAndTheHostInstallsAnother) {
@@ -375,6 +391,46 @@ TEST(MeetingOfTheLastManager, AnAnswerOfAnotherOneCounts) {
                         otherManager->setSignalDisposition(SIGINT, false);
                     },
                 .expect = [] { EXPECT_FALSE(mayHandleQ(SIGINT)); }});
+}
+
+// --- A dispatch
+
+unsigned int callsInThisProcess = 0;
+
+void countCall(int) {
+    ++callsInThisProcess;
+}
+
+void prepareHandlingOfNobodysSignal() {
+    manager.emplace(false);
+    manager->setHandlerFromFunction(SIGUSR1, countCall);
+    manager->startHandlingSignals();
+}
+
+void dispatchByHand() {
+    actualSignalHandler(SIGUSR1, nullptr, nullptr);
+}
+
+// It comes before the end, and calls what is there and takes that down at last; or after it, and
+// has made the state afresh.
+void expectTheStateOfOneOfTheTwo() {
+    EXPECT_EQ(Manager::numberOfManagers, 0U);
+    EXPECT_FALSE(Manager::currentlyHandlingSignals);
+    EXPECT_EQ(callsInThisProcess, Manager::handlerTables == nullptr ? 1U : 0U);
+}
+
+TEST(MeetingOfADispatch, NothingIsTakenDownUnderIt) {
+    meetOnBoth({.prepare = prepareHandlingOfNobodysSignal,
+                .operation = dispatchByHand,
+                .meanwhile = destroy,
+                .expect = expectTheStateOfOneOfTheTwo});
+}
+
+TEST(MeetingOfTheLastManager, ADispatchComesBeforeItsEndOrAfterIt) {
+    meetOnBoth({.prepare = prepareHandlingOfNobodysSignal,
+                .operation = destroy,
+                .meanwhile = dispatchByHand,
+                .expect = expectTheStateOfOneOfTheTwo});
 }
 
 // --- The lock

@@ -29,7 +29,11 @@ public:
         note(LifeEvent::assigned);
         return *this;
     }
-    ~TrackedValue() { note(LifeEvent::destroyed); }
+    // Whoever reads it afterwards reads another number.
+    ~TrackedValue() {
+        note(LifeEvent::destroyed);
+        static_cast<volatile int&>(number) = -1;
+    }
 
     int number = 0;
 
