@@ -66,7 +66,7 @@ bool svsendOn(int signalNumber, siginfo* information, void* context) {
 }
 
 // First installs, then looks: whoever hands the signal back after the look displaces the library.
-void SVArrival::stayInstalled(const siginfo* information, const void* context) const {
+void SVArrival::stayInstalled(siginfo* information, void* context) const {
     struct sigaction displaced;
     do {
         const SVOwnership::Unsettled unsettled(m_signalNumber);
@@ -100,9 +100,8 @@ SVFailure SVArrival::settleInside(const struct sigaction& displaced,
         // Another dispatch may have put the host's action back.
         SVOwnership::take(m_signalNumber);
         return SVSystemActions::ask(m_signalNumber, current).then([&] {
-            return svownActionQ(current)
-                       ? SVFailure()
-                       : SVSystemActions::installOwn(m_signalNumber, current);
+            return svownActionQ(current) ? SVFailure()
+                                         : SVSystemActions::installOwn(m_signalNumber, current);
         });
     }
     if (svownActionQ(displaced)) {
@@ -110,6 +109,9 @@ SVFailure SVArrival::settleInside(const struct sigaction& displaced,
     }
     const bool newer = SVOwnership::handedBackBeforeQ(m_signalNumber, before);
     if (SVOwnership::librarysQ(m_signalNumber)) {
+        if (newer) {
+            SVOwnership::rememberHosts(m_signalNumber, displaced);
+        }
         return newer ? svkeepDisplaced(m_signalNumber, displaced) : SVFailure();
     }
     SVOwnership::allowSendingOn(m_signalNumber);
