@@ -1,0 +1,110 @@
+// The queue that handlers put arrived signals into.
+
+#include <../utilities/svsignalqueue.h>
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <vector>
+
+#include "support/joining_thread.h"
+
+namespace {
+
+using Sorvane::siginfo;
+using Sorvane::SVSignalQueue;
+
+struct Delete {
+    void operator()(SVSignalQueue* queue) const { delete queue; }
+};
+using Queue = std::unique_ptr<SVSignalQueue, Delete>;
+
+Queue queueFor(unsigned int capacity) {
+    return Queue(SVSignalQueue::make(capacity));
+}
+
+siginfo numbered(int number) {
+    siginfo information = {};
+    information.si_signo = number;
+    return information;
+}
+
+// -1 if there is none.
+int taken(SVSignalQueue& queue) {
+    siginfo information = {};
+    return queue.take(information) ? information.si_signo : -1;
+}
+
+TEST(SignalQueue, GivesWhatWasPutInItsOrder) {
+    const Queue queue = queueFor(4);
+    for (int number = 1; number <= 4; ++number) {
+        EXPECT_TRUE(queue->put(numbered(number)));
+    }
+    for (int number = 1; number <= 4; ++number) {
+        EXPECT_EQ(taken(*queue), number);
+    }
+    EXPECT_EQ(taken(*queue), -1);
+}
+
+TEST(SignalQueue, GoesRoundAndRound) {
+    const Queue queue = queueFor(3);
+    for (int number = 0; number < 1000; ++number) {
+        EXPECT_TRUE(queue->put(numbered(number)));
+        EXPECT_TRUE(queue->put(numbered(-number)));
+        EXPECT_EQ(taken(*queue), number);
+        EXPECT_EQ(taken(*queue), -number);
+    }
+    EXPECT_EQ(taken(*queue), -1);
+}
+
+TEST(SignalQueue, HasRoomForAtLeastAsManyAsAskedForAndRefusesMore) {
+    for (const unsigned int capacity : {0U, 1U, 2U, 3U, 64U, 1000U}) {
+        const Queue queue = queueFor(capacity);
+        unsigned int count = 0;
+        while (queue->put(numbered(1))) {
+            ++count;
+        }
+        EXPECT_GE(count, capacity);
+        EXPECT_LE(count, 2 * capacity + 2);
+        EXPECT_EQ(taken(*queue), 1);
+        EXPECT_TRUE(queue->put(numbered(2)));
+        EXPECT_FALSE(queue->put(numbered(3)));
+    }
+}
+
+TEST(SignalQueue, OfMoreThanThereIsRoomForIsNotMade) {
+    EXPECT_EQ(SVSignalQueue::make(0xffffffffU), nullptr);
+}
+
+// Each thread's own come in their order, and none is lost or comes twice.
+TEST(SignalQueue, OfSeveralThreadsLosesAndDoublesNone) {
+    constexpr int threadCount = 3;
+    constexpr int each = 20000;
+    const Queue queue = queueFor(64);
+    std::vector<int> last(threadCount, 0);
+    std::vector<JoiningThread> threads;
+    for (int thread = 0; thread < threadCount; ++thread) {
+        threads.emplace_back([&queue, thread] {
+            for (int number = 1; number <= each; ++number) {
+                siginfo information = numbered(number);
+                information.si_code = thread;
+                while (!queue->put(information)) {
+                    std::this_thread::yield();
+                }
+            }
+        });
+    }
+    for (int count = 0; count < threadCount * each;) {
+        siginfo information = {};
+        if (!queue->take(information)) {
+            std::this_thread::yield();
+            continue;
+        }
+        ++count;
+        int& before = last.at(static_cast<std::size_t>(information.si_code));
+        ASSERT_EQ(information.si_signo, before + 1);
+        before = information.si_signo;
+    }
+    EXPECT_EQ(taken(*queue), -1);
+}
+
+}  // namespace
