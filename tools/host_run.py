@@ -197,7 +197,8 @@ class Run:
         self._streams = []
         self._changed = threading.Condition()
         self._reaped = None
-        self._connections = {}
+        self._connections = []
+        self._answer = None
 
     def record(self):
         started = time.monotonic()
@@ -238,7 +239,8 @@ class Run:
         for name, text in self._scenario.write.items():
             path = self._folder / name
             path.parent.mkdir(parents=True, exist_ok=True)
-            path.write_text(self._fill_in(text), encoding="utf-8")
+            text = self._fill_in(text).replace("{many}", "a line of many\n" * 2000)
+            path.write_text(text, encoding="utf-8")
         for name in self._scenario.folders:
             (self._folder / name).mkdir()
         if self._scenario.helper:
@@ -295,7 +297,7 @@ class Run:
                 pass
         for stream in self._streams:
             stream.join(STEP_LIMIT)
-        for connection in self._connections.values():
+        for connection in self._connections:
             connection.close()
         if self._helper is not None:
             self._helper.close()
@@ -316,7 +318,8 @@ class Run:
         os.kill(self._process.pid, signal.Signals[f"SIG{name}"])
 
     def _step_type(self, text):
-        self._process.stdin.write(text.replace("\\n", "\n"))
+        numbers = "".join(f"{number}\n" for number in range(2000, 0, -1))
+        self._process.stdin.write(text.replace("\\n", "\n").replace("{numbers}", numbers))
         self._process.stdin.flush()
 
     def _step_close(self, _):
@@ -335,25 +338,20 @@ class Run:
         name, _, content = text.partition(" ")
         (self._folder / name).write_text(content.replace("\\n", "\n"), encoding="utf-8")
 
-    def _step_get(self, path):
+    def _step_ask(self, path):
+        """Asks, and waits until an answer begins; the rest is for "hear"."""
         connection = UnixConnection(self._folder / "socket")
+        self._connections.append(connection)
         connection.request("GET", path)
-        self._answer(connection)
-        connection.close()
+        self._answer = connection.getresponse()
 
-    def _step_ask(self, text):
-        """Asks over a connection that is kept; what comes back is for "hear"."""
-        name, _, path = text.partition(" ")
-        connection = self._connections.setdefault(name, UnixConnection(self._folder / "socket"))
-        connection.request("GET", path)
+    def _step_hear(self, _):
+        body = self._answer.read().decode(errors="replace")
+        self._record.answers += [f"{self._answer.status}: {len(body)} bytes, {body[:20].strip()}"]
 
-    def _step_hear(self, name):
-        self._answer(self._connections[name])
-
-    def _answer(self, connection):
-        answer = connection.getresponse()
-        body = answer.read().decode(errors="replace")
-        self._record.answers += [f"{answer.status} {line}" for line in body.splitlines()]
+    def _step_get(self, path):
+        self._step_ask(path)
+        self._step_hear("")
 
     # ---- Results -------------------------------------------------------------------------------
 
@@ -375,14 +373,17 @@ class Run:
         record.errors = self._normalised(self._streams[1].lines)
         record.files = [f"{name}: {len(list((self._folder / name).iterdir()))} files"
                         for name in self._scenario.folders]
-        host = self._process.pid
+        host = str(self._process.pid)
+        started = False
         for path in sorted(self._folder.glob("*.snapshot")):
             name, pid, _ = path.name.rsplit(".", 2)
-            snapshot = read_snapshot(path)
-            if int(pid) == host:
-                record.snapshots[name] = snapshot
-            elif name == "start":
-                record.children.append(snapshot)
+            if name.startswith("start-"):
+                # The first one of all is the host's own.
+                if started:
+                    record.children.append(read_snapshot(path))
+                started = True
+            elif pid == host:
+                record.snapshots[name] = read_snapshot(path)
         counters = (self._folder / "counters")
         if counters.exists():
             values = memoryview(counters.read_bytes()).cast("I")

@@ -31,7 +31,10 @@ BAD_FORMS = (
 )
 FIELDS = {"about", "run", "status", "quick", "helper", "modes", "called", "steps", "normalise",
           "leave_out", "unordered", "env", "write", "folders", "expected"}
-EXPECTED_FIELDS = {"forms", "modes", "signals", "difference", "why", "sometimes"}
+EXPECTED_FIELDS = {"forms", "modes", "at", "signals", "difference", "reason", "why", "sometimes"}
+MOST_SHOWN = 60
+# What is expected in many places, and why.
+REASONS = HOSTS / "reasons.toml"
 
 
 class Problem(Exception):
@@ -71,25 +74,36 @@ class Scenario:
     expected: list
 
 
-def read_expectations(entry, path):
-    unknown = set(entry) - EXPECTED_FIELDS
-    if unknown or not entry.get("why") or not entry.get("difference") or not entry.get("modes"):
-        raise Problem(f"{path}: an expectation needs 'difference', 'modes' and 'why', and knows no "
-                      f"{', '.join(sorted(unknown)) or 'others'}")
-    modes = entry["modes"]
-    sometimes = entry.get("sometimes", False)
-    if sometimes and modes != ["busy"]:
-        raise Problem(f"{path}: only what depends on another thread may differ sometimes")
-    return [Expectation(entry["difference"].replace("{signal}", f"SIG{name}"), entry["why"],
-                        entry.get("forms", ["managers"]), modes, sometimes)
-            for name in entry.get("signals", [""])]
-
-
-def read_scenario(path):
+def read_toml(path):
     try:
-        content = tomllib.loads(path.read_text(encoding="utf-8"))
+        return tomllib.loads(path.read_text(encoding="utf-8"))
     except (OSError, UnicodeDecodeError, tomllib.TOMLDecodeError) as error:
         raise Problem(f"{path}: {error}") from error
+
+
+def read_expectations(entry, reasons, path):
+    """One for each signal and place that the entry names."""
+    unknown = set(entry) - EXPECTED_FIELDS
+    if unknown:
+        raise Problem(f"{path}: an expectation knows no {', '.join(sorted(unknown))}")
+    if "reason" in entry:
+        if entry["reason"] not in reasons:
+            raise Problem(f"{path}: {REASONS} has no {entry['reason']}")
+        entry = reasons[entry["reason"]] | entry
+    if not all(entry.get(name) for name in ("difference", "modes", "why")):
+        raise Problem(f"{path}: an expectation needs 'difference', 'modes' and 'why'")
+    sometimes = entry.get("sometimes", False)
+    if sometimes and entry["modes"] != ["busy"]:
+        raise Problem(f"{path}: only what depends on another thread may differ sometimes")
+    patterns = [entry["difference"].replace("{signal}", f"SIG{name}").replace("{at}", place)
+                for place in entry.get("at", [""])
+                for name in entry.get("signals", "none").split()]
+    return [Expectation(pattern, entry["why"], entry.get("forms", ["managers"]), entry["modes"],
+                        sometimes) for pattern in patterns]
+
+
+def read_scenario(path, reasons):
+    content = read_toml(path)
     unknown = set(content) - FIELDS
     if unknown or not content.get("about") or not content.get("run"):
         raise Problem(f"{path}: a scenario needs 'about' and 'run', and knows no "
@@ -98,7 +112,8 @@ def read_scenario(path):
     for step in steps:
         if not hasattr(Run, f"_step_{step.split()[0]}"):
             raise Problem(f'{path}: there is no step "{step}"')
-    expected = [e for entry in content.get("expected", []) for e in read_expectations(entry, path)]
+    expected = [expectation for entry in content.get("expected", [])
+                for expectation in read_expectations(entry, reasons, path)]
     return Scenario(
         name=str(path.relative_to(HOSTS).with_suffix("")), here=path.parent.resolve(),
         about=content["about"], run=content["run"], status=content.get("status", "exit 0"),
@@ -110,7 +125,8 @@ def read_scenario(path):
 
 
 def read_scenarios():
-    scenarios = [read_scenario(path) for path in sorted(HOSTS.glob("*/*.toml"))]
+    reasons = read_toml(REASONS)
+    scenarios = [read_scenario(path, reasons) for path in sorted(HOSTS.glob("*/*.toml"))]
     if not scenarios:
         raise Problem(f"there are no scenarios in {HOSTS}")
     return scenarios
@@ -158,9 +174,12 @@ def compare_snapshots(what, found, bare):
     return differences
 
 
-def compare_named(found, bare):
+def compare_named(found, bare, mode):
     differences = []
     for name in sorted(set(found) | set(bare)):
+        # A plug-in that is preloaded stays to the end.
+        if mode == "before" and name != "end":
+            continue
         if name not in found:
             differences.append(f"{name}: was not reached")
         elif name not in bare:
@@ -191,7 +210,7 @@ def compare_children(found, bare):
     return differences
 
 
-def compare(found, bare):
+def compare(found, bare, mode):
     differences = []
     if found.stuck:
         differences.append(f"did not get past {found.stuck}")
@@ -201,7 +220,7 @@ def compare(found, bare):
     differences += compare_lines("errors", found.errors, bare.errors)
     differences += compare_lines("answers", found.answers, bare.answers)
     differences += compare_lines("files", found.files, bare.files)
-    differences += compare_named(found.snapshots, bare.snapshots)
+    differences += compare_named(found.snapshots, bare.snapshots, mode)
     differences += compare_children(found.children, bare.children)
     return list(dict.fromkeys(differences))
 
@@ -214,7 +233,7 @@ class Verdict:
 
 def judge(scenario, form, mode, found, bare):
     """Every difference has to be expected, and every expected difference has to be there."""
-    differences = compare(found, bare)
+    differences = compare(found, bare, mode)
     wrong = []
     applying = [e for e in scenario.expected if form in e.forms and mode in e.modes]
     for difference in differences:
@@ -238,8 +257,11 @@ def judge(scenario, form, mode, found, bare):
 def show(scenario, form, mode, outcome, seconds, wrong, remark=""):
     print(f"{scenario.name:<24} {form:<14} {mode:<7} {outcome:<6} {seconds:4.1f} s  {remark}"
           .rstrip(), flush=True)
-    for line in wrong:
-        print(f"    {line}", flush=True)
+    for line in wrong[:MOST_SHOWN]:
+        print(f"    {line}")
+    if len(wrong) > MOST_SHOWN:
+        print(f"    and {len(wrong) - MOST_SHOWN} more")
+    sys.stdout.flush()
 
 
 def run_bare(scenario):

@@ -126,7 +126,6 @@ int main() {
     }
     installAll();
     loadPlugin();
-    takeSnapshot("loaded");
     work();
     std::fflush(stdout);
     unloadPlugin();

@@ -7,6 +7,7 @@
 #include <csignal>
 #include <cstdint>
 #include <cstdio>
+#include <initializer_list>
 
 #include "plugin_of_host.h"
 

@@ -12,14 +12,14 @@ namespace {
 enum Fault { ignored, no_restart, lost, held_back, swallowed, silent, stuck };
 constexpr Fault fault = FAULT;
 
-constexpr int count = sizeof(Hosts::signals) / sizeof(Hosts::signals[0]);
-struct sigaction before[count];
+constexpr int signalCount = sizeof(Hosts::signals) / sizeof(Hosts::signals[0]);
+struct sigaction before[signalCount];
 
 // All but one are careful: they call the host's handler, have its mask and flags, and leave alone
 // what nobody handles.
 void callHost(int signalNumber, siginfo_t* information, void* context) {
     Hosts::count(signalNumber);
-    for (int index = 0; index < count; ++index) {
+    for (int index = 0; index < signalCount; ++index) {
         if (Hosts::signals[index] != signalNumber || fault == lost) {
             continue;
         }
@@ -35,7 +35,7 @@ bool handledByHostQ(const struct sigaction& action) {
     return action.sa_handler != SIG_DFL && action.sa_handler != SIG_IGN;
 }
 
-void end0(int) {
+void endQuietly(int) {
     _exit(0);
 }
 
@@ -47,12 +47,12 @@ void Hosts::beginHandling() {
     if (fault == silent) {
         return;
     }
-    for (int index = 0; index < count; ++index) {
+    for (int index = 0; index < signalCount; ++index) {
         struct sigaction& host = before[index];
         sigaction(signals[index], nullptr, &host);
         if (fault == swallowed && signals[index] == SIGSEGV) {
             struct sigaction ending = {};
-            ending.sa_handler = &end0;
+            ending.sa_handler = &endQuietly;
             sigaction(SIGSEGV, &ending, nullptr);
         } else if (handledByHostQ(host)) {
             struct sigaction own = host;
@@ -78,10 +78,10 @@ void Hosts::end() {
     while (fault == stuck) {
         pause();
     }
-    for (int index = 0; index < count && fault != silent; ++index) {
+    for (int index = 0; index < signalCount && fault != silent; ++index) {
         struct sigaction current;
         sigaction(signals[index], nullptr, &current);
-        if (current.sa_sigaction == &callHost || current.sa_handler == &end0) {
+        if (current.sa_sigaction == &callHost || current.sa_handler == &endQuietly) {
             sigaction(signals[index], &before[index], nullptr);
         }
     }

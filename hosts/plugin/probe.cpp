@@ -11,12 +11,14 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cinttypes>
 #include <csignal>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 
 #include "bash_builtin.h"
 
@@ -45,8 +47,10 @@ void nameAddress(void* address, char* name, std::size_t size) {
     Dl_info module;
     if (dladdr(address, &module) != 0 && module.dli_fname != nullptr) {
         const char* const slash = std::strrchr(module.dli_fname, '/');
-        std::snprintf(name, size, "%s+0x%" PRIxPTR,
-                      slash == nullptr ? module.dli_fname : slash + 1,
+        const char* const file = slash == nullptr ? module.dli_fname : slash + 1;
+        // The program may have written something else over its name.
+        const bool program = module.dli_fname == program_invocation_name;
+        std::snprintf(name, size, "%s+0x%" PRIxPTR, program ? "program" : file,
                       reinterpret_cast<std::uintptr_t>(address) -
                           reinterpret_cast<std::uintptr_t>(module.dli_fbase));
     } else {
@@ -148,6 +152,16 @@ void startHelper() {
     pthread_sigmask(SIG_SETMASK, &before, nullptr);
 }
 
+// With its first thread the C library installs an action of its own. A plug-in may have threads, and
+// so every run has had one.
+void haveHadThread() {
+    pthread_t thread;
+    const auto nothing = [](void*) -> void* { return nullptr; };
+    if (pthread_create(&thread, nullptr, nothing, nullptr) == 0) {
+        pthread_join(thread, nullptr);
+    }
+}
+
 void mapCounters() {
     char path[lineLength];
     pathOf(path, sizeof(path), "counters");
@@ -177,6 +191,16 @@ bool claim() {
     return true;
 }
 
+// A process may start another program in its own place, and then there are several.
+void takeFirstSnapshot() {
+    timespec now = {};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    char name[64];
+    std::snprintf(name, sizeof(name), "start-%010ld%09ld", static_cast<long>(now.tv_sec),
+                  now.tv_nsec);
+    hosts_snapshot(name);
+}
+
 __attribute__((constructor)) void begin() {
     const char* const itsFolder = std::getenv("SORVANE_HOSTS_FOLDER");
     const char* const itsMode = std::getenv("SORVANE_HOSTS_MODE");
@@ -185,9 +209,10 @@ __attribute__((constructor)) void begin() {
     }
     std::snprintf(folder, sizeof(folder), "%s", itsFolder);
     std::snprintf(mode, sizeof(mode), "%s", itsMode);
-    hosts_snapshot("start");
+    takeFirstSnapshot();
     inHost = claim();
     if (inHost) {
+        haveHadThread();
         mapCounters();
         if (std::getenv("SORVANE_HOSTS_HELPER") != nullptr) {
             startHelper();

@@ -11,13 +11,14 @@ SCRIPT = "trap 'echo terminated; exit 7' TERM; echo ready; read line; exit 3"
 
 
 def work():
-    print(subprocess.run(["/bin/sh", "-c", "exit 5"]).returncode)
+    print(subprocess.run(["/bin/sh", "-c", "exit 5"]).returncode, flush=True)
     print(subprocess.run(["/bin/sh", "-c", "kill -KILL $$"]).returncode)
     print(subprocess.run(["/bin/cat"], input=b"text", stdout=subprocess.PIPE).stdout)
     with subprocess.Popen(["/bin/sh", "-c", SCRIPT], stdin=subprocess.PIPE,
                           stdout=subprocess.PIPE, text=True) as child:
         print(child.stdout.readline().strip())
         child.terminate()
+        child.stdin.close()
         print(child.stdout.readline().strip())
     print(child.returncode)
     with subprocess.Popen(["/bin/cat"], stdin=subprocess.PIPE, restore_signals=False) as child:

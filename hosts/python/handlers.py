@@ -34,7 +34,6 @@ for number in (signal.SIGUSR1, signal.SIGTERM, signal.SIGHUP, signal.SIGALRM):
     signal.signal(number, handler)
 signal.signal(signal.SIGUSR2, signal.SIG_IGN)
 plugin.load()
-plugin.snapshot("loaded")
 work()
 print(signal.getsignal(signal.SIGTERM) is handler)
 plugin.unload()
