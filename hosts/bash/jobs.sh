@@ -15,16 +15,21 @@ work() {
     kill -CONT %1
     wait "$child"
     echo "continued: $?"
-    /bin/sleep 100 &
-    kill -TERM %+
+    /bin/sh -c 'echo ready; read -r never <"$1"' sh "$never" >"$ready" &
+    read -r _ <"$ready"
+    kill -KILL %+
     wait $! 2>/dev/null
-    echo "terminated: $?"
-    /bin/sh -c 'exit 6' &
+    echo "killed: $?"
+    /bin/sh -c 'kill -STOP $$; exit 6' &
+    wait $!
     fg %+ >/dev/null
     echo "foreground: $?"
     echo "ends were told: $((count > 0))"
 }
 
+ready="$SORVANE_HOSTS_FOLDER/ready"
+never="$SORVANE_HOSTS_FOLDER/never"
+/usr/bin/mkfifo "$ready" "$never"
 set -m
 trap 'count=$((count + 1))' CHLD
 load

@@ -1,4 +1,4 @@
 #!/bin/sh
-# Compresses what sort puts aside, and tells that there is a temporary file by now.
-[ "$#" -gt 0 ] || echo "puts something aside" >&2
-exec /bin/cat
+# Compresses what sort puts aside, and tells when it is there.
+/bin/cat
+[ "$#" -gt 0 ] || echo "has put something aside" >&2

@@ -2,16 +2,15 @@
 
 #include <sorvane/svsignalhandlermanager.h>
 
-#include <optional>
-
 #include "plugin.h"
 
 namespace {
 
 using Sorvane::SVSignalHandlerManager;
 
-std::optional<SVSignalHandlerManager> locking;
-std::optional<SVSignalHandlerManager> unlocked;
+// The plug-in ends with the destructors of modules, after those of objects.
+SVSignalHandlerManager* locking = nullptr;
+SVSignalHandlerManager* unlocked = nullptr;
 
 constexpr int count = sizeof(Hosts::signals) / sizeof(Hosts::signals[0]);
 
@@ -33,8 +32,8 @@ void clearAll() {
 }  // namespace
 
 void Hosts::beginIdle() {
-    locking.emplace(true);
-    unlocked.emplace(false);
+    locking = new SVSignalHandlerManager(true);
+    unlocked = new SVSignalHandlerManager(false);
 }
 
 void Hosts::beginHandling() {
@@ -59,6 +58,6 @@ void Hosts::changeAll() {
 void Hosts::end() {
     locking->stopHandlingSignals();
     clearAll();
-    unlocked.reset();
-    locking.reset();
+    delete unlocked;
+    delete locking;
 }

@@ -16,7 +16,8 @@ struct Pair {
 };
 
 constexpr int signalCount = sizeof(Hosts::signals) / sizeof(Hosts::signals[0]);
-Pair subscriptions[signalCount];
+// The plug-in ends with the destructors of modules, after those of objects.
+Pair* const subscriptions = new Pair[signalCount];
 
 void subscribe(int index) {
     const int signalNumber = Hosts::signals[index];
@@ -50,8 +51,8 @@ void Hosts::changeAll() {
 }
 
 void Hosts::end() {
-    for (Pair& pair : subscriptions) {
-        pair.simple.reset();
-        pair.withInformation.reset();
+    for (int index = 0; index < signalCount; ++index) {
+        subscriptions[index].simple.reset();
+        subscriptions[index].withInformation.reset();
     }
 }

@@ -21,7 +21,10 @@ def work():
         child.stdin.close()
         print(child.stdout.readline().strip())
     print(child.returncode)
-    with subprocess.Popen(["/bin/cat"], stdin=subprocess.PIPE, restore_signals=False) as child:
+    with subprocess.Popen(["/bin/cat"], stdin=subprocess.PIPE, stdout=subprocess.PIPE, bufsize=0,
+                          restore_signals=False) as child:
+        child.stdin.write(b"ready\n")
+        print(child.stdout.readline())
         child.send_signal(signal.SIGTERM)
     print(child.returncode)
     pid = os.fork()

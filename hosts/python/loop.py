@@ -9,22 +9,21 @@ import plugin
 
 async def work():
     loop = asyncio.get_running_loop()
-    for number in (signal.SIGUSR1, signal.SIGTERM, signal.SIGINT):
-        arrived = loop.create_future()
-        loop.add_signal_handler(number, arrived.set_result, number.name)
-        if number == signal.SIGUSR1:
-            plugin.load()
+    arrived = asyncio.Queue()
+    numbers = (signal.SIGUSR1, signal.SIGTERM, signal.SIGINT)
+    for number in numbers:
+        loop.add_signal_handler(number, arrived.put_nowait, number.name)
+    plugin.load()
+    for number in numbers:
         os.kill(os.getpid(), number)
-        print("arrived", await arrived)
+        print("arrived", await arrived.get())
     child = await asyncio.create_subprocess_exec("/bin/sh", "-c", "exit 4")
     print("child", await child.wait())
     plugin.unload()
-    for number in (signal.SIGUSR1, signal.SIGTERM):
-        arrived = loop.create_future()
-        loop.add_signal_handler(number, arrived.set_result, number.name)
-        os.kill(os.getpid(), number)
-        print("arrived later", await arrived)
     plugin.snapshot("later")
+    for number in numbers:
+        os.kill(os.getpid(), number)
+        print("arrived later", await arrived.get())
     print("removed", loop.remove_signal_handler(signal.SIGTERM))
 
 
