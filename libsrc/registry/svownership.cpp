@@ -19,6 +19,13 @@ struct HandBack {
 };
 constinit HandBack handBacks[highestSignal + 1] = {};
 
+constinit struct sigaction hosts[highestSignal + 1] = {};
+constinit std::atomic<unsigned int> leavings[highestSignal + 1];
+
+int numberOf(int signalNumber) noexcept {
+    return signalExistsQ(signalNumber) ? signalNumber : 0;
+}
+
 // The last signals that were sent on. A thread has a place of its own here for each signal. Of two
 // threads that share one, each may send its signal on more than once, which does no harm as long as
 // it ends.
@@ -68,6 +75,37 @@ void SVOwnership::allowSendingOn(int signalNumber) noexcept {
 
 bool SVOwnership::handedBackByThisThreadQ(int signalNumber) noexcept {
     return handBacks[signalNumber].thread == SVHandlerContext::thisThread();
+}
+
+const struct sigaction& SVOwnership::hostsAction(int signalNumber) noexcept {
+    return hosts[numberOf(signalNumber)];
+}
+
+void SVOwnership::rememberHosts(int signalNumber, const struct sigaction& displaced) noexcept {
+    if (signalExistsQ(signalNumber)) {
+        hosts[signalNumber] = hostsActionIf(signalNumber, displaced);
+    }
+}
+
+const struct sigaction& SVOwnership::hostsActionIf(int signalNumber,
+                                                   const struct sigaction& found) noexcept {
+    const bool leftIgnored = found.sa_handler == SIG_IGN && handedBackQ(count(signalNumber)) &&
+                             svsameActionQ(found, actionOfHost(signalNumber));
+    return leftIgnored ? hostsAction(signalNumber) : found;
+}
+
+// The walk that sees a record gone has to see this as well.
+void SVOwnership::leaveForGood(int signalNumber) noexcept {
+    handBacks[numberOf(signalNumber)].thread = nullptr;
+    leavings[numberOf(signalNumber)].fetch_add(1);
+}
+
+bool SVOwnership::leftForGoodQ(int signalNumber) noexcept {
+    return handedBackQ(count(signalNumber)) && handBacks[numberOf(signalNumber)].thread == nullptr;
+}
+
+unsigned int SVOwnership::timesLeft(int signalNumber) noexcept {
+    return leavings[numberOf(signalNumber)].load();
 }
 
 bool SVOwnership::sendsOnFirstQ(int signalNumber) noexcept {

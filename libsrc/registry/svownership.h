@@ -32,6 +32,14 @@
 // counts as done before the hand-back.
 // A take-over that finds the library installed although the signal is the host's has come between a
 // dispatch's installation and its last look; it takes the remembered action for what the host had.
+//
+// What the host had when a signal was taken over is remembered, too, the default action and being
+// ignored included. It is what the host gets back when the signal is left for good: when nobody but
+// the host is on record any more. The ignoring that the library leaves, where nobody had a handler,
+// is not the host's; it does not replace what is remembered. A signal is also left for good by one
+// of its handlers, so no dispatch takes it back, and a walk that is under way goes on to the host's
+// handlers, whose records are gone. Whoever calls the library by hand then has displaced it, and
+// means what it stood for: the host's handler.
 #ifndef SORVANE_SVOWNERSHIP_H
 #define SORVANE_SVOWNERSHIP_H
 
@@ -83,6 +91,24 @@ bool handedBackBeforeQ(int signalNumber, Count count) noexcept;
 
 /// Whether this thread was the last one to hand the signal back.
 bool handedBackByThisThreadQ(int signalNumber) noexcept;
+
+/// What the host had when the signal was taken over last; the default action if it never was.
+/// That changes when the signal is about to be taken, with what was displaced for it.
+const struct sigaction& hostsAction(int signalNumber) noexcept;
+void rememberHosts(int signalNumber, const struct sigaction& displaced) noexcept;
+
+/// What the host has for a signal that is its own: what was found, or what is remembered if the
+/// library has left that.
+const struct sigaction& hostsActionIf(int signalNumber, const struct sigaction& found) noexcept;
+
+/// The hand-back that has begun leaves the signal for good.
+void leaveForGood(int signalNumber) noexcept;
+
+/// Whether the signal is the host's because it was left for good.
+bool leftForGoodQ(int signalNumber) noexcept;
+
+/// How often a signal was left for good. Signal context: any.
+unsigned int timesLeft(int signalNumber) noexcept;
 
 /// Whether this thread sends the signal on for the first time since it was handed back.
 bool sendsOnFirstQ(int signalNumber) noexcept;

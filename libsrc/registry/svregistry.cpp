@@ -241,6 +241,19 @@ void SVRegistry::remove(int signalNumber, void* function) noexcept {
                   [function](SVSignalHandlerTable& changed) { changed.remove(function); });
 }
 
+void SVRegistry::removeAll(int signalNumber, bool (*test)(const SVSignalHandler&)) noexcept {
+    SVSignalHandlerTable* const table = tableOf(signalNumber);
+    for (unsigned int i = 0; i <= table->mask; ++i) {
+        SVSignalHandlerTable::Entry& slot = table->table[i];
+        if (slot.state == svslotOccupied && test(slot.value)) {
+            changeInPlace(table, [&slot](SVSignalHandlerTable& changed) {
+                slot.state = svslotDeleted;
+                --changed.used;
+            });
+        }
+    }
+}
+
 // Only a rebuild empties a slot, and only a rebuild moves a key to another one.
 bool svsameSlotsQ(const SVSignalHandlerTable& one, const SVSignalHandlerTable& other) noexcept {
     bool same = one.mask == other.mask;

@@ -62,6 +62,10 @@ public:
     /// have made nobody's but the registry's in this same gate.
     void remove(int signalNumber, void* function) noexcept;
 
+    /// Takes all records for which a test holds out of such a table. They are looked for slot by
+    /// slot, because one that lies behind a cleared slot is not found by its function.
+    void removeAll(int signalNumber, bool (*test)(const SVSignalHandler&)) noexcept;
+
     /// Counts the slots of a table that a thread was changing which is not in this process.
     static void countAnew() noexcept;
 

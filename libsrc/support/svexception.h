@@ -16,6 +16,7 @@ enum svexceptiontype : int {
     svexceptionAllocationFailed = 5,
     svexceptionIteratorMisused = 12,
     svexceptionInternalTableError = 20,
+    svexceptionRequestRefused = 24,
 };
 
 /// The texts of an exception, copied, so that they outlive whatever they were made from. A text

@@ -34,39 +34,96 @@ SVFailure putBack(int signalNumber, const struct sigaction& hosts, const struct 
 
 }  // namespace
 
-bool svsendOn(int signalNumber, siginfo* information, void* context) {
-    const bool delivered = information != nullptr && svbeingHandledQ(signalNumber);
-    struct sigaction host;
-    {
-        const SVGate gate;
-        const bool hosts = SVOwnership::handedBackQ(SVOwnership::count(signalNumber));
-        const bool late = delivered && hosts;  // GCOVR_EXCL_BR_LINE: taken over just before
-        host = SVOwnership::actionOfHost(signalNumber);
-        struct sigaction current = host;
-        static_cast<void>(SVSystemActions::ask(signalNumber, current));
-        const bool installed = svownActionQ(current);
-        const bool first = SVOwnership::sendsOnFirstQ(signalNumber);
-        const bool byHand = !SVOwnership::Unsettled::anyQ(signalNumber);
-        if (!late || (installed ? byHand : !first)) {
-            SVOwnership::take(signalNumber);
-            return false;
-        }
+namespace {
+
+// Whose an arrival is that found the signal handed back.
+enum class Receiver {
+    library,    // it has the signal again, or was called by hand
+    host,       // to whom the arrival is sent on
+    displaced,  // by whoever calls the library by hand: what the host had before
+    nobody,
+};
+
+// Parameters: action, set to that by which the host may have to be called. Signal context: inside
+// the gate.
+Receiver receiverOf(int signalNumber, bool delivered, struct sigaction& action) noexcept {
+    const bool hosts = SVOwnership::handedBackQ(SVOwnership::count(signalNumber));
+    const bool late = delivered && hosts;  // GCOVR_EXCL_BR_LINE: taken over just before
+    action = SVOwnership::actionOfHost(signalNumber);
+    struct sigaction current = action;
+    static_cast<void>(SVSystemActions::ask(signalNumber, current));
+    const bool installed = svownActionQ(current);
+    const bool first = SVOwnership::sendsOnFirstQ(signalNumber);
+    const bool byHand = !SVOwnership::Unsettled::anyQ(signalNumber);
+    if (late && !(installed ? byHand : !first)) {
         if (installed) {
             SVOwnership::allowSendingOn(signalNumber);
-            putBack(signalNumber, host, current);
+            putBack(signalNumber, action, current);
         }
+        return Receiver::host;
+    }
+    if (!installed && SVOwnership::leftForGoodQ(signalNumber)) {
+        action = SVOwnership::hostsAction(signalNumber);
+        return action.sa_handler == current.sa_handler ? Receiver::nobody : Receiver::displaced;
+    }
+    SVOwnership::take(signalNumber);
+    return Receiver::library;
+}
+
+// The call of this thread's for what the library has displaced. That may call the library by hand
+// again, which ends there. It is told from the next delivery as a dispatch is that is called back:
+// that has a frame of its own; without the kernel's frame nobody can tell, and it is taken for the
+// same.
+struct Displaced {
+    const void* frame;
+    const siginfo* information;
+    int signalNumber;
+
+    bool calledBackQ(const Displaced& inner, const void* context) const noexcept {
+        return reinterpret_cast<std::uintptr_t>(frame) >
+                   reinterpret_cast<std::uintptr_t>(inner.frame) &&
+               signalNumber == inner.signalNumber &&
+               (information == inner.information || !svkernelsQ(inner.information, context));
+    }
+};
+constinit thread_local Displaced innermost
+    __attribute__((tls_model("initial-exec"))) = {nullptr, nullptr, 0};
+
+void callDisplaced(int signalNumber, struct sigaction& action, siginfo* information,
+                   void* context) {
+    const Displaced call = {__builtin_frame_address(0), information, signalNumber};
+    if (!innermost.calledBackQ(call, context)) {
+        const Displaced outer = innermost;
+        innermost = call;
+        SVSignalHandler(signalNumber, action, true, true, true)(information, context);
+        innermost = outer;
+    }
+}
+
+}  // namespace
+
+bool svsendOn(int signalNumber, siginfo* information, void* context) {
+    const bool delivered = information != nullptr && svbeingHandledQ(signalNumber);
+    struct sigaction action;
+    Receiver receiver;
+    {
+        const SVGate gate;
+        receiver = receiverOf(signalNumber, delivered, action);
     }
     // Where the system's queue is full the host's handler is called from here.
-    if (!svfaultQ(signalNumber, *information) &&
+    if (receiver == Receiver::host && !svfaultQ(signalNumber, *information) &&
         syscall(SYS_rt_tgsigqueueinfo, getpid(), syscall(SYS_gettid), signalNumber, information) !=
             0) {
-        SVSignalHandler(signalNumber, host, true, true, true)(information, context);
+        SVSignalHandler(signalNumber, action, true, true, true)(information, context);
     }
-    return true;
+    if (receiver == Receiver::displaced) {
+        callDisplaced(signalNumber, action, information, context);
+    }
+    return receiver != Receiver::library;
 }
 
 // First installs, then looks: whoever hands the signal back after the look displaces the library.
-void SVArrival::stayInstalled(const siginfo* information, const void* context) const {
+void SVArrival::stayInstalled(siginfo* information, void* context) const {
     struct sigaction displaced;
     do {
         const SVOwnership::Unsettled unsettled(m_signalNumber);
@@ -100,9 +157,8 @@ SVFailure SVArrival::settleInside(const struct sigaction& displaced,
         // Another dispatch may have put the host's action back.
         SVOwnership::take(m_signalNumber);
         return SVSystemActions::ask(m_signalNumber, current).then([&] {
-            return svownActionQ(current)
-                       ? SVFailure()
-                       : SVSystemActions::installOwn(m_signalNumber, current);
+            return svownActionQ(current) ? SVFailure()
+                                         : SVSystemActions::installOwn(m_signalNumber, current);
         });
     }
     if (svownActionQ(displaced)) {
@@ -110,6 +166,9 @@ SVFailure SVArrival::settleInside(const struct sigaction& displaced,
     }
     const bool newer = SVOwnership::handedBackBeforeQ(m_signalNumber, before);
     if (SVOwnership::librarysQ(m_signalNumber)) {
+        if (newer) {
+            SVOwnership::rememberHosts(m_signalNumber, displaced);
+        }
         return newer ? svkeepDisplaced(m_signalNumber, displaced) : SVFailure();
     }
     SVOwnership::allowSendingOn(m_signalNumber);

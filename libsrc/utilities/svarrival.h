@@ -26,7 +26,7 @@ public:
     /// the system has, unless the signal was handed back meanwhile by another thread. What the
     /// handler has left there gets the signals that are still to come (see svleftaction.h).
     /// Errors: SVException: that of installHandlerInSystem(), and those of the tables' insert().
-    void stayInstalled(const siginfo* information, const void* context) const;
+    void stayInstalled(siginfo* information, void* context) const;
 
 private:
     void settle(const struct sigaction& displaced, SVOwnership::Count before) const;

@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <csignal>
 #include <cstdint>
 #include <iterator>
@@ -13,6 +14,7 @@
 #include "svarrival.h"
 #include "svownaction.h"
 #include "svsharedstate.h"
+#include "svsubscriptionentries.h"
 #include "svsystemactions.h"
 
 namespace Sorvane {
@@ -81,6 +83,14 @@ bool letInQ(int signalNumber, const siginfo* information, const void* context) n
            sigismember(&static_cast<const ucontext_t*>(context)->uc_sigmask, signalNumber) == 0;
 }
 
+constinit std::atomic<bool> lastWordsSaid[highestSignal + 1];
+
+void sayLastWords(int signalNumber, siginfo* information, void* context) {
+    if (svfatalQ(signalNumber) && !lastWordsSaid[signalNumber].exchange(true)) {
+        SVSubscriptionEntries::callAll(signalNumber, information, context);
+    }
+}
+
 bool onRecordQ(int signalNumber, const struct sigaction& action) noexcept {
     const SVTablesPin pin;
     const auto sameQ = [&action](const SVSignalHandler& record) {
@@ -99,14 +109,17 @@ bool svfaultQ(int signalNumber, const siginfo& information) noexcept {
     return byTheCode && information.si_code > 0 && !onlyReported;
 }
 
-bool SVLeftAction::leave(int signalNumber, const struct sigaction& action,
-                         const siginfo* information, const void* context) noexcept {
+bool SVLeftAction::leave(int signalNumber, const struct sigaction& action, siginfo* information,
+                         void* context) {
     forget(signalNumber);
     if (onRecordQ(signalNumber, action)) {
         return false;
     }
     const Signals signals = Signals{1} << static_cast<unsigned int>(signalNumber - 1);
     if (pendingQ(signals) && letInQ(signalNumber, information, context)) {
+        if (action.sa_handler == SIG_DFL) {
+            sayLastWords(signalNumber, information, context);
+        }
         struct sigaction previous;
         const bool installed = !SVSystemActions::install(signalNumber, action, previous);
         if (installed) {
@@ -134,6 +147,7 @@ SVLeftAction::Taker SVLeftAction::take(int signalNumber, siginfo* information, v
     left.sa_sigaction = leftToFault.handler;
     left.sa_flags = leftToFault.flags;
     if (svnobodysActionQ(left)) {
+        sayLastWords(signalNumber, information, context);
         struct sigaction previous;
         return SVSystemActions::install(signalNumber, left, previous) ? Taker::everybody
                                                                       : Taker::system;

@@ -13,13 +13,26 @@
 //   hands. For the default action that is installed, and the instruction runs into it.
 // A handler that has a record for the signal is none that was left: many install themselves again
 // whenever they are called.
+//
+// A host's handler for SIGSEGV, SIGBUS or SIGHUP is called alone. When it leaves the default action
+// to what is to come, the process is about to end, and nobody else has heard of it. So those who
+// subscribe to the signal are called just before: once in the life of a process, as two of its
+// threads may come here.
 #ifndef SORVANE_SVLEFTACTION_H
 #define SORVANE_SVLEFTACTION_H
+
+#include <csignal>
 
 #include "../support/svfailure.h"
 #include "../support/svsignalhandler.h"
 
 namespace Sorvane {
+
+/// Whether a signal ends the process unless the host had a handler for it. SIGILL, SIGFPE and
+/// SIGABRT do not: they go the ordinary way. Signal context: any.
+constexpr bool svfatalQ(int signalNumber) noexcept {
+    return signalNumber == SIGSEGV || signalNumber == SIGBUS || signalNumber == SIGHUP;
+}
 
 /// Whether a signal is the fault of the instruction that was interrupted, which runs again. Signal
 /// context: any.
@@ -31,8 +44,7 @@ namespace SVLeftAction {
 /// At the end of a dispatch that has displaced an action: gives it the signals of this number that
 /// are pending, or remembers it for the fault. The library is installed before; whether it has to
 /// be installed again is the result.
-bool leave(int signalNumber, const struct sigaction& action, const siginfo* information,
-           const void* context) noexcept;
+bool leave(int signalNumber, const struct sigaction& action, siginfo* information, void* context);
 
 /// Whom the arrived signal belongs to. `everybody`: nothing was left for it. `leftHandler`: a
 /// handler was, and has been called. `system`: the action that was left is installed.

@@ -7,6 +7,7 @@
 #include "../support/svhandlercontext.h"
 #include "../support/svthreadsfactory.h"
 #include "svsharedstate.h"
+#include "svsubscriptionentries.h"
 #include "svsystemactions.h"
 
 namespace Sorvane {
@@ -33,6 +34,7 @@ void goOnInChild() {
     const SVGate::SignalsHeldBack signalsHeldBack;
     SVGate::goOnInChild();
     SVPin::forgetOtherThreads();
+    SVSubscriptionEntries::goOnInChild();
     svshared(Manager::numberOfManagers).store(managersOutsideDispatch + SVHandlerContext::depth);
     if (SVMutexHandle* const handle = svshared(Manager::handlerTableLock).load()) {
         handle->goOnInChild();

@@ -12,16 +12,11 @@
 #include "svownaction.h"
 #include "svsharedstate.h"
 #include "svsignalhandlermanager.h"
+#include "svsubscriptionentries.h"
 
 namespace Sorvane {
 
 namespace {
-
-// The signals that end the process unless the host had a handler for them. SIGILL, SIGFPE and
-// SIGABRT are not among them: they go the ordinary way.
-bool fatalQ(int signalNumber) noexcept {
-    return signalNumber == SIGSEGV || signalNumber == SIGBUS || signalNumber == SIGHUP;
-}
 
 bool hostsOwnQ(const SVSignalHandler& record) noexcept {
     return (record.preExistsQ() || record.externalQ()) && record.validQ();
@@ -37,20 +32,31 @@ bool hostsOwnQ(const SVSignalHandler& record) noexcept {
 class Dispatch {
 public:
     explicit Dispatch(int signalNumber) noexcept
-        : m_signalNumber(signalNumber), m_table(m_pin.tableOf(signalNumber)) {}
+        : m_timesLeft(SVOwnership::timesLeft(signalNumber)),
+          m_signalNumber(signalNumber),
+          m_table(m_pin.tableOf(signalNumber)) {}
+    Dispatch(const Dispatch&) = delete;
+    Dispatch& operator=(const Dispatch&) = delete;
+    // What it has interrupted has missed nothing.
+    ~Dispatch() { SVSubscriptionEntries::missed = m_missedBefore; }
 
     bool hasHostsOwnQ() const { return svfirstRecord(m_table, hostsOwnQ) != nullptr; }
 
     void callValid(void* information, void* context) { call(information, context, false); }
     void callHostsOwn(void* information, void* context) { call(information, context, true); }
 
+    /// Whether there were calls, but only of subscriptions that have just ended.
+    bool allMissedQ() const noexcept {
+        return m_calls != 0 && m_calls == SVSubscriptionEntries::missed - m_missedBefore;
+    }
+
     /// Calls the rest of the dispatch by one of whose handlers the library is being called by hand.
     /// Result: whether it is. Parameters: frame, that of the library's handler.
     static bool goOnIfCalledBack(int signalNumber, void* information, void* context,
                                  const void* frame) {
-        const bool calledBack =
-            innermost.sameQ(signalNumber, information, context, frame) &&
-            innermost.dispatch->m_self == innermost.dispatch && svbeingHandledQ(signalNumber);
+        const bool calledBack = innermost.sameQ(signalNumber, information, context, frame) &&
+                                innermost.dispatch->m_self == innermost.dispatch &&
+                                svbeingHandledQ(signalNumber);
         if (calledBack) {
             innermost.dispatch->callRest();
         }
@@ -116,10 +122,11 @@ private:
             }
             SVSignalHandler record(current.value);
             if (!(m_onlyHostsOwn ? hostsOwnQ(record) : record.validQ()) ||
-                (m_leftBehind && clearedQ(current.key))) {
+                (m_leftBehind && clearedQ(record))) {
                 continue;
             }
             m_next = slot;
+            ++m_calls;
             record(m_information, m_context);
             m_leftBehind = !m_pin.publishedQ() && !follow();
             slot = m_next;
@@ -133,7 +140,7 @@ private:
     [[gnu::noinline]] bool follow() noexcept {
         SVTablesPin now;
         SVSignalHandlerTable* const table = now.tableOf(m_signalNumber);
-        if (endedQ() || table == nullptr || !svsameSlotsQ(*m_table, *table)) {
+        if (endedQ() || leftQ() || table == nullptr || !svsameSlotsQ(*m_table, *table)) {
             return false;
         }
         m_next = table->table + (m_next - m_table->table);
@@ -143,18 +150,24 @@ private:
     }
 
     // Whoever clears a handler whose turn has not come does not see it called any more: its module
-    // may be about to go. The end of the whole registry is no clearing. A record is looked for slot
-    // by slot, because a key behind a cleared one is not found by its hash any more.
-    [[gnu::noinline]] bool clearedQ(const void* function) const noexcept {
+    // may be about to go. The end of the whole registry is no clearing; nor is it one if the signal
+    // is left to the host, which is to have this delivery, too. A record is looked for slot by
+    // slot, because a key behind a cleared one is not found by its hash any more.
+    [[gnu::noinline]] bool clearedQ(const SVSignalHandler& record) const noexcept {
         const SVTablesPin now;
-        const auto sameQ = [function](const SVSignalHandler& record) {
-            return record.getHandlerFunction() == function;
+        const auto sameQ = [&record](const SVSignalHandler& other) {
+            return record.getHandlerFunction() == other.getHandlerFunction();
         };
-        return !endedQ() && svfirstRecord(now.tableOf(m_signalNumber), sameQ) == nullptr;
+        return !endedQ() && !(leftQ() && record.preExistsQ()) &&
+               svfirstRecord(now.tableOf(m_signalNumber), sameQ) == nullptr;
     }
     bool endedQ() const noexcept { return svregistry.timesEnded() != m_timesEnded; }
+    bool leftQ() const noexcept { return SVOwnership::timesLeft(m_signalNumber) != m_timesLeft; }
 
     const unsigned int m_timesEnded = svregistry.timesEnded();
+    const unsigned int m_timesLeft;
+    const unsigned int m_missedBefore = SVSubscriptionEntries::missed;
+    unsigned int m_calls = 0;
     SVTablesPin m_pin;
     const int m_signalNumber;
     SVSignalHandlerTable* m_table;
@@ -182,13 +195,17 @@ enum class Outcome { ownerChanged, late, called };
     if (arrival.lateQ()) {
         return Outcome::late;
     }
-    if (fatalQ(signalNumber) && records.hasHostsOwnQ()) {
+    const bool onlyHostsOwn = svfatalQ(signalNumber) && records.hasHostsOwnQ();
+    if (onlyHostsOwn) {
         records.callHostsOwn(information, context);
     } else {
         records.callValid(information, context);
-        if (fatalQ(signalNumber)) {
-            _exit(0);
-        }
+    }
+    if (records.allMissedQ() && arrival.ownerChangedQ()) {
+        return Outcome::ownerChanged;
+    }
+    if (svfatalQ(signalNumber) && !onlyHostsOwn) {
+        _exit(0);
     }
     return Outcome::called;
 }

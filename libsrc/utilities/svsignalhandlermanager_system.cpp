@@ -4,6 +4,7 @@
 #include <csignal>
 
 #include "../registry/svownership.h"
+#include "svkernelaction.h"
 #include "svownaction.h"
 #include "svsharedstate.h"
 #include "svsignalhandlermanager.h"
@@ -22,6 +23,40 @@ SVFailure failureOf(int result) noexcept {
                                   lineSigactionFailed, svexceptionOperatingSystemCallFailed, errno);
 }
 
+// What a dispatch hides that has installed the library and not yet looked whose the signal is.
+void lookBehind(int signalNumber, struct sigaction& found) noexcept {
+    if (svownActionQ(found) && SVOwnership::Unsettled::anyQ(signalNumber) &&
+        SVOwnership::handedBackQ(SVOwnership::count(signalNumber))) {
+        found = SVOwnership::actionOfHost(signalNumber);
+    }
+}
+
+// The C library marks what it installs with its own way back from a handler, also where there is
+// none. If the host replaces the action just between, its new one counts.
+void takeMarksAway(int signalNumber, const struct sigaction& action) noexcept {
+    const SVKernelAction wanted = SVKernelAction::of(action);
+    SVKernelAction replaced = wanted;
+    if (SVKernelAction::install(signalNumber, wanted, &replaced) &&
+        replaced.handler != wanted.handler) {
+        SVKernelAction::install(signalNumber, replaced, nullptr);
+    }
+}
+
+// If the host has just installed something else over the library, that counts.
+SVFailure installAsItWas(int signalNumber, const struct sigaction& action) noexcept {
+    struct sigaction replaced;
+    return SVSystemActions::install(signalNumber, action, replaced).then([&] {
+        if (!svownActionQ(replaced)) {
+            struct sigaction previous;
+            return SVSystemActions::install(signalNumber, replaced, previous);
+        }
+        if (svnobodysActionQ(action)) {
+            takeMarksAway(signalNumber, action);
+        }
+        return SVFailure();
+    });
+}
+
 }  // namespace
 
 SVFailure SVSystemActions::ask(int signalNumber, struct sigaction& current) noexcept {
@@ -30,9 +65,8 @@ SVFailure SVSystemActions::ask(int signalNumber, struct sigaction& current) noex
 
 SVFailure SVSystemActions::askForHosts(int signalNumber, struct sigaction& hosts) noexcept {
     const SVFailure failure = ask(signalNumber, hosts);
-    if (!failure && svownActionQ(hosts) && SVOwnership::Unsettled::anyQ(signalNumber) &&
-        SVOwnership::handedBackQ(SVOwnership::count(signalNumber))) {
-        hosts = SVOwnership::actionOfHost(signalNumber);
+    if (!failure) {
+        lookBehind(signalNumber, hosts);
     }
     return failure;
 }
@@ -58,6 +92,11 @@ SVFailure SVSystemActions::installOwn(int signalNumber, struct sigaction& previo
 SVFailure SVSystemActions::takeOver(int signalNumber, struct sigaction& previous) noexcept {
     const SVFailure failure = installOwn(signalNumber, previous);
     if (!failure) {
+        struct sigaction hosts = previous;
+        lookBehind(signalNumber, hosts);
+        if (!svownActionQ(hosts) && !SVOwnership::librarysQ(signalNumber)) {
+            SVOwnership::rememberHosts(signalNumber, hosts);
+        }
         SVOwnership::take(signalNumber);
     }
     return failure;
@@ -74,6 +113,27 @@ SVFailure SVSystemActions::handBack(SVSignalHandler& record) noexcept {
     const SVFailure failure = install(signalNumber, action, previous);
     SVOwnership::endHandBack(signalNumber);
     if (failure && librarys) {
+        SVOwnership::take(signalNumber);
+    }
+    return failure;
+}
+
+SVFailure SVSystemActions::leaveToHost(int signalNumber, struct sigaction action) noexcept {
+    struct sigaction current;
+    const SVFailure unknown = ask(signalNumber, current);
+    if (unknown) {
+        return unknown;
+    }
+    const bool installed = svownActionQ(current);
+    if (!installed) {
+        action = current;
+    }
+    const SVOwnership::Unsettled unsettled(signalNumber);
+    SVOwnership::beginHandBack(signalNumber, action);
+    SVOwnership::leaveForGood(signalNumber);
+    const SVFailure failure = installed ? installAsItWas(signalNumber, action) : SVFailure();
+    SVOwnership::endHandBack(signalNumber);
+    if (failure) {
         SVOwnership::take(signalNumber);
     }
     return failure;

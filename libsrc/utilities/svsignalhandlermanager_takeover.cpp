@@ -40,19 +40,13 @@ SVFailure swap(int signalNumber) noexcept {
     });
 }
 
-SVFailure takeOver(int signalNumber) noexcept {
-    return svregistry.addTable(signalNumber, noTable).then([&] {
-        return allowedQ(signalNumber) ? swap(signalNumber) : SVFailure();
-    });
-}
-
 // Another thread may have registered for a signal, or handed one back, after its turn.
 SVFailure takeOverRest() noexcept {
     SVFailure failure;
     svforEachSignal([&](int signalNumber) {
         if (!failure && !SVOwnership::librarysQ(signalNumber) &&
             hasRecordsQ(svregistry.tableOf(signalNumber))) {
-            failure = takeOver(signalNumber);
+            failure = svtakeOver(signalNumber);
         }
     });
     return failure;
@@ -76,6 +70,12 @@ SVFailure handBack(int signalNumber, SVSignalHandler wanted) noexcept {
 
 }  // namespace
 
+SVFailure svtakeOver(int signalNumber) noexcept {
+    return svregistry.addTable(signalNumber, noTable).then([&] {
+        return allowedQ(signalNumber) ? swap(signalNumber) : SVFailure();
+    });
+}
+
 SVFailure svkeepOnRecord(int signalNumber, struct sigaction action, bool& kept) noexcept {
     SVOwnAction::follow(signalNumber, action, svregistry.tableOf(signalNumber));
     if (svnobodysActionQ(action)) {
@@ -96,7 +96,7 @@ SVFailure svkeepDisplaced(int signalNumber, const struct sigaction& action) noex
 }
 
 void SVSignalHandlerManager::handleSignal(int signalNumber) {
-    svchange(lockHandle(), [&] { return takeOver(signalNumber); });
+    svchange(lockHandle(), [&] { return svtakeOver(signalNumber); });
 }
 
 // The lock is let go around each handleSignal(), which takes it by itself, so that an exception

@@ -34,6 +34,11 @@ SVFailure installOwn(int signalNumber, struct sigaction& previous) noexcept;
 SVFailure takeOver(int signalNumber, struct sigaction& previous) noexcept;
 SVFailure handBack(SVSignalHandler& record) noexcept;
 
+/// Gives the host back what it had, or leaves what it has installed over the library, and the
+/// signal is the host's for good. Errors: as above; it is then still the library's.
+/// Signal context: inside the gate.
+SVFailure leaveToHost(int signalNumber, struct sigaction action) noexcept;
+
 /// Installs the library's own action again if it is installed as it was before a change.
 /// Errors: as above. Signal context: inside the gate.
 SVFailure renewOwn(int signalNumber) noexcept;
@@ -43,6 +48,10 @@ SVFailure renewOwn(int signalNumber) noexcept;
 SVFailure handBackPreexisting() noexcept;
 
 }  // namespace SVSystemActions
+
+/// Takes a signal over as handleSignal() does. Errors: those of handleSignal(); nothing has changed
+/// then but that a new, empty table may be there. Signal context: inside the gate.
+SVFailure svtakeOver(int signalNumber) noexcept;
 
 /// Keeps an action that the host had for a signal as a pre-existing record, unless it is nobody's
 /// or its function has a record, and follows it from now on. Parameters: kept, set if it was kept

@@ -1,0 +1,214 @@
+#include "svsignalsubscription.h"
+
+#include "../registry/svownership.h"
+#include "svownaction.h"
+#include "svsharedstate.h"
+#include "svsubscriptionentries.h"
+#include "svsystemactions.h"
+
+namespace Sorvane {
+
+namespace {
+
+constexpr SVFailure failureAt(const char* message, unsigned int line,
+                              svexceptiontype type) noexcept {
+    return SVFailure(message, "libsrc/utilities/svsignalsubscription", line, type, 0);
+}
+
+constexpr SVFailure noHandler = failureAt("There is no handler.", 41, svexceptionRequestRefused);
+constexpr SVFailure forbidden = failureAt(
+    "The signal can't be handled, or its disposition forbids it.", 58, svexceptionRequestRefused);
+constexpr SVFailure hadAlready =
+    failureAt("The handler has the signal already.", 73, svexceptionRequestRefused);
+constexpr SVFailure noEntry =
+    failureAt("No entry function is left.", 96, svexceptionAllocationFailed);
+constexpr SVFailure noTable =
+    failureAt("Unable to allocate new table", 112, svexceptionAllocationFailed);
+
+SVMutexHandle* lockHandle() noexcept {
+    return svshared(SVSignalHandlerManager::handlerTableLock).load();
+}
+
+// The default action and the ignoring one are no functions.
+bool callableQ(const SVSubscriber& subscriber) noexcept {
+    return subscriber.function != reinterpret_cast<SVSubscriber::Function>(SIG_DFL) &&
+           subscriber.function != reinterpret_cast<SVSubscriber::Function>(SIG_IGN);
+}
+
+// What the host has for a signal, also while that is the library's.
+SVFailure askForHosts(int signalNumber, struct sigaction& hosts) noexcept {
+    if (SVOwnership::librarysQ(signalNumber)) {
+        hosts = SVOwnership::hostsAction(signalNumber);
+        return SVFailure();
+    }
+    return SVSystemActions::askForHosts(signalNumber, hosts).then([&] {
+        hosts = SVOwnership::hostsActionIf(signalNumber, hosts);
+    });
+}
+
+bool hostsQ(const SVSignalHandler& record) noexcept {
+    return record.preExistsQ();
+}
+
+// Its own record, and those of others that could not be taken out when they had come to their end.
+// Result: whether there was memory for it.
+bool takeEndedOut(int signalNumber) noexcept {
+    const bool detached = !svregistry.detach(signalNumber, noTable);
+    if (detached) {
+        svregistry.removeAll(signalNumber, SVSubscriptionEntries::endedQ);
+    }
+    return detached;
+}
+
+bool onlyHostsQ(const SVSignalHandlerTable* table) noexcept {
+    return svfirstRecord(table, [](const SVSignalHandler& record) {
+               return !hostsQ(record) && !SVSubscriptionEntries::endedQ(record);
+           }) == nullptr;
+}
+
+struct sigaction actionOfHost(int signalNumber) noexcept {
+    const SVSignalHandler* const record = svfirstRecord(
+        svregistry.tableOf(signalNumber),
+        [](const SVSignalHandler& candidate) { return hostsQ(candidate) && candidate.validQ(); });
+    return record == nullptr ? SVOwnership::hostsAction(signalNumber)
+                             : SVSignalHandler(*record).getOSStruct();
+}
+
+}  // namespace
+
+SVSignalSubscription::SVSignalSubscription(int signalNumber, const SVSubscriber& subscriber,
+                                           SVIgnoredSignal ignored)
+    : m_manager(true),
+      m_signalNumber(signalNumber),
+      m_subscriber(subscriber),
+      m_ignored(ignored),
+      m_entry(SVSubscriptionEntries::none) {
+    renew();
+}
+
+SVSignalSubscription::SVSignalSubscription(int signalNumber, SimpleHandler handler,
+                                           SVIgnoredSignal ignored)
+    : SVSignalSubscription(signalNumber,
+                           SVSubscriber{SVSubscriber::Form::simple,
+                                        reinterpret_cast<SVSubscriber::Function>(handler), nullptr},
+                           ignored) {}
+
+SVSignalSubscription::SVSignalSubscription(int signalNumber, InformationHandler handler,
+                                           SVIgnoredSignal ignored)
+    : SVSignalSubscription(signalNumber,
+                           SVSubscriber{SVSubscriber::Form::information,
+                                        reinterpret_cast<SVSubscriber::Function>(handler), nullptr},
+                           ignored) {}
+
+SVSignalSubscription::SVSignalSubscription(int signalNumber, UserHandler handler, void* user,
+                                           SVIgnoredSignal ignored)
+    : SVSignalSubscription(signalNumber,
+                           SVSubscriber{SVSubscriber::Form::user,
+                                        reinterpret_cast<SVSubscriber::Function>(handler), user},
+                           ignored) {}
+
+// The manager may be the last one, and fail to put a handler back; nobody could be told of it.
+SVSignalSubscription::~SVSignalSubscription() noexcept try {
+    if (m_entry != SVSubscriptionEntries::none) {
+        svchange(lockHandle(), [this] { end(); });
+        SVSubscriptionEntries::waitForOthers(m_entry);
+        if (!m_onRecord) {
+            SVSubscriptionEntries::giveBack(m_entry);
+        }
+    }
+} catch (const SVException&) {
+    return;
+}
+
+bool SVSignalSubscription::activeQ() const noexcept {
+    return m_entry != SVSubscriptionEntries::none && SVOwnership::librarysQ(m_signalNumber);
+}
+
+bool SVSignalSubscription::renew() {
+    svchange(lockHandle(), [this] { return begin(); });
+    return activeQ();
+}
+
+SVFailure SVSignalSubscription::begin() noexcept {
+    if (activeQ()) {
+        return SVFailure();
+    }
+    if (!callableQ(m_subscriber)) {
+        return noHandler;
+    }
+    if (!SVSignalHandlerManager::signalDispositionSet.getSignalDisposition(m_signalNumber)) {
+        return forbidden;
+    }
+    struct sigaction hosts;
+    return askForHosts(m_signalNumber, hosts).then([&] { return refusal(hosts); }).then([&] {
+        const bool leftAlone =
+            hosts.sa_handler == SIG_IGN && m_ignored == SVIgnoredSignal::leaveAlone;
+        return leftAlone ? SVFailure() : enter();
+    });
+}
+
+// Whether the handler has the signal in another way. A handler with a user's pointer can be nobody
+// else's.
+SVFailure SVSignalSubscription::refusal(const struct sigaction& hosts) const noexcept {
+    const auto* const function = reinterpret_cast<void*>(m_subscriber.function);
+    const auto sameQ = [function](const SVSignalHandler& record) {
+        return record.getHandlerFunction() == function;
+    };
+    const bool subscribed = m_entry == SVSubscriptionEntries::none &&
+                            SVSubscriptionEntries::callsQ(m_signalNumber, m_subscriber);
+    const bool registered = reinterpret_cast<void*>(hosts.sa_sigaction) == function ||
+                            svfirstRecord(svregistry.tableOf(m_signalNumber), sameQ) != nullptr;
+    return subscribed || registered ? hadAlready : SVFailure();
+}
+
+// The record comes first, so that whoever finds the library installed finds the record.
+SVFailure SVSignalSubscription::enter() noexcept {
+    const bool renewed = m_entry != SVSubscriptionEntries::none;
+    const unsigned int entry =
+        renewed ? m_entry : SVSubscriptionEntries::begin(m_signalNumber, m_subscriber);
+    if (entry == SVSubscriptionEntries::none) {
+        return noEntry;
+    }
+    m_entry = entry;
+    const SVSignalHandler record(m_signalNumber, SVSubscriptionEntries::functionOf(entry), false,
+                                 false, true);
+    const SVFailure failure =
+        svregistry.addTable(m_signalNumber, noTable)
+            .then([&] { return renewed ? SVFailure() : svregistry.store(record, noTable); })
+            .then([&] {
+                m_onRecord = true;
+                return svtakeOver(m_signalNumber);
+            });
+    if (failure && !renewed) {
+        SVSubscriptionEntries::end(entry);
+        if (m_onRecord) {
+            svregistry.removeAll(m_signalNumber, SVSubscriptionEntries::endedQ);
+            m_onRecord = false;
+        }
+        SVSubscriptionEntries::giveBack(entry);
+        m_entry = SVSubscriptionEntries::none;
+    }
+    return failure;
+}
+
+void SVSignalSubscription::end() noexcept {
+    SVSubscriptionEntries::end(m_entry);
+    const SVSignalHandlerTable* const table = svregistry.tableOf(m_signalNumber);
+    if (table == nullptr) {
+        m_onRecord = false;
+        return;
+    }
+    m_onRecord = !takeEndedOut(m_signalNumber);
+    if (!onlyHostsQ(svregistry.tableOf(m_signalNumber))) {
+        return;
+    }
+    const SVFailure failure =
+        SVOwnership::librarysQ(m_signalNumber)
+            ? SVSystemActions::leaveToHost(m_signalNumber, actionOfHost(m_signalNumber))
+            : SVFailure();
+    if (!failure && !m_onRecord) {
+        svregistry.removeAll(m_signalNumber, hostsQ);
+    }
+}
+
+}  // namespace Sorvane
