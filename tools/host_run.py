@@ -20,6 +20,7 @@ UNPACKED = pathlib.Path("build/hosts/nginx/usr/sbin").resolve()
 PROGRAMS = f"/usr/sbin:/usr/bin:/sbin:/bin:{UNPACKED}"
 # In the modes "before" and "idle" the plug-in is preloaded, in these two the host loads it.
 LOADED_LATER = ("after", "busy")
+FLAGS_OF_CHILDREN = 3  # SA_NOCLDSTOP and SA_NOCLDWAIT
 # More than any step and any run takes.
 STEP_LIMIT = 15.0
 RUN_LIMIT = 60.0
@@ -36,9 +37,16 @@ class Action:
     mask: int
     restorer: str
 
+    @classmethod
+    def of(cls, handler, flags, mask, restorer):
+        """What the system goes by: without a handler, only what it does with children."""
+        if handler in ("default", "ignored"):
+            return cls(handler, flags & FLAGS_OF_CHILDREN, 0, "none")
+        return cls(handler, flags, mask, restorer)
+
     def __str__(self):
-        if (self.handler, self.flags, self.mask, self.restorer) == ("default", 0, 0, "none"):
-            return "default"
+        if self.restorer == "none" and not self.flags:
+            return self.handler
         return (f"{self.handler} (flags {self.flags:#x}, mask {self.mask:#x}, "
                 f"restorer {self.restorer})")
 
@@ -82,7 +90,7 @@ def read_snapshot(path):
             snapshot.sets[name] = int(bits, 16)
         else:
             number, handler, flags, mask, restorer = line.split(" ", 4)
-            snapshot.actions[int(number)] = Action(
+            snapshot.actions[int(number)] = Action.of(
                 handler, int(flags.partition("=")[2], 16), int(mask.partition("=")[2], 16),
                 restorer.partition("=")[2])
     return snapshot

@@ -32,7 +32,7 @@ BAD_FORMS = (
 FIELDS = {"about", "run", "status", "quick", "helper", "modes", "called", "steps", "normalise",
           "leave_out", "unordered", "children", "env", "write", "folders", "expected"}
 EXPECTED_FIELDS = {"forms", "modes", "at", "signals", "difference", "reason", "why", "sometimes"}
-MOST_SHOWN = 60
+MOST_SHOWN = 12
 # What is expected in many places, and why.
 REASONS = HOSTS / "reasons.toml"
 

@@ -2,27 +2,47 @@
 
 #include <sorvane/svsignalsubscription.h>
 
-#include <optional>
-
 #include "plugin.h"
 
 namespace {
 
 using Sorvane::SVSignalSubscription;
 
-struct Pair {
-    std::optional<SVSignalSubscription> simple;
-    std::optional<SVSignalSubscription> withInformation;
-};
-
 constexpr int signalCount = sizeof(Hosts::signals) / sizeof(Hosts::signals[0]);
-// The plug-in ends with the destructors of modules, after those of objects.
-Pair* const subscriptions = new Pair[signalCount];
 
-void subscribe(int index) {
-    const int signalNumber = Hosts::signals[index];
-    subscriptions[index].simple.emplace(signalNumber, &Hosts::count);
-    subscriptions[index].withInformation.emplace(signalNumber, &Hosts::countWithInformation);
+// The plug-in begins before the constructors of objects and ends after their destructors.
+SVSignalSubscription* simple[signalCount] = {};
+SVSignalSubscription* withInformation[signalCount] = {};
+
+// Without a handler of the host's, these end the process, and as they would without the plug-in.
+void endIfFatal(int signalNumber) {
+    if (signalNumber == SIGSEGV || signalNumber == SIGBUS || signalNumber == SIGHUP) {
+        Sorvane::endByDefaultAction(signalNumber);
+    }
+}
+
+void onSignal(int signalNumber) {
+    Hosts::count(signalNumber);
+    endIfFatal(signalNumber);
+}
+
+void onSignalWithInformation(int signalNumber, siginfo_t* information, void* context) {
+    Hosts::countWithInformation(signalNumber, information, context);
+    endIfFatal(signalNumber);
+}
+
+void end(SVSignalSubscription*& subscription) {
+    delete subscription;
+    subscription = nullptr;
+}
+
+void beginSimple(int index) {
+    simple[index] = new SVSignalSubscription(Hosts::signals[index], &onSignal);
+}
+
+void beginWithInformation(int index) {
+    withInformation[index] =
+        new SVSignalSubscription(Hosts::signals[index], &onSignalWithInformation);
 }
 
 }  // namespace
@@ -35,24 +55,26 @@ void Hosts::beginIdle() {
 
 void Hosts::beginHandling() {
     for (int index = 0; index < signalCount; ++index) {
-        subscribe(index);
+        beginSimple(index);
+        beginWithInformation(index);
     }
 }
 
 // Mostly somebody has a signal, sometimes nobody, and they come and go in any order.
 void Hosts::changeAll() {
     for (int index = 0; index < signalCount; ++index) {
-        subscriptions[index].simple.reset();
-        subscriptions[index].simple.emplace(signals[index], &count);
-        subscriptions[index].withInformation.reset();
-        subscriptions[index].simple.reset();
-        subscribe(index);
+        ::end(simple[index]);
+        beginSimple(index);
+        ::end(withInformation[index]);
+        ::end(simple[index]);
+        beginSimple(index);
+        beginWithInformation(index);
     }
 }
 
 void Hosts::end() {
     for (int index = 0; index < signalCount; ++index) {
-        subscriptions[index].simple.reset();
-        subscriptions[index].withInformation.reset();
+        ::end(simple[index]);
+        ::end(withInformation[index]);
     }
 }
