@@ -1,5 +1,5 @@
-// Recovers from an overflow of its stack, twice, by a library that handles SIGSEGV on a stack of its
-// own and leaves the handler by a jump.
+// Recovers from an overflow of its stack, twice, by a library that handles SIGSEGV on a stack of
+// its own and leaves the handler by a jump.
 
 #include <setjmp.h>
 #include <sigsegv.h>

@@ -66,7 +66,7 @@ __attribute__((constructor)) void load() {
         return;
     }
     Hosts::beginHandling();
-    if (std::strcmp(hosts_mode(), "busy") == 0) {
+    if (std::strcmp(hosts_mode(), "busy") == 0 || std::strcmp(hosts_mode(), "early") == 0) {
         startBusyThread();
     }
 }
@@ -96,6 +96,6 @@ void Hosts::countWithInformation(int signalNumber, siginfo_t*, void*) {
 }
 
 extern "C" {
-BashBuiltin hosts_plugin_struct = {"hosts_plugin", &bashPlugin, 1, bashHelp, "hosts_plugin",
-                                   nullptr};
+BashBuiltin hosts_plugin_struct = {"hosts_plugin", &bashPlugin,    1,
+                                   bashHelp,       "hosts_plugin", nullptr};
 }

@@ -152,8 +152,8 @@ void startHelper() {
     pthread_sigmask(SIG_SETMASK, &before, nullptr);
 }
 
-// With its first thread the C library installs an action of its own. A plug-in may have threads, and
-// so every run has had one.
+// With its first thread the C library installs an action of its own. A plug-in may have threads,
+// and so every run has had one.
 void haveHadThread() {
     pthread_t thread;
     const auto nothing = [](void*) -> void* { return nullptr; };
@@ -291,6 +291,6 @@ const char* const bashHelp[] = {"Writes a snapshot under a name.", nullptr};
 }  // namespace
 
 extern "C" {
-BashBuiltin hosts_snapshot_struct = {
-    "hosts_snapshot", &bashSnapshot, 1, bashHelp, "hosts_snapshot NAME", nullptr};
+BashBuiltin hosts_snapshot_struct = {"hosts_snapshot", &bashSnapshot,         1,
+                                     bashHelp,         "hosts_snapshot NAME", nullptr};
 }

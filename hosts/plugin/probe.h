@@ -9,7 +9,7 @@ extern "C" {
 /// True in its children until they call exec.
 bool hosts_process();
 
-/// The value of SORVANE_HOSTS_MODE: bare, before, after, idle or busy.
+/// The value of SORVANE_HOSTS_MODE: bare, before, after, idle, busy or early.
 const char* hosts_mode();
 
 /// Writes all actions and masks into the run's folder, under a name.

@@ -7,7 +7,7 @@ readonly nginx=build/hosts/nginx
 # Installing it would start a server on this machine; so it is only unpacked.
 unpack_nginx() {
     local packages=build/hosts/packages
-    ! command -v nginx /usr/sbin/nginx >/dev/null || return 0
+    [[ -z "$(command -v nginx || command -v /usr/sbin/nginx)" ]] || return 0
     [[ ! -x "$nginx/usr/sbin/nginx" ]] || return 0
     rm -rf "$packages" "$nginx" && mkdir -p "$packages"
     (cd "$packages" && apt-get download nginx) && dpkg-deb --extract "$packages"/nginx_*.deb "$nginx"
@@ -23,7 +23,6 @@ asks_only() {
     return 1
 }
 
-require_packages build
 installed python3 || install_packages python3
 # Nothing that Python compiles is left beside the sources. Misuse is told before anything is built.
 /usr/bin/python3 -B tools/hosts.py --check "$@"
@@ -31,9 +30,11 @@ if asks_only "$@"; then
     exec /usr/bin/python3 -B tools/hosts.py "$@"
 fi
 
-while read -r package; do
+require_packages build
+mapfile -t packages < <(list_packages hosts)
+for package in "${packages[@]}"; do
     installed "$package" || (install_packages "$package") || say "hosts: without $package"
-done < <(list_packages hosts)
+done
 run_logged unpack-nginx unpack_nginx || say "hosts: nginx could not be had"
 
 say "Building the plug-in"
