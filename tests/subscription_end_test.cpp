@@ -20,7 +20,7 @@
 #include "support/joining_thread.h"
 #include "support/kernel_actions.h"
 #include "support/manager_fixture.h"
-#include "support/memory_limit.h"
+#include "support/sanitizers.h"
 #include "support/system_call_filter.h"
 
 namespace {
@@ -163,6 +163,18 @@ TEST_F(SubscriptionEnds, WithWhatTheHostHadWhenItWasTakenOverLast) {
     expectNoTrace(before);
 }
 
+// Whoever takes the signal over once more finds what a handler has just left there.
+TEST_F(SubscriptionEnds, WithWhatTheHostHadBeforeAnybodyCame) {
+    hostIgnoresWithMaskAndFlags(theSignal);
+    const KernelActions before = kernelActions();
+    {
+        const Subscription subscription(theSignal, userHandler, SVIgnoredSignal::takeOver);
+        signal(theSignal, SIG_DFL);
+        const Subscription other(theSignal, otherUserHandler, SVIgnoredSignal::takeOver);
+    }
+    expectNoTrace(before);
+}
+
 // --- What the host installs meanwhile ------------------------------------------------------------
 
 TEST_F(SubscriptionEnds, WithTheHandlerThatTheHostInstalledMeanwhile) {
@@ -215,6 +227,15 @@ void chainsWithAll(int signalNumber, siginfo* information, void* context) {
     displaced.sa_sigaction(signalNumber, information, context);
 }
 
+// Such a host calls what it has displaced by the wrong type: what is left over for the other
+// arguments means nothing.
+#define SKIP_IF_TYPES_ARE_CHECKED()                                              \
+    do {                                                                         \
+        if (builtWithAddressSanitizer) {                                         \
+            GTEST_SKIP() << "a sanitizer does not forgive a call by the number"; \
+        }                                                                        \
+    } while (false)
+
 void chainsWithTheNumber(int signalNumber) {
     noteCall(addressOf(chainsWithTheNumber), signalNumber);
     displaced.sa_handler(signalNumber);
@@ -246,6 +267,7 @@ TEST_F(SubscriptionEnds, AndAHandlerThatCallsTheLibraryByHandReachesTheHosts) {
 }
 
 TEST_F(SubscriptionEnds, AndAHandlerThatCallsTheLibraryByHandWithTheNumberAloneReachesTheHosts) {
+    SKIP_IF_TYPES_ARE_CHECKED();
     hostInstalls(theSignal, hostHandler);
     {
         const Subscription subscription(theSignal, userHandler);
@@ -258,6 +280,7 @@ TEST_F(SubscriptionEnds, AndAHandlerThatCallsTheLibraryByHandWithTheNumberAloneR
 
 // The library stood for another one that calls it by hand.
 TEST_F(SubscriptionEnds, AndHandlersThatCallTheLibraryInTurnsEnd) {
+    SKIP_IF_TYPES_ARE_CHECKED();
     hostInstalls(theSignal, chainsWithTheNumber);
     displaced.sa_sigaction = &actualSignalHandler;
     {

@@ -116,6 +116,31 @@ TEST_F(EndOfASubscription, LetsSignalsInWhileItWaits) {
     goOn.open();
 }
 
+std::atomic<unsigned int> depth{0};
+
+void isInterruptedByItselfAndStaysInside(int signalNumber) {
+    if (depth.fetch_add(1) == 0) {
+        const sigset_t itself = setOf({signalNumber});
+        pthread_sigmask(SIG_UNBLOCK, &itself, nullptr);
+        raise(signalNumber);
+        staysInside(signalNumber);
+    }
+}
+
+TEST_F(EndOfASubscription, WaitsForTheOuterCallOfAHandlerThatWasInterruptedByItself) {
+    auto subscription =
+        std::make_unique<Subscription>(theSignal, isInterruptedByItselfAndStaysInside);
+    JoiningThread other([] { raise(theSignal); });
+    inside.pass();
+    EXPECT_EQ(depth, 2U);
+    Ender ender(subscription);
+    ender.waitUntilItWaits();
+    EXPECT_FALSE(ender.doneQ());
+    goOn.open();
+    ender.join();
+    EXPECT_FALSE(ender.sawItRunningQ());
+}
+
 TEST_F(EndOfASubscription, WaitsForNoOtherHandlerOfItsSignal) {
     const Subscription staying(theSignal, staysInside);
     auto subscription = std::make_unique<Subscription>(theSignal, userHandler);
@@ -271,6 +296,99 @@ TEST_F(EndOfASubscription, DoesNotWaitForCallsThatItsOwnThreadHasLeft) {
     }
     subscription.reset();
     EXPECT_TRUE(defaultInSystemQ(theSignal));
+}
+
+// --- More calls than cells -----------------------------------------------------------------------
+
+using EntryFunction = void (*)(int, siginfo*, void*);
+
+thread_local sigjmp_buf outsideOfThread;
+
+void leavesItsThread(int, siginfo*, void*, void*) {
+    siglongjmp(outsideOfThread, 1);
+}
+
+/// A thread that has left calls of some entries, and lives on.
+class Leaver {
+public:
+    explicit Leaver(const std::vector<void*>& entries)
+        : m_thread([this, entries] {
+              for (void* const entry : entries) {
+                  if (sigsetjmp(outsideOfThread, 1) == 0) {
+                      reinterpret_cast<EntryFunction>(entry)(SIGUSR2, nullptr, nullptr);
+                  }
+              }
+              m_left.open();
+              m_end.pass();
+          }) {
+        m_left.pass();
+    }
+    Leaver(const Leaver&) = delete;
+    Leaver& operator=(const Leaver&) = delete;
+    ~Leaver() { m_end.open(); }
+
+private:
+    Gate m_left;
+    Gate m_end;
+    JoiningThread m_thread;
+};
+
+// Never ended, because nobody would come back from that.
+std::vector<std::unique_ptr<Subscription>>& leftForGood =
+    *new std::vector<std::unique_ptr<Subscription>>;
+
+class EndOfASubscriptionWithoutACell : public ManagerTest {
+protected:
+    // All cells are taken by calls of others.
+    void takeAllCells() {
+        constexpr unsigned int others = 255;
+        static char users[others];
+        for (char& user : users) {
+            leftForGood.push_back(std::make_unique<Subscription>(SIGUSR2, leavesItsThread, &user));
+        }
+        const std::vector<void*> entries = functionsInSlotOrder(SIGUSR2);
+        ASSERT_EQ(entries.size(), others);
+        m_leavers.push_back(std::make_unique<Leaver>(entries));
+        m_leavers.push_back(std::make_unique<Leaver>(entries));
+        m_leavers.push_back(std::make_unique<Leaver>(std::vector<void*>{entries[0], entries[1]}));
+    }
+
+private:
+    std::vector<std::unique_ptr<Leaver>> m_leavers;
+};
+
+TEST_F(EndOfASubscriptionWithoutACell, WaitsForItsHandlerAllTheSame) {
+    auto subscription = std::make_unique<Subscription>(theSignal, staysInside);
+    takeAllCells();
+    JoiningThread other([] { raise(theSignal); });
+    inside.pass();
+    Ender ender(subscription);
+    ender.waitUntilItWaits();
+    EXPECT_FALSE(ender.doneQ());
+    goOn.open();
+    ender.join();
+    EXPECT_FALSE(ender.sawItRunningQ());
+}
+
+TEST_F(EndOfASubscriptionWithoutACell, DoesNotWaitInsideAHandler) {
+    own = std::make_unique<Subscription>(theSignal, endsItself);
+    takeAllCells();
+    raise(theSignal);
+    EXPECT_EQ(callsOf(endsItself), 1U);
+    EXPECT_EQ(own, nullptr);
+}
+
+TEST_F(EndOfASubscriptionWithoutACell, DoesNotWaitInAForkedChild) {
+    auto subscription = std::make_unique<Subscription>(theSignal, staysInside);
+    takeAllCells();
+    JoiningThread other([] { raise(theSignal); });
+    inside.pass();
+    const ChildEnd end = inChild([&] {
+        subscription.reset();
+        EXPECT_TRUE(defaultInSystemQ(theSignal));
+    });
+    EXPECT_TRUE(end.wentOnQ()) << end;
+    goOn.open();
 }
 
 // --- fork ----------------------------------------------------------------------------------------

@@ -21,6 +21,8 @@
 /// For SIGSEGV, SIGBUS and SIGHUP: if the signal has a valid pre-existing or external record, only
 /// such records are called, and the process goes on; otherwise every valid record is called and
 /// the process ends at once with status 0. For every other signal every valid record is called.
+/// Subscriptions have records like others, and the last word when the host's handler gives up (see
+/// SVSignalSubscription).
 ///
 /// What a handler throws leaves it. errno is left as it was.
 /// Signal context: handler only. Threads: any, without a lock.

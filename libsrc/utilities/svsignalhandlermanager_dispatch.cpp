@@ -54,9 +54,9 @@ public:
     /// Result: whether it is. Parameters: frame, that of the library's handler.
     static bool goOnIfCalledBack(int signalNumber, void* information, void* context,
                                  const void* frame) {
-        const bool calledBack = innermost.sameQ(signalNumber, information, context, frame) &&
-                                innermost.dispatch->m_self == innermost.dispatch &&
-                                svbeingHandledQ(signalNumber);
+        const bool calledBack =
+            innermost.sameQ(signalNumber, information, context, frame) &&
+            innermost.dispatch->m_self == innermost.dispatch && svbeingHandledQ(signalNumber);
         if (calledBack) {
             innermost.dispatch->callRest();
         }

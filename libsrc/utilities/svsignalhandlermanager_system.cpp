@@ -31,6 +31,14 @@ void lookBehind(int signalNumber, struct sigaction& found) noexcept {
     }
 }
 
+// What was displaced when a signal was taken over, unless the library had it already.
+void remember(int signalNumber, struct sigaction displaced) noexcept {
+    lookBehind(signalNumber, displaced);
+    if (!svownActionQ(displaced) && !SVOwnership::librarysQ(signalNumber)) {
+        SVOwnership::rememberHosts(signalNumber, displaced);
+    }
+}
+
 // The C library marks what it installs with its own way back from a handler, also where there is
 // none. If the host replaces the action just between, its new one counts.
 void takeMarksAway(int signalNumber, const struct sigaction& action) noexcept {
@@ -92,11 +100,7 @@ SVFailure SVSystemActions::installOwn(int signalNumber, struct sigaction& previo
 SVFailure SVSystemActions::takeOver(int signalNumber, struct sigaction& previous) noexcept {
     const SVFailure failure = installOwn(signalNumber, previous);
     if (!failure) {
-        struct sigaction hosts = previous;
-        lookBehind(signalNumber, hosts);
-        if (!svownActionQ(hosts) && !SVOwnership::librarysQ(signalNumber)) {
-            SVOwnership::rememberHosts(signalNumber, hosts);
-        }
+        remember(signalNumber, previous);
         SVOwnership::take(signalNumber);
     }
     return failure;

@@ -143,7 +143,10 @@ SVFailure SVSignalSubscription::begin() noexcept {
     return askForHosts(m_signalNumber, hosts).then([&] { return refusal(hosts); }).then([&] {
         const bool leftAlone =
             hosts.sa_handler == SIG_IGN && m_ignored == SVIgnoredSignal::leaveAlone;
-        return leftAlone ? SVFailure() : enter();
+        if (leftAlone) {
+            return SVFailure();
+        }
+        return m_onRecord ? svtakeOver(m_signalNumber) : enter();
     });
 }
 
@@ -163,41 +166,37 @@ SVFailure SVSignalSubscription::refusal(const struct sigaction& hosts) const noe
 
 // The record comes first, so that whoever finds the library installed finds the record.
 SVFailure SVSignalSubscription::enter() noexcept {
-    const bool renewed = m_entry != SVSubscriptionEntries::none;
-    const unsigned int entry =
-        renewed ? m_entry : SVSubscriptionEntries::begin(m_signalNumber, m_subscriber);
-    if (entry == SVSubscriptionEntries::none) {
+    m_entry = SVSubscriptionEntries::begin(m_signalNumber, m_subscriber);
+    if (m_entry == SVSubscriptionEntries::none) {
         return noEntry;
     }
-    m_entry = entry;
-    const SVSignalHandler record(m_signalNumber, SVSubscriptionEntries::functionOf(entry), false,
+    const SVSignalHandler record(m_signalNumber, SVSubscriptionEntries::functionOf(m_entry), false,
                                  false, true);
-    const SVFailure failure =
-        svregistry.addTable(m_signalNumber, noTable)
-            .then([&] { return renewed ? SVFailure() : svregistry.store(record, noTable); })
-            .then([&] {
-                m_onRecord = true;
-                return svtakeOver(m_signalNumber);
-            });
-    if (failure && !renewed) {
-        SVSubscriptionEntries::end(entry);
-        if (m_onRecord) {
-            svregistry.removeAll(m_signalNumber, SVSubscriptionEntries::endedQ);
-            m_onRecord = false;
-        }
-        SVSubscriptionEntries::giveBack(entry);
-        m_entry = SVSubscriptionEntries::none;
+    const SVFailure failure = svregistry.addTable(m_signalNumber, noTable)
+                                  .then([&] { return svregistry.store(record, noTable); })
+                                  .then([this] { m_onRecord = true; })
+                                  .then([this] { return svtakeOver(m_signalNumber); });
+    if (failure) {
+        withdraw();
     }
     return failure;
 }
 
+// In the same gate in which it entered.
+void SVSignalSubscription::withdraw() noexcept {
+    SVSubscriptionEntries::end(m_entry);
+    if (m_onRecord) {
+        svregistry.removeAll(m_signalNumber, SVSubscriptionEntries::endedQ);
+        m_onRecord = false;
+    }
+    SVSubscriptionEntries::giveBack(m_entry);
+    m_entry = SVSubscriptionEntries::none;
+}
+
+// Without memory its record stays. What the host has on record goes with the last of the others,
+// but not before its action is installed.
 void SVSignalSubscription::end() noexcept {
     SVSubscriptionEntries::end(m_entry);
-    const SVSignalHandlerTable* const table = svregistry.tableOf(m_signalNumber);
-    if (table == nullptr) {
-        m_onRecord = false;
-        return;
-    }
     m_onRecord = !takeEndedOut(m_signalNumber);
     if (!onlyHostsQ(svregistry.tableOf(m_signalNumber))) {
         return;

@@ -93,6 +93,7 @@ private:
     SVFailure begin() noexcept;
     SVFailure refusal(const struct sigaction& hosts) const noexcept;
     SVFailure enter() noexcept;
+    void withdraw() noexcept;
     void end() noexcept;
 
     const SVSignalHandlerManager m_manager;
