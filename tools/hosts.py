@@ -28,6 +28,7 @@ BAD_FORMS = (
     ("lost", "python/handlers", "after", "output: "),
     ("held_back", "perl/posix", "after", "SigBlk: also SIGWINCH"),
     ("swallowed", "python/faulthandler", "after", "status: exit 0 instead of signal SIGSEGV"),
+    ("wrong_mask", "native/calls", "after", "later: SIGUSR1: "),
     ("silent", "native/calls", "after", "was not called for SIGUSR1"),
     ("stuck", "bash/traps", "before", "did not get past "),
 )

@@ -9,7 +9,7 @@
 namespace {
 
 // What a plug-in gets wrong. FAULT is one of these.
-enum Fault { ignored, no_restart, lost, held_back, swallowed, silent, stuck };
+enum Fault { ignored, no_restart, lost, held_back, swallowed, wrong_mask, silent, stuck };
 constexpr Fault fault = FAULT;
 
 constexpr int signalCount = sizeof(Hosts::signals) / sizeof(Hosts::signals[0]);
@@ -82,6 +82,9 @@ void Hosts::end() {
         struct sigaction current;
         sigaction(signals[index], nullptr, &current);
         if (current.sa_sigaction == &callHost || current.sa_handler == &endQuietly) {
+            if (fault == wrong_mask) {
+                sigemptyset(&before[index].sa_mask);
+            }
             sigaction(signals[index], &before[index], nullptr);
         }
     }
