@@ -190,6 +190,17 @@ def program_of(scenario):
     return shutil.which(program, path=PROGRAMS)
 
 
+def end_session(session):
+    """Ends the host, and all that it has started; shells give their jobs groups of their own."""
+    for path in pathlib.Path("/proc").glob("[0-9]*/stat"):
+        try:
+            fields = path.read_text(encoding="utf-8", errors="replace").rpartition(")")[2].split()
+            if int(fields[3]) == session:
+                os.kill(int(path.parent.name), signal.SIGKILL)
+        except (OSError, IndexError):
+            pass
+
+
 def prepare():
     """In the process that is going to be the host: it may leave a core file, and has the same
     addresses in every run, without which some sanitizers do not start."""
@@ -296,10 +307,7 @@ class Run:
     def _end(self):
         if self._process is None:
             return
-        try:
-            os.killpg(self._process.pid, signal.SIGKILL)
-        except ProcessLookupError:
-            pass
+        end_session(self._process.pid)
         if self._reaped is None:
             _, self._reaped = os.waitpid(self._process.pid, 0)
             self._process.returncode = 0
