@@ -28,7 +28,7 @@ find_sources() {
 }
 
 check_format() {
-    find_sources libsrc tests examples bench fuzz cmake |
+    find_sources libsrc tests examples bench fuzz hosts cmake |
         xargs clang-format --dry-run --Werror
 }
 
@@ -45,7 +45,7 @@ check_cppcheck() {
 }
 
 check_shell() {
-    find dev .ci cmake tools packaging tests -type f \( -name '*.sh' -o -name dev -o -name run \) -print0 |
+    find dev .ci cmake tools packaging tests hosts -type f \( -name '*.sh' -o -name dev -o -name run \) -print0 |
         xargs -0 shellcheck --external-sources
 }
 

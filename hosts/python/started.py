@@ -1,0 +1,11 @@
+"""What Python does for SIGINT and SIGPIPE by itself, when it starts."""
+
+import os
+import signal
+import sys
+
+print(signal.getsignal(signal.SIGINT) is signal.default_int_handler)
+print(signal.getsignal(signal.SIGPIPE) == signal.SIG_IGN)
+sys.stdout.flush()
+os.kill(os.getpid(), signal.SIGINT)
+print("goes on", flush=True)

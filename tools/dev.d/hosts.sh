@@ -1,0 +1,42 @@
+#!/usr/bin/env bash
+# summary: loads a plug-in into programs of others, and looks whether they behave as without it
+source tools/devlib.sh
+
+readonly nginx=build/hosts/nginx
+
+# Installing it would start a server on this machine; so it is only unpacked.
+unpack_nginx() {
+    local packages=build/hosts/packages
+    [[ -z "$(command -v nginx || command -v /usr/sbin/nginx)" ]] || return 0
+    [[ ! -x "$nginx/usr/sbin/nginx" ]] || return 0
+    rm -rf "$packages" "$nginx" && mkdir -p "$packages"
+    (cd "$packages" && apt-get download nginx) && dpkg-deb --extract "$packages"/nginx_*.deb "$nginx"
+}
+
+# Asks only for what can be asked without an effect.
+asks_only() {
+    local argument
+    for argument in "$@"; do
+        [[ "$argument" != --help && "$argument" != -h &&
+            "$argument" != --list && "$argument" != --expected ]] || return 0
+    done
+    return 1
+}
+
+installed python3 || install_packages python3
+# Nothing that Python compiles is left beside the sources. Misuse is told before anything is built.
+/usr/bin/python3 -B tools/hosts.py --check "$@"
+if asks_only "$@"; then
+    exec /usr/bin/python3 -B tools/hosts.py "$@"
+fi
+
+require_packages build
+mapfile -t packages < <(list_packages hosts)
+for package in "${packages[@]}"; do
+    installed "$package" || (install_packages "$package") || say "hosts: without $package"
+done
+run_logged unpack-nginx unpack_nginx || say "hosts: nginx could not be had"
+
+say "Building the plug-in"
+run_logged build-hosts build_preset hosts || fail "the plug-in could not be built"
+exec /usr/bin/python3 -B tools/hosts.py "$@"
