@@ -7,10 +7,10 @@
 #include <vector>
 
 #include "support/joining_thread.h"
+#include "support/stepping.h"
 
 namespace {
 
-using Sorvane::siginfo;
 using Sorvane::SVSignalQueue;
 
 struct Delete {
@@ -73,6 +73,46 @@ TEST(SignalQueue, HasRoomForAtLeastAsManyAsAskedForAndRefusesMore) {
 
 TEST(SignalQueue, OfMoreThanThereIsRoomForIsNotMade) {
     EXPECT_EQ(SVSignalQueue::make(0xffffffffU), nullptr);
+}
+
+TEST(SignalQueue, IsWholeWhicheverInstructionOfAPutAnotherOneInterrupts) {
+    SKIP_WITHOUT_STEPS();
+    const unsigned int instructions = atEachInstruction([](unsigned int instruction) {
+        const Queue queue = queueFor(4);
+        queue->put(numbered(1));
+        const bool disturbed =
+            disturb([&queue] { queue->put(numbered(2)); }, instruction,
+                    [&queue] { EXPECT_TRUE(queue->put(numbered(3))); });
+        EXPECT_EQ(taken(*queue), 1);
+        if (disturbed) {
+            EXPECT_EQ(taken(*queue) + taken(*queue), 2 + 3);
+        } else {
+            EXPECT_EQ(taken(*queue), 2);
+        }
+        EXPECT_EQ(taken(*queue), -1);
+        return disturbed;
+    });
+    EXPECT_GT(instructions, 20U);
+}
+
+TEST(SignalQueue, IsWholeWhicheverInstructionOfATakeAPutInterrupts) {
+    SKIP_WITHOUT_STEPS();
+    const unsigned int instructions = atEachInstruction([](unsigned int instruction) {
+        const Queue queue = queueFor(2);
+        queue->put(numbered(1));
+        queue->put(numbered(2));
+        int first = 0;
+        bool hadRoom = false;
+        const bool disturbed =
+            disturb([&] { first = taken(*queue); }, instruction,
+                    [&] { hadRoom = queue->put(numbered(3)); });
+        EXPECT_EQ(first, 1);
+        EXPECT_EQ(taken(*queue), 2);
+        EXPECT_EQ(taken(*queue), hadRoom ? 3 : -1);
+        EXPECT_EQ(taken(*queue), -1);
+        return disturbed;
+    });
+    EXPECT_GT(instructions, 20U);
 }
 
 // Each thread's own come in their order, and none is lost or comes twice.

@@ -3,6 +3,8 @@
 #ifndef SORVANE_SVSHAREDSTATE_H
 #define SORVANE_SVSHAREDSTATE_H
 
+#include <atomic>
+
 #include "../registry/svgate.h"
 #include "../registry/svpin.h"
 #include "../registry/svregistry.h"
@@ -13,6 +15,11 @@ namespace Sorvane {
 
 /// Changes the published tables. Signal context: inside the gate.
 extern constinit SVRegistry svregistry;
+
+/// How many forks this process comes from, as far as the library was in the parent and prepared for
+/// them: whoever keeps the number of its beginning finds out that it is a child's copy.
+/// Threads: any. Signal context: any context.
+extern std::atomic<unsigned int> svforks;
 
 /// A failure of the manager's, and the one that there is no memory for a signal's table.
 /// Parameters: line, the fixed number of its site.

@@ -22,6 +22,8 @@ constinit SVRegistry svregistry(SVSignalHandlerManager::handlerTables);
 
 static_assert(SVAtomicRef<bool>::is_always_lock_free);
 
+constinit std::atomic<unsigned int> svforks{0};
+
 namespace {
 
 using Manager = SVSignalHandlerManager;
@@ -35,6 +37,7 @@ void goOnInChild() {
     SVGate::goOnInChild();
     SVPin::forgetOtherThreads();
     SVSubscriptionEntries::goOnInChild();
+    svforks.fetch_add(1);
     svshared(Manager::numberOfManagers).store(managersOutsideDispatch + SVHandlerContext::depth);
     if (SVMutexHandle* const handle = svshared(Manager::handlerTableLock).load()) {
         handle->goOnInChild();
