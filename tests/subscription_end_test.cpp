@@ -163,18 +163,6 @@ TEST_F(SubscriptionEnds, WithWhatTheHostHadWhenItWasTakenOverLast) {
     expectNoTrace(before);
 }
 
-// Whoever takes the signal over once more finds what a handler has just left there.
-TEST_F(SubscriptionEnds, WithWhatTheHostHadBeforeAnybodyCame) {
-    hostIgnoresWithMaskAndFlags(theSignal);
-    const KernelActions before = kernelActions();
-    {
-        const Subscription subscription(theSignal, userHandler, SVIgnoredSignal::takeOver);
-        signal(theSignal, SIG_DFL);
-        const Subscription other(theSignal, otherUserHandler, SVIgnoredSignal::takeOver);
-    }
-    expectNoTrace(before);
-}
-
 // --- What the host installs meanwhile ------------------------------------------------------------
 
 TEST_F(SubscriptionEnds, WithTheHandlerThatTheHostInstalledMeanwhile) {
@@ -199,6 +187,36 @@ TEST_F(SubscriptionEnds, WithTheDefaultActionThatTheHostInstalledMeanwhile) {
     }
     EXPECT_TRUE(defaultInSystemQ(theSignal));
     EXPECT_EQ(recordCount(theSignal), 0U);
+}
+
+// A later one finds it, and takes the library's place back.
+TEST_F(SubscriptionEnds, WithWhatTheHostInstalledBeforeALaterOneBegan) {
+    for (const int flags : {0, static_cast<int>(SA_RESTART)}) {
+        for (auto* const handler : {SIG_DFL, &otherHostHandler, &hostHandler}) {
+            hostInstalls(theSignal, hostHandler, SA_RESTART | SA_NODEFER);
+            KernelActions before;
+            {
+                const Subscription subscription(theSignal, userHandler);
+                hostInstalls(theSignal, handler, flags);
+                before = kernelActions();
+                const Subscription later(theSignal, otherUserHandler);
+                EXPECT_TRUE(takenOverQ(theSignal));
+            }
+            expectNoTrace(before);
+        }
+    }
+}
+
+TEST_F(SubscriptionEnds, WithTheSignalIgnoredSinceALaterOneHasLeftItAlone) {
+    KernelActions before;
+    {
+        const Subscription subscription(theSignal, userHandler);
+        hostInstalls(theSignal, SIG_IGN);
+        before = kernelActions();
+        const Subscription later(theSignal, otherUserHandler);
+        EXPECT_FALSE(takenOverQ(theSignal));
+    }
+    expectNoTrace(before);
 }
 
 TEST_F(SubscriptionEnds, AndWhatTheHostInstalledMeanwhileIsTakenOverByTheNextOne) {

@@ -34,7 +34,8 @@
 // dispatch's installation and its last look; it takes the remembered action for what the host had.
 //
 // What the host had when a signal was taken over is remembered, too, the default action and being
-// ignored included. It is what the host gets back when the signal is left for good: when nobody but
+// ignored included; what it installs over the library counts when the signal is taken over once
+// more. It is what the host gets back when the signal is left for good: when nobody but
 // the host is on record any more. The ignoring that the library leaves, where nobody had a handler,
 // is not the host's; it does not replace what is remembered. A signal is also left for good by one
 // of its handlers, so no dispatch takes it back, and a walk that is under way goes on to the host's

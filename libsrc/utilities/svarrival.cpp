@@ -177,9 +177,8 @@ SVFailure SVArrival::settleInside(const struct sigaction& displaced,
         // Another dispatch may have put the host's action back.
         SVOwnership::take(m_signalNumber);
         return SVSystemActions::ask(m_signalNumber, current).then([&] {
-            return svownActionQ(current)
-                       ? SVFailure()
-                       : SVSystemActions::installOwn(m_signalNumber, current);
+            return svownActionQ(current) ? SVFailure()
+                                         : SVSystemActions::installOwn(m_signalNumber, current);
         });
     }
     if (svownActionQ(displaced)) {

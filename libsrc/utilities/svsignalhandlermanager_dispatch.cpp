@@ -224,8 +224,8 @@ constinit thread_local Dispatch::Nested Dispatch::nested = {};
 
 enum class Outcome { outOfDate, late, leftToSystem, called };
 
-// Whether somebody has made a change since the tables were pinned. Who has ended what was called for
-// nothing may still be about to hand the signal back.
+// Whether somebody has made a change since the tables were pinned. Who has ended what was called
+// for nothing may still be about to hand the signal back.
 [[gnu::noinline]] bool outOfDateQ(const SVArrival& arrival, const Dispatch& records) noexcept {
     if (!SVGate::openQ()) {
         SVGate::waitUntilOpen();

@@ -31,10 +31,11 @@ void lookBehind(int signalNumber, struct sigaction& found) noexcept {
     }
 }
 
-// What was displaced when a signal was taken over, unless the library had it already.
+// What was displaced when a signal was taken over: also what the host has installed over the
+// library.
 void remember(int signalNumber, struct sigaction displaced) noexcept {
     lookBehind(signalNumber, displaced);
-    if (!svownActionQ(displaced) && !SVOwnership::librarysQ(signalNumber)) {
+    if (!svownActionQ(displaced)) {
         SVOwnership::rememberHosts(signalNumber, displaced);
     }
 }

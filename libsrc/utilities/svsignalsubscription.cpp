@@ -35,14 +35,13 @@ bool callableQ(const SVSubscriber& subscriber) noexcept {
            subscriber.function != reinterpret_cast<SVSubscriber::Function>(SIG_IGN);
 }
 
-// What the host has for a signal, also while that is the library's.
+// What the host has for a signal, also while that is the library's; but what it has installed over
+// the library comes first.
 SVFailure askForHosts(int signalNumber, struct sigaction& hosts) noexcept {
-    if (SVOwnership::librarysQ(signalNumber)) {
-        hosts = SVOwnership::hostsAction(signalNumber);
-        return SVFailure();
-    }
     return SVSystemActions::askForHosts(signalNumber, hosts).then([&] {
-        hosts = SVOwnership::hostsActionIf(signalNumber, hosts);
+        hosts = svownActionQ(hosts) && SVOwnership::librarysQ(signalNumber)
+                    ? SVOwnership::hostsAction(signalNumber)
+                    : SVOwnership::hostsActionIf(signalNumber, hosts);
     });
 }
 
@@ -64,14 +63,6 @@ bool onlyHostsQ(const SVSignalHandlerTable* table) noexcept {
     return svfirstRecord(table, [](const SVSignalHandler& record) {
                return !hostsQ(record) && !SVSubscriptionEntries::endedQ(record);
            }) == nullptr;
-}
-
-struct sigaction actionOfHost(int signalNumber) noexcept {
-    const SVSignalHandler* const record = svfirstRecord(
-        svregistry.tableOf(signalNumber),
-        [](const SVSignalHandler& candidate) { return hostsQ(candidate) && candidate.validQ(); });
-    return record == nullptr ? SVOwnership::hostsAction(signalNumber)
-                             : SVSignalHandler(*record).getOSStruct();
 }
 
 }  // namespace
@@ -203,7 +194,7 @@ void SVSignalSubscription::end() noexcept {
     }
     const SVFailure failure =
         SVOwnership::librarysQ(m_signalNumber)
-            ? SVSystemActions::leaveToHost(m_signalNumber, actionOfHost(m_signalNumber))
+            ? SVSystemActions::leaveToHost(m_signalNumber, SVOwnership::hostsAction(m_signalNumber))
             : SVFailure();
     if (!failure && !m_onRecord) {
         svregistry.removeAll(m_signalNumber, hostsQ);
