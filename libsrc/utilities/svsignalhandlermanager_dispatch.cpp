@@ -128,6 +128,7 @@ private:
             dispatch.m_onlyHostsOwn = onlyHostsOwn;
             if (dispatch.m_table != nullptr) {
                 dispatch.m_next = dispatch.m_table->table;
+                dispatch.m_end = endOf(*dispatch.m_table);
             }
             if (m_outer < Nested::most) {
                 nested.all[m_outer] = {&dispatch, information, dispatch.m_signalNumber};
@@ -147,31 +148,32 @@ private:
         callRest();
     }
 
+    static const Slot* endOf(const SVSignalHandlerTable& table) noexcept {
+        return table.table + table.mask + 1;
+    }
+
     // In slot order. A copy is called, so that a handler that changes its own registration does not
     // pull the record away from under the call.
     [[gnu::noinline]] void callRest() {
-        if (m_table == nullptr) {
-            return;
-        }
-        const Slot* end = m_table->table + m_table->mask + 1;
-        for (const Slot* slot = m_next; slot != end;) {
+        for (const Slot* slot = m_next; slot != m_end;) {
             const Slot& current = *slot++;
             if (current.state != svslotOccupied) {
                 continue;
             }
             SVSignalHandler record(current.value);
             if (!(m_onlyHostsOwn ? hostsOwnQ(record) : record.validQ()) ||
-                (m_leftBehind && clearedQ(record))) {
+                (m_leftBehind && clearedQ(current.key, record.preExistsQ()))) {
                 continue;
             }
             m_next = slot;
             ++m_calls;
             record(m_information, m_context);
-            m_leftBehind = !m_pin.publishedQ() && !follow();
+            if (!m_pin.publishedQ()) {
+                m_leftBehind = !follow();
+            }
             slot = m_next;
-            end = m_table->table + m_table->mask + 1;
         }
-        m_next = end;
+        m_next = m_end;
     }
 
     // Goes on with what is published now, if the records there stand in the same slots. This and
@@ -183,6 +185,7 @@ private:
             return false;
         }
         m_next = table->table + (m_next - m_table->table);
+        m_end = endOf(*table);
         m_table = table;
         m_pin.swap(now);
         m_followed = true;
@@ -193,12 +196,12 @@ private:
     // may be about to go. The end of the whole registry is no clearing; nor is it one if the signal
     // is left to the host, which is to have this delivery, too. A record is looked for slot by
     // slot, because a key behind a cleared one is not found by its hash any more.
-    [[gnu::noinline]] bool clearedQ(const SVSignalHandler& record) const noexcept {
+    [[gnu::noinline]] bool clearedQ(const void* function, bool preExists) const noexcept {
         const SVTablesPin now;
-        const auto sameQ = [&record](const SVSignalHandler& other) {
-            return record.getHandlerFunction() == other.getHandlerFunction();
+        const auto sameQ = [function](const SVSignalHandler& record) {
+            return record.getHandlerFunction() == function;
         };
-        return !endedQ() && !(leftQ() && record.preExistsQ()) &&
+        return !endedQ() && !(leftQ() && preExists) &&
                svfirstRecord(now.tableOf(m_signalNumber), sameQ) == nullptr;
     }
     bool endedQ() const noexcept { return svregistry.timesEnded() != m_timesEnded; }
@@ -218,6 +221,7 @@ private:
     bool m_leftBehind = false;  ///< by what is published, in which the records stand elsewhere
     bool m_followed = false;    ///< what is published
     const Slot* m_next = nullptr;
+    const Slot* m_end = nullptr;
 };
 
 constinit thread_local Dispatch::Nested Dispatch::nested = {};
