@@ -149,6 +149,7 @@ TEST_F(LastManager, ThatCannotRestoreThrowsWithTheLockHeldAndTheTablesKept) {
         ASSERT_NE(Manager::handlerTableLock, nullptr);
         EXPECT_FALSE(lockIsFree());
         tableOf(SIGKILL)->remove(addressOf(hostHandler));
+        Manager::handlerTableLock->unlock();
         { const Manager another(true); }
         EXPECT_FALSE(Manager::currentlyHandlingSignals);
         EXPECT_EQ(Manager::handlerTableLock, nullptr) << "it has no users left";

@@ -413,13 +413,13 @@ TEST_F(ManagerLifetime, ManagerOnTheHeapIsDestroyedThroughItsBase) {
 // A forked child, the lock and the tables each have a count of their own.
 TEST_F(ManagerLifetime, ManagersOfManyThreadsAreAllCounted) {
     constexpr int threadCount = 4;
-    const int rounds = builtWithThreadSanitizer ? 500 : 5000;
+    constexpr int rounds = builtWithThreadSanitizer ? 500 : 5000;
     {
         const Manager first(true);
         {
             std::vector<JoiningThread> threads;
             for (int i = 0; i < threadCount; ++i) {
-                threads.emplace_back([rounds, locking = i % 2 == 0] {
+                threads.emplace_back([locking = i % 2 == 0] {
                     for (int round = 0; round < rounds; ++round) {
                         const Manager another(locking);
                     }
