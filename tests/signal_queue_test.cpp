@@ -80,9 +80,8 @@ TEST(SignalQueue, IsWholeWhicheverInstructionOfAPutAnotherOneInterrupts) {
     const unsigned int instructions = atEachInstruction([](unsigned int instruction) {
         const Queue queue = queueFor(4);
         queue->put(numbered(1));
-        const bool disturbed =
-            disturb([&queue] { queue->put(numbered(2)); }, instruction,
-                    [&queue] { EXPECT_TRUE(queue->put(numbered(3))); });
+        const bool disturbed = disturb([&queue] { queue->put(numbered(2)); }, instruction,
+                                       [&queue] { EXPECT_TRUE(queue->put(numbered(3))); });
         EXPECT_EQ(taken(*queue), 1);
         if (disturbed) {
             EXPECT_EQ(taken(*queue) + taken(*queue), 2 + 3);
@@ -103,9 +102,8 @@ TEST(SignalQueue, IsWholeWhicheverInstructionOfATakeAPutInterrupts) {
         queue->put(numbered(2));
         int first = 0;
         bool hadRoom = false;
-        const bool disturbed =
-            disturb([&] { first = taken(*queue); }, instruction,
-                    [&] { hadRoom = queue->put(numbered(3)); });
+        const bool disturbed = disturb([&] { first = taken(*queue); }, instruction,
+                                       [&] { hadRoom = queue->put(numbered(3)); });
         EXPECT_EQ(first, 1);
         EXPECT_EQ(taken(*queue), 2);
         EXPECT_EQ(taken(*queue), hadRoom ? 3 : -1);
