@@ -44,9 +44,10 @@ static_assert(std::atomic<SVSubscriber::Form>::is_always_lock_free);
 
 // --- Who is inside an entry ----------------------------------------------------------------------
 
-// A thread and an entry in one word; 0 for nobody. What tells threads apart lies more than 64 bytes
-// away from that of any other thread, at the same place of its block.
-using Call = std::uint64_t;
+// A thread and an entry in one word; 0 for nobody. What tells threads apart lies at the same place
+// of each thread's block, and no two of these are in one page: a thread's stack lies between.
+using Call = std::uintptr_t;
+constexpr unsigned int bitsOfPage = 12;
 constexpr unsigned int bitsOfEntry = 8;
 static_assert(count <= 1U << bitsOfEntry);
 static_assert(std::atomic<Call>::is_always_lock_free);
@@ -55,7 +56,7 @@ constexpr unsigned int cellCount = 512;
 alignas(64) constinit std::atomic<Call> cells[cellCount];
 
 Call callBy(const void* thread, unsigned int entry) noexcept {
-    return Call{reinterpret_cast<std::uintptr_t>(thread)} >> 6U << bitsOfEntry | entry;
+    return reinterpret_cast<Call>(thread) >> bitsOfPage << bitsOfEntry | entry;
 }
 unsigned int entryOf(Call call) noexcept {
     return static_cast<unsigned int>(call & ((1U << bitsOfEntry) - 1));
