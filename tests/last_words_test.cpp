@@ -56,6 +56,9 @@ void givesUpAndReturns(int signalNumber) {
 // --- Last words ----------------------------------------------------------------------------------
 
 TEST_F(LastWords, AreHadOnceIfTheHostsHandlerRaisesItsSignalAgain) {
+    if (builtWithThreadSanitizer) {
+        GTEST_SKIP() << "signals are delivered one after the other here";
+    }
     for (const int signalNumber : {SIGSEGV, SIGBUS, SIGHUP}) {
         forgetCalls();
         const ChildEnd end = inChildWithoutCore([=] {
@@ -74,6 +77,9 @@ TEST_F(LastWords, AreHadOnceIfTheHostsHandlerRaisesItsSignalAgain) {
 }
 
 TEST_F(LastWords, HaveTheInformationOfTheSignal) {
+    if (builtWithThreadSanitizer) {
+        GTEST_SKIP() << "signals are delivered one after the other here";
+    }
     const ChildEnd end = inChildWithoutCore([] {
         hostInstalls(SIGHUP, givesUp);
         const Subscription subscription(SIGHUP, userInformationHandler);

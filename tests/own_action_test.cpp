@@ -232,6 +232,9 @@ void lookWhatIsHeldBack(int signalNumber) {
 }
 
 TEST_F(OwnAction, HoldsBackFromTheHostsHandlerWhatThatAskedForFromTheFirstDeliveryOn) {
+    if (builtWithThreadSanitizer) {
+        GTEST_SKIP() << "signals are delivered one after the other here";
+    }
     hostInstallsWith(theSignal, lookWhatIsHeldBack, SA_RESTART, {SIGUSR2, SIGTERM});
     m_manager.handleSignal(theSignal);
     for (int delivery = 0; delivery < 2; ++delivery) {

@@ -60,6 +60,9 @@ TEST_F(SignalEvents, MakeTheDescriptorReadableUntilAllAreTaken) {
 }
 
 TEST_F(SignalEvents, StayReadableWhileSomeAreLeft) {
+    if (builtWithThreadSanitizer) {
+        GTEST_SKIP() << "signals are delivered one after the other here";
+    }
     SVSignalEvents events({SIGRTMIN});
     siginfo information = {};
     for (int value = 1; value <= 3; ++value) {
@@ -75,6 +78,9 @@ TEST_F(SignalEvents, StayReadableWhileSomeAreLeft) {
 }
 
 TEST_F(SignalEvents, ComeInTheirOrderWholeAndAll) {
+    if (builtWithThreadSanitizer) {
+        GTEST_SKIP() << "signals are delivered one after the other here";
+    }
     constexpr int count = 500;
     SVSignalEvents events({SIGRTMIN});
     std::vector<int> expected;
@@ -87,6 +93,9 @@ TEST_F(SignalEvents, ComeInTheirOrderWholeAndAll) {
 }
 
 TEST_F(SignalEvents, ThatFindNoPlaceAreCounted) {
+    if (builtWithThreadSanitizer) {
+        GTEST_SKIP() << "signals are delivered one after the other here";
+    }
     SVSignalEvents events({SIGRTMIN}, 8);
     for (int value = 0; value < 20; ++value) {
         queueToThisProcess(SIGRTMIN, value);
