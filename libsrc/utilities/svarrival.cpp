@@ -13,8 +13,10 @@
 
 namespace Sorvane {
 
-// On i386 two pointers to them stand before them; elsewhere their distance has to do.
-bool svkernelsQ(const void* information, const void* context) noexcept {
+// On i386 two pointers to them stand before them; elsewhere their distance has to do. What is
+// looked at may be anything on the stack.
+[[gnu::no_sanitize_address]] bool svkernelsQ(const void* information,
+                                             const void* context) noexcept {
     if (information == nullptr || context == nullptr) {
         return false;
     }
