@@ -207,6 +207,21 @@ TEST_F(SubscriptionEnds, WithWhatTheHostInstalledBeforeALaterOneBegan) {
     }
 }
 
+TEST_F(SubscriptionEnds, WithTheSignalIgnoredThatTheHostIgnoredMeanwhileAndTheNextOneLeavesAlone) {
+    { const Subscription subscription(theSignal, userHandler); }
+    KernelActions before;
+    {
+        const Subscription subscription(theSignal, userHandler);
+        hostInstalls(theSignal, SIG_IGN);
+        before = kernelActions();
+    }
+    {
+        const Subscription next(theSignal, userHandler);
+        EXPECT_FALSE(next.activeQ());
+    }
+    expectNoTrace(before);
+}
+
 TEST_F(SubscriptionEnds, WithTheSignalIgnoredSinceALaterOneHasLeftItAlone) {
     KernelActions before;
     {

@@ -97,7 +97,8 @@ const struct sigaction& SVOwnership::hostsActionIf(int signalNumber,
                                                    const struct sigaction& found) noexcept {
     const struct sigaction& left = actionOfHost(numberOf(signalNumber));
     const bool leftIgnored = found.sa_handler == SIG_IGN && left.sa_handler == SIG_IGN &&
-                             handedBackQ(count(signalNumber)) && sameFlagsQ(found, left);
+                             handedBackQ(count(signalNumber)) && !leftForGoodQ(signalNumber) &&
+                             sameFlagsQ(found, left);
     return leftIgnored ? hostsAction(signalNumber) : found;
 }
 
