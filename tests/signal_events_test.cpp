@@ -17,6 +17,7 @@
 #include "support/joining_thread.h"
 #include "support/manager_fixture.h"
 #include "support/sanitizers.h"
+#include "support/stepping.h"
 
 namespace {
 
@@ -75,6 +76,24 @@ TEST_F(SignalEvents, StayReadableWhileSomeAreLeft) {
     }
     EXPECT_FALSE(events.next(information));
     EXPECT_FALSE(readableQ(events));
+}
+
+TEST_F(SignalEvents, AreToldOfWhicheverInstructionOfTheSearchForOneTheyInterrupt) {
+    SKIP_WITHOUT_STEPS();
+    SVSignalEvents events({SIGRTMIN});
+    const unsigned int instructions = atEachInstruction([&events](unsigned int instruction) {
+        siginfo information = {};
+        bool found = false;
+        const bool disturbed = disturb([&] { found = events.next(information); }, instruction,
+                                       [] {
+                                           raise(SIGRTMIN);
+                                           raise(SIGRTMIN);
+                                       });
+        EXPECT_EQ(readableQ(events), disturbed);
+        EXPECT_EQ(valuesIn(events).size(), !disturbed ? 0U : found ? 1U : 2U);
+        return disturbed;
+    });
+    EXPECT_GT(instructions, 20U);
 }
 
 TEST_F(SignalEvents, ComeInTheirOrderWholeAndAll) {

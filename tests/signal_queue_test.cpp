@@ -3,6 +3,7 @@
 #include <../utilities/svsignalqueue.h>
 #include <gtest/gtest.h>
 
+#include <csignal>
 #include <memory>
 #include <vector>
 
@@ -89,6 +90,26 @@ TEST(SignalQueue, IsWholeWhicheverInstructionOfAPutAnotherOneInterrupts) {
             EXPECT_EQ(taken(*queue), 2);
         }
         EXPECT_EQ(taken(*queue), -1);
+        return disturbed;
+    });
+    EXPECT_GT(instructions, 20U);
+}
+
+TEST(SignalQueue, GivesOnlyWhatIsWholeWhicheverInstructionOfAPutATakeInterrupts) {
+    SKIP_WITHOUT_STEPS();
+    const unsigned int instructions = atEachInstruction([](unsigned int instruction) {
+        const Queue queue = queueFor(2);
+        siginfo information = numbered(SIGUSR1);
+        information.si_code = SI_QUEUE;
+        siginfo found = {};
+        bool any = false;
+        const bool disturbed = disturb([&] { queue->put(information); }, instruction,
+                                       [&] { any = queue->take(found); });
+        if (any) {
+            EXPECT_EQ(found.si_signo, SIGUSR1);
+            EXPECT_EQ(found.si_code, SI_QUEUE);
+        }
+        EXPECT_EQ(taken(*queue), any ? -1 : SIGUSR1);
         return disturbed;
     });
     EXPECT_GT(instructions, 20U);
