@@ -410,7 +410,7 @@ TEST_F(ManagerLifetime, ManagerOnTheHeapIsDestroyedThroughItsBase) {
     EXPECT_EQ(Manager::numberOfManagers, 0U);
 }
 
-// A forked child, the lock and the tables each have a count of their own.
+// Counted are all, those that a forked child has, and the users of the lock.
 TEST_F(ManagerLifetime, ManagersOfManyThreadsAreAllCounted) {
     constexpr int threadCount = 4;
     constexpr int rounds = builtWithThreadSanitizer ? 500 : 5000;

@@ -151,13 +151,18 @@ void replacing(int signalNumber) {
     }
 }
 
-TEST_F(LiveWalk, FollowsOneChangeAfterTheOther) {
+template <std::size_t count>
+void registerAndRaise(const std::array<SimpleHandler, count>& handlers) {
     Manager manager(true);
-    for (const SimpleHandler handler : replacingHandlers) {
+    for (const SimpleHandler handler : handlers) {
         manager.setHandlerFromFunction(SIGUSR1, handler);
     }
     manager.startHandlingSignals();
     raise(SIGUSR1);
+}
+
+TEST_F(LiveWalk, FollowsOneChangeAfterTheOther) {
+    registerAndRaise(replacingHandlers);
     EXPECT_EQ(callCount(), replacingHandlers.size() - 1);
     for (const SimpleHandler handler : replacingHandlers) {
         EXPECT_LE(callsOf(handler), 1U);
@@ -218,12 +223,7 @@ void movingOn(int signalNumber) {
 }
 
 TEST_F(LiveWalk, KeepsTheTableThatItHasFollowedTo) {
-    Manager manager(true);
-    for (const SimpleHandler handler : movingHandlers) {
-        manager.setHandlerFromFunction(SIGUSR1, handler);
-    }
-    manager.startHandlingSignals();
-    raise(SIGUSR1);
+    registerAndRaise(movingHandlers);
     EXPECT_EQ(callCount(), movingHandlers.size());
     for (const SimpleHandler handler : movingHandlers) {
         EXPECT_EQ(callsOf(handler), 1U);

@@ -320,12 +320,16 @@ protected:
             installLibrary();
         });
     }
+
+    static void expectTheLibrarys() {
+        EXPECT_TRUE(takenOverQ(theSignal));
+        EXPECT_TRUE(SVOwnership::librarysQ(theSignal));
+    }
 };
 
 TEST_F(EndOfADispatch, InstallsTheLibraryAgain) {
     dispatch([] { hostInstalls(theSignal, hostHandler); });
-    EXPECT_TRUE(takenOverQ(theSignal));
-    EXPECT_TRUE(SVOwnership::librarysQ(theSignal));
+    expectTheLibrarys();
     EXPECT_EQ(recordCount(theSignal), 0U);
 }
 
@@ -337,8 +341,7 @@ TEST_F(EndOfADispatch, LeavesASignalToTheHostThatWasHandedBackElsewhere) {
 
 TEST_F(EndOfADispatch, TakesASignalBackThatItsOwnThreadHandedBack) {
     dispatch([] { handBack(); });
-    EXPECT_TRUE(takenOverQ(theSignal));
-    EXPECT_TRUE(SVOwnership::librarysQ(theSignal));
+    expectTheLibrarys();
 }
 
 TEST_F(EndOfADispatch, TakesASignalBackAlsoIfAnotherDispatchHasInstalledTheLibrary) {
@@ -346,14 +349,12 @@ TEST_F(EndOfADispatch, TakesASignalBackAlsoIfAnotherDispatchHasInstalledTheLibra
         handBack();
         installLibrary();
     });
-    EXPECT_TRUE(takenOverQ(theSignal));
-    EXPECT_TRUE(SVOwnership::librarysQ(theSignal));
+    expectTheLibrarys();
 }
 
 TEST_F(EndOfADispatch, TakesASignalBackAlsoIfAnotherDispatchPutsTheHostsActionBack) {
     dispatch([] { handBack(); }, When::after, [] { hostInstalls(theSignal, hostHandler); });
-    EXPECT_TRUE(takenOverQ(theSignal));
-    EXPECT_TRUE(SVOwnership::librarysQ(theSignal));
+    expectTheLibrarys();
 }
 
 // What was sent on meanwhile has met the library once more.
@@ -430,8 +431,7 @@ TEST_F(EndOfADispatch, LeavesTheLibraryToWhoeverTookTheSignalOverAgain) {
         handBackElsewhere();
         takeOverElsewhere();
     });
-    EXPECT_TRUE(takenOverQ(theSignal));
-    EXPECT_TRUE(SVOwnership::librarysQ(theSignal));
+    expectTheLibrarys();
     EXPECT_EQ(recordCount(theSignal), 0U);
 }
 
@@ -478,8 +478,7 @@ TEST_F(EndOfADispatch, InstallsOnlyOnceAlsoIfItsOwnThreadHandedTheSignalBack) {
         arrival.stayInstalled(nullptr, nullptr);
     }
     EXPECT_EQ(installations, 1U);
-    EXPECT_TRUE(takenOverQ(theSignal));
-    EXPECT_TRUE(SVOwnership::librarysQ(theSignal));
+    expectTheLibrarys();
 }
 
 TEST_F(EndOfADispatch, HidesNothingFromATakeOverInAHandlerThatInterruptsIt) {
