@@ -97,7 +97,7 @@ def read_expectations(entry, reasons, path):
     if not all(entry.get(name) for name in ("difference", "modes", "why")):
         raise Problem(f"{path}: an expectation needs 'difference', 'modes' and 'why'")
     sometimes = entry.get("sometimes", False)
-    if sometimes and entry["modes"] != ["busy"]:
+    if sometimes and not set(entry["modes"]) <= {"busy", "early"}:
         raise Problem(f"{path}: only what depends on another thread may differ sometimes")
     patterns = [entry["difference"].replace("{signal}", f"SIG{name}").replace("{at}", place)
                 for place in entry.get("at", [""])

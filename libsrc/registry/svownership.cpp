@@ -20,6 +20,8 @@ struct HandBack {
 constinit HandBack handBacks[highestSignal + 1] = {};
 
 constinit struct sigaction hosts[highestSignal + 1] = {};
+constinit struct sigaction hostsBefore[highestSignal + 1] = {};
+constinit std::atomic<bool> displaced[highestSignal + 1];
 constinit std::atomic<unsigned int> leavings[highestSignal + 1];
 
 // The C library has a flag for its own way back from a handler.
@@ -87,10 +89,29 @@ const struct sigaction& SVOwnership::hostsAction(int signalNumber) noexcept {
     return hosts[numberOf(signalNumber)];
 }
 
-void SVOwnership::rememberHosts(int signalNumber, const struct sigaction& displaced) noexcept {
+void SVOwnership::rememberHosts(int signalNumber, const struct sigaction& found) noexcept {
     if (signalExistsQ(signalNumber)) {
-        hosts[signalNumber] = hostsActionIf(signalNumber, displaced);
+        hosts[signalNumber] = hostsActionIf(signalNumber, found);
     }
+}
+
+// A host that has the same function again has put back in between what it had found.
+void SVOwnership::rememberDisplacement(int signalNumber,
+                                       const struct sigaction& installed) noexcept {
+    const struct sigaction& last = hostsAction(signalNumber);
+    if (librarysQ(signalNumber) && installed.sa_handler != last.sa_handler) {
+        hostsBefore[signalNumber] = last;
+        displaced[signalNumber].store(true);
+    }
+    rememberHosts(signalNumber, installed);
+}
+
+const struct sigaction& SVOwnership::stoodFor(int signalNumber) noexcept {
+    return displacedByHostQ(signalNumber) ? hostsBefore[signalNumber] : hostsAction(signalNumber);
+}
+
+bool SVOwnership::displacedByHostQ(int signalNumber) noexcept {
+    return displaced[numberOf(signalNumber)].load();
 }
 
 const struct sigaction& SVOwnership::hostsActionIf(int signalNumber,

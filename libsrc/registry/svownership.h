@@ -39,8 +39,11 @@
 // the host is on record any more. The ignoring that the library leaves, where nobody had a handler,
 // is not the host's; it does not replace what is remembered. A signal is also left for good by one
 // of its handlers, so no dispatch takes it back, and a walk that is under way goes on to the host's
-// handlers, whose records are gone. Whoever calls the library by hand then has displaced it, and
-// means what it stood for: the host's handler.
+// handlers, whose records are gone.
+//
+// A host that installs something over the library may keep what it has found, to call it or to put
+// it back. By that it means what the library stood for then, also when the signal has been taken
+// over again, or left for good, since. So that is remembered as well.
 #ifndef SORVANE_SVOWNERSHIP_H
 #define SORVANE_SVOWNERSHIP_H
 
@@ -96,7 +99,15 @@ bool handedBackByThisThreadQ(int signalNumber) noexcept;
 /// What the host had when the signal was taken over last; the default action if it never was.
 /// That changes when the signal is about to be taken, with what was displaced for it.
 const struct sigaction& hostsAction(int signalNumber) noexcept;
-void rememberHosts(int signalNumber, const struct sigaction& displaced) noexcept;
+void rememberHosts(int signalNumber, const struct sigaction& found) noexcept;
+
+/// The same with what the host has installed over the library. What the library stood for until
+/// then; what is remembered, if there was no such installation.
+void rememberDisplacement(int signalNumber, const struct sigaction& installed) noexcept;
+const struct sigaction& stoodFor(int signalNumber) noexcept;
+
+/// Whether there was such an installation. Signal context: any.
+bool displacedByHostQ(int signalNumber) noexcept;
 
 /// What the host has for a signal that is its own: what was found, or what is remembered if the
 /// library has left that.

@@ -77,7 +77,12 @@ Receiver receiverOf(int signalNumber, bool delivered, struct sigaction& action) 
     const bool installed = svownActionQ(current);
     const bool first = SVOwnership::sendsOnFirstQ(signalNumber);
     const bool byHand = !SVOwnership::Unsettled::anyQ(signalNumber);
-    if (late && !(installed ? byHand : !first)) {
+    const bool putBackByHost = installed && byHand && SVOwnership::leftForGoodQ(signalNumber) &&
+                               SVOwnership::displacedByHostQ(signalNumber);
+    if (putBackByHost) {
+        action = SVSystemActions::meantBy(signalNumber, current);
+    }
+    if (late && (installed ? !byHand || putBackByHost : first)) {
         if (installed) {
             SVOwnership::allowSendingOn(signalNumber);
             putBack(signalNumber, action, current);
@@ -85,7 +90,7 @@ Receiver receiverOf(int signalNumber, bool delivered, struct sigaction& action) 
         return Receiver::host;
     }
     if (!installed && SVOwnership::leftForGoodQ(signalNumber)) {
-        action = SVOwnership::hostsAction(signalNumber);
+        action = SVOwnership::stoodFor(signalNumber);
         return action.sa_handler == current.sa_handler ? Receiver::nobody : Receiver::displaced;
     }
     SVOwnership::take(signalNumber);
@@ -124,6 +129,11 @@ void callDisplaced(int signalNumber, struct sigaction& action, siginfo* informat
 
 }  // namespace
 
+bool svsendAgain(int signalNumber, siginfo& information) noexcept {
+    return syscall(SYS_rt_tgsigqueueinfo, getpid(), syscall(SYS_gettid), signalNumber,
+                   &information) == 0;
+}
+
 bool svsendOn(int signalNumber, siginfo* information, void* context) {
     const bool delivered = information != nullptr && svbeingHandledQ(signalNumber);
     struct sigaction action;
@@ -134,8 +144,7 @@ bool svsendOn(int signalNumber, siginfo* information, void* context) {
     }
     // Where the system's queue is full the host's handler is called from here.
     if (receiver == Receiver::host && !svfaultQ(signalNumber, *information) &&
-        syscall(SYS_rt_tgsigqueueinfo, getpid(), syscall(SYS_gettid), signalNumber, information) !=
-            0) {
+        !svsendAgain(signalNumber, *information)) {
         SVSignalHandler(signalNumber, action, true, true, true)(information, context);
     }
     if (receiver == Receiver::displaced) {
@@ -143,6 +152,12 @@ bool svsendOn(int signalNumber, siginfo* information, void* context) {
     }
     return receiver != Receiver::library;
 }
+
+SVArrival::SVArrival(int signalNumber) noexcept
+    : m_signalNumber(signalNumber),
+      m_seen(SVOwnership::count(signalNumber)),
+      m_putBack(SVOwnership::displacedByHostQ(signalNumber) &&
+                SVLeftAction::putBackQ(signalNumber)) {}
 
 // First installs, then looks: whoever hands the signal back after the look displaces the library.
 void SVArrival::stayInstalled(siginfo* information, void* context) const {
@@ -155,8 +170,19 @@ void SVArrival::stayInstalled(siginfo* information, void* context) const {
             settle(displaced, before);
             return;
         }
-    } while (!svownActionQ(displaced) &&
+    } while (leftQ(displaced) &&
              SVLeftAction::leave(m_signalNumber, displaced, information, context));
+}
+
+// Whether a handler of this dispatch has put something in the library's place; it is told what it
+// means by it.
+bool SVArrival::leftQ(struct sigaction& displaced) const {
+    if (svownActionQ(displaced) && SVOwnership::displacedByHostQ(m_signalNumber) && !m_putBack &&
+        !svsameActionQ(displaced, SVOwnAction::of(m_signalNumber))) {
+        const SVGate gate;
+        displaced = SVSystemActions::meantBy(m_signalNumber, displaced);
+    }
+    return !svownActionQ(displaced);
 }
 
 // A function of its own, so that it takes no stack from where nothing has to be settled.

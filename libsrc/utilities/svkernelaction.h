@@ -23,11 +23,19 @@ struct SVKernelAction {
         return kernels;
     }
 
-    /// Installs an action, and tells the one before. Result: whether the kernel did.
-    /// Threads: any. Signal context: any context. May change errno.
+    /// Asks for the action that is installed; installs one, and tells the one before. Result:
+    /// whether the kernel did. Threads: any. Signal context: any context. May change errno.
+    static bool ask(int signalNumber, SVKernelAction& current) noexcept {
+        return syscall(SYS_rt_sigaction, signalNumber, nullptr, &current, sizeof(mask)) == 0;
+    }
     static bool install(int signalNumber, const SVKernelAction& wanted,
                         SVKernelAction* previous) noexcept {
         return syscall(SYS_rt_sigaction, signalNumber, &wanted, previous, sizeof(wanted.mask)) == 0;
+    }
+
+    /// Whether only what the C library adds differs.
+    bool otherMarksQ(const SVKernelAction& other) const noexcept {
+        return handler == other.handler && (flags != other.flags || restorer != other.restorer);
     }
 
     void (*handler)(int);

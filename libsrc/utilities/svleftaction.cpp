@@ -91,6 +91,11 @@ void sayLastWords(int signalNumber, siginfo* information, void* context) {
     }
 }
 
+struct sigaction whatTheLibraryStoodFor(int signalNumber) noexcept {
+    const SVGate gate;
+    return SVOwnership::stoodFor(signalNumber);
+}
+
 bool onRecordQ(int signalNumber, const struct sigaction& action) noexcept {
     const SVTablesPin pin;
     const auto sameQ = [&action](const SVSignalHandler& record) {
@@ -142,22 +147,35 @@ bool SVLeftAction::anyQ(int signalNumber) noexcept {
     return leftToFault.signalNumber == signalNumber;
 }
 
+bool SVLeftAction::putBackQ(int signalNumber) noexcept {
+    struct sigaction current;
+    return !SVSystemActions::ask(signalNumber, current) && svownActionQ(current) &&
+           !svsameActionQ(current, SVOwnAction::of(signalNumber));
+}
+
 SVLeftAction::Taker SVLeftAction::take(int signalNumber, siginfo* information, void* context,
-                                       struct sigaction& left) {
-    if (!leftToFault.sameQ(signalNumber, information, context)) {
-        forget(signalNumber);
+                                       bool putBack, struct sigaction& left) {
+    left = {};
+    if (leftToFault.sameQ(signalNumber, information, context)) {
+        left.sa_sigaction = leftToFault.handler;
+        left.sa_flags = leftToFault.flags;
+    } else if (forget(signalNumber); putBack) {
+        left = whatTheLibraryStoodFor(signalNumber);
+    } else {
         return Taker::everybody;
     }
-    left = {};
-    left.sa_sigaction = leftToFault.handler;
-    left.sa_flags = leftToFault.flags;
-    if (svnobodysActionQ(left)) {
-        sayLastWords(signalNumber, information, context);
-        struct sigaction previous;
-        return SVSystemActions::install(signalNumber, left, previous) ? Taker::everybody
-                                                                      : Taker::system;
+    if (!svnobodysActionQ(left)) {
+        return onRecordQ(signalNumber, left) ? Taker::everybody : Taker::leftHandler;
     }
-    return Taker::leftHandler;
+    sayLastWords(signalNumber, information, context);
+    struct sigaction previous;
+    if (SVSystemActions::install(signalNumber, left, previous)) {
+        return Taker::everybody;
+    }
+    if (information != nullptr && !svfaultQ(signalNumber, *information)) {
+        svsendAgain(signalNumber, *information);
+    }
+    return Taker::system;
 }
 
 }  // namespace Sorvane

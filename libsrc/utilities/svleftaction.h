@@ -14,6 +14,12 @@
 // A handler that has a record for the signal is none that was left: many install themselves again
 // whenever they are called.
 //
+// A handler that puts back what it has displaced may put the library back: it has found that there,
+// and the signal has been taken over again since. What it leaves then is what the library stood for
+// when it was found. It is told by the mask and the flags, which the library has followed the
+// handler's with since. Where the signal is not held back in its own handler, it comes again before
+// the dispatch has come to its end, and what is installed is looked at when it comes.
+//
 // A host's handler for SIGSEGV, SIGBUS or SIGHUP is called alone. When it leaves the default action
 // to what is to come, the process is about to end, and nobody else has heard of it. So those who
 // subscribe to the signal are called just before: once in the life of a process, as two of its
@@ -49,10 +55,17 @@ bool leave(int signalNumber, const struct sigaction& action, siginfo* informatio
 /// Whether something was left for a signal of this number on this thread.
 bool anyQ(int signalNumber) noexcept;
 
+/// Whether the library is installed by the hand of a host that has displaced it before. Asks the
+/// system.
+bool putBackQ(int signalNumber) noexcept;
+
 /// Whom the arrived signal belongs to. `everybody`: nothing was left for it. `leftHandler`: a
-/// handler was, which is told. `system`: the action that was left is installed.
+/// handler was, which is told. `system`: the action that was left is installed, and gets it.
+/// Parameters: putBack, whether a handler that is being called for the signal has put the library
+/// back.
 enum class Taker { everybody, leftHandler, system };
-Taker take(int signalNumber, siginfo* information, void* context, struct sigaction& left);
+Taker take(int signalNumber, siginfo* information, void* context, bool putBack,
+           struct sigaction& left);
 
 }  // namespace SVLeftAction
 

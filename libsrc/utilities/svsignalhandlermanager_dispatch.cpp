@@ -62,6 +62,12 @@ public:
         handler(information, context);
     }
 
+    /// Whether this thread is calling handlers for a signal, further up its stack than a frame.
+    static bool callingQ(int signalNumber, const void* frame) noexcept {
+        const Innermost* const calling = innermostAbove(frame);
+        return calling != nullptr && calling->signalNumber == signalNumber;
+    }
+
     /// Calls the rest of the dispatch by one of whose handlers the library is being called by hand.
     /// Result: whether it is. Parameters: frame, that of the library's handler.
     static bool goOnIfCalledBack(int signalNumber, void* information, void* context,
@@ -267,8 +273,10 @@ enum class Outcome { outOfDate, late, leftToSystem, called };
 // What was left for the signal may be for another one of its number.
 [[gnu::noinline]] Outcome callWhatWasLeft(const SVArrival& arrival, int signalNumber,
                                           siginfo* information, void* context) {
+    const bool putBack =
+        arrival.putBackQ() && Dispatch::callingQ(signalNumber, __builtin_frame_address(0));
     struct sigaction left;
-    switch (SVLeftAction::take(signalNumber, information, context, left)) {
+    switch (SVLeftAction::take(signalNumber, information, context, putBack, left)) {
         case SVLeftAction::Taker::system:
             return Outcome::leftToSystem;
         case SVLeftAction::Taker::leftHandler:
@@ -284,7 +292,7 @@ enum class Outcome { outOfDate, late, leftToSystem, called };
 // ended, before anybody was called; then all begins anew.
 bool dispatch(int signalNumber, siginfo* information, void* context) {
     const SVArrival arrival(signalNumber);
-    switch (SVLeftAction::anyQ(signalNumber)
+    switch (SVLeftAction::anyQ(signalNumber) || arrival.putBackQ()
                 ? callWhatWasLeft(arrival, signalNumber, information, context)
                 : callRecords(arrival, signalNumber, information, context)) {
         case Outcome::outOfDate:

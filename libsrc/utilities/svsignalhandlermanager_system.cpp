@@ -35,17 +35,20 @@ void lookBehind(int signalNumber, struct sigaction& found) noexcept {
 // library.
 void remember(int signalNumber, struct sigaction displaced) noexcept {
     lookBehind(signalNumber, displaced);
-    if (!svownActionQ(displaced)) {
-        SVOwnership::rememberHosts(signalNumber, displaced);
+    if (svownActionQ(displaced)) {
+        SVOwnership::rememberHosts(signalNumber, SVSystemActions::meantBy(signalNumber, displaced));
+    } else {
+        SVOwnership::rememberDisplacement(signalNumber, displaced);
     }
 }
 
-// The C library marks what it installs with its own way back from a handler, also where there is
-// none. If the host replaces the action just between, its new one counts.
-void takeMarksAway(int signalNumber, const struct sigaction& action) noexcept {
+// The C library marks what it installs with its own way back from a handler, also where the host
+// had another one, or none. If the host replaces the action just between, its new one counts.
+void putMarksRight(int signalNumber, const struct sigaction& action) noexcept {
     const SVKernelAction wanted = SVKernelAction::of(action);
     SVKernelAction replaced = wanted;
-    if (SVKernelAction::install(signalNumber, wanted, &replaced) &&
+    if (SVKernelAction::ask(signalNumber, replaced) && wanted.otherMarksQ(replaced) &&
+        SVKernelAction::install(signalNumber, wanted, &replaced) &&
         replaced.handler != wanted.handler) {
         SVKernelAction::install(signalNumber, replaced, nullptr);
     }
@@ -59,9 +62,7 @@ SVFailure installAsItWas(int signalNumber, const struct sigaction& action) noexc
             struct sigaction previous;
             return SVSystemActions::install(signalNumber, replaced, previous);
         }
-        if (svnobodysActionQ(action)) {
-            takeMarksAway(signalNumber, action);
-        }
+        putMarksRight(signalNumber, action);
         return SVFailure();
     });
 }
@@ -123,15 +124,33 @@ SVFailure SVSystemActions::handBack(SVSignalHandler& record) noexcept {
     return failure;
 }
 
-SVFailure SVSystemActions::leaveToHost(int signalNumber, struct sigaction action) noexcept {
+// Who knows only the library's function, and puts it back as signal() does, gives it a mask and
+// flags of his own.
+struct sigaction SVSystemActions::meantBy(int signalNumber,
+                                          const struct sigaction& installed) noexcept {
+    if (SVOwnership::librarysQ(signalNumber) &&
+        svsameActionQ(installed, SVOwnAction::of(signalNumber))) {
+        return SVOwnership::hostsAction(signalNumber);
+    }
+    struct sigaction meant = SVOwnership::stoodFor(signalNumber);
+    if ((installed.sa_flags & SA_SIGINFO) == 0) {
+        const auto handler = meant.sa_handler;
+        meant = installed;
+        meant.sa_handler = handler;
+    }
+    return meant;
+}
+
+SVFailure SVSystemActions::leaveToHost(int signalNumber) noexcept {
     struct sigaction current;
     const SVFailure unknown = ask(signalNumber, current);
     if (unknown) {
         return unknown;
     }
     const bool installed = svownActionQ(current);
+    const struct sigaction action = installed ? meantBy(signalNumber, current) : current;
     if (!installed) {
-        action = current;
+        SVOwnership::rememberDisplacement(signalNumber, current);
     }
     const SVOwnership::Unsettled unsettled(signalNumber);
     SVOwnership::beginHandBack(signalNumber, action);

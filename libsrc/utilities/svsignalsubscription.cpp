@@ -39,9 +39,8 @@ bool callableQ(const SVSubscriber& subscriber) noexcept {
 // the library comes first.
 SVFailure askForHosts(int signalNumber, struct sigaction& hosts) noexcept {
     return SVSystemActions::askForHosts(signalNumber, hosts).then([&] {
-        hosts = svownActionQ(hosts) && SVOwnership::librarysQ(signalNumber)
-                    ? SVOwnership::hostsAction(signalNumber)
-                    : SVOwnership::hostsActionIf(signalNumber, hosts);
+        hosts = svownActionQ(hosts) ? SVSystemActions::meantBy(signalNumber, hosts)
+                                    : SVOwnership::hostsActionIf(signalNumber, hosts);
     });
 }
 
@@ -192,10 +191,9 @@ void SVSignalSubscription::end() noexcept {
     if (!onlyHostsQ(svregistry.tableOf(m_signalNumber))) {
         return;
     }
-    const SVFailure failure =
-        SVOwnership::librarysQ(m_signalNumber)
-            ? SVSystemActions::leaveToHost(m_signalNumber, SVOwnership::hostsAction(m_signalNumber))
-            : SVFailure();
+    const SVFailure failure = SVOwnership::librarysQ(m_signalNumber)
+                                  ? SVSystemActions::leaveToHost(m_signalNumber)
+                                  : SVFailure();
     if (!failure && !m_onRecord) {
         svregistry.removeAll(m_signalNumber, hostsQ);
     }

@@ -34,10 +34,15 @@ SVFailure installOwn(int signalNumber, struct sigaction& previous) noexcept;
 SVFailure takeOver(int signalNumber, struct sigaction& previous) noexcept;
 SVFailure handBack(SVSignalHandler& record) noexcept;
 
+/// What the host means by an action that has the library's handler: what it had when the signal was
+/// taken over; or, if it has put the library back by hand, what that stood for when it was found.
+/// Signal context: inside the gate.
+struct sigaction meantBy(int signalNumber, const struct sigaction& installed) noexcept;
+
 /// Gives the host back what it had, or leaves what it has installed over the library, and the
 /// signal is the host's for good. Errors: as above; it is then still the library's.
 /// Signal context: inside the gate.
-SVFailure leaveToHost(int signalNumber, struct sigaction action) noexcept;
+SVFailure leaveToHost(int signalNumber) noexcept;
 
 /// Installs the library's own action again if it is installed as it was before a change.
 /// Errors: as above. Signal context: inside the gate.
