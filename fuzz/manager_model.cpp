@@ -18,8 +18,8 @@ constexpr const char* tableFile = "libsrc/include/../datastructures/svhashtable"
 constexpr unsigned int lineNoTableForHandler = 144;
 constexpr unsigned int lineNoTableForSignal = 302;
 
-// The kernel's own, which the C library adds to what is asked for.
-constexpr int restorerFlag = 0x04000000;
+// What the C library adds to what is asked for, and what the library tells its take-overs apart by.
+constexpr int ofNoEffect = 0x04000000 | 0x800;
 
 void* functionOf(const struct sigaction& action) {
     return (action.sa_flags & SA_SIGINFO) != 0 ? reinterpret_cast<void*>(action.sa_sigaction)
@@ -57,7 +57,7 @@ void* ModelRecord::function() const {
 
 bool sameAction(const struct sigaction& left, const struct sigaction& right) {
     if (functionOf(left) != functionOf(right) ||
-        (left.sa_flags | restorerFlag) != (right.sa_flags | restorerFlag)) {
+        (left.sa_flags | ofNoEffect) != (right.sa_flags | ofNoEffect)) {
         return false;
     }
     // The kernel has one bit for each of its signals; what comes behind them in the C library's
@@ -94,7 +94,7 @@ ManagerModel::ManagerModel() {
         // What an earlier history has left.
         const struct sigaction own = Sorvane::SVOwnAction::of(signalNumber);
         std::memcpy(&manners[index].heldBack, &own.sa_mask, sizeof(manners[index].heldBack));
-        manners[index].flags = own.sa_flags & ~(SA_SIGINFO | SA_ONSTACK);
+        manners[index].flags = own.sa_flags & ~(SA_SIGINFO | SA_ONSTACK | ofNoEffect);
         librarys[index] = Sorvane::SVOwnership::librarysQ(signalNumber);
         handedBack[index] = Sorvane::SVOwnership::count(signalNumber) > 1;
     }

@@ -3,13 +3,11 @@
 
 #include <gtest/gtest.h>
 #include <sorvane/svsignalsubscription.h>
-#include <sys/resource.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <cerrno>
 #include <csignal>
-#include <functional>
 #include <memory>
 
 #include "support/child_process.h"
@@ -22,22 +20,6 @@ namespace {
 
 using Subscription = Sorvane::SVSignalSubscription;
 using Sorvane::endByDefaultAction;
-
-// Signals end these children, and nobody wants to see their memory.
-ChildEnd inChildWithoutCore(const std::function<void()>& body) {
-    return inChild([&body] {
-        const rlimit none = {0, 0};
-        setrlimit(RLIMIT_CORE, &none);
-        body();
-    });
-}
-
-#define SKIP_WITHOUT_FAULTS()                                             \
-    do {                                                                  \
-        if (builtWithAddressSanitizer || builtWithThreadSanitizer) {      \
-            GTEST_SKIP() << "a sanitizer has its own opinion of a fault"; \
-        }                                                                 \
-    } while (false)
 
 class LastWords : public ManagerTest {};
 class EndByDefaultAction : public ManagerTest {};

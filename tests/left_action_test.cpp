@@ -3,11 +3,9 @@
 
 #include <gtest/gtest.h>
 #include <sorvane/svsignalhandlermanager.h>
-#include <sys/resource.h>
 #include <unistd.h>
 
 #include <csignal>
-#include <functional>
 #include <vector>
 
 #include "support/child_process.h"
@@ -17,15 +15,6 @@
 #include "support/sanitizers.h"
 
 namespace {
-
-// Signals end these children, and nobody wants to see their memory.
-ChildEnd inChildWithoutCore(const std::function<void()>& body) {
-    return inChild([&body] {
-        const rlimit none = {0, 0};
-        setrlimit(RLIMIT_CORE, &none);
-        body();
-    });
-}
 
 class LeftAction : public OneManagerTest {
 protected:
@@ -207,13 +196,6 @@ TEST_F(LeftAction, IsGoneIfNothingIsPending) {
 }
 
 // --- A fault that comes again --------------------------------------------------------------------
-
-#define SKIP_WITHOUT_FAULTS()                                             \
-    do {                                                                  \
-        if (builtWithAddressSanitizer || builtWithThreadSanitizer) {      \
-            GTEST_SKIP() << "a sanitizer has its own opinion of a fault"; \
-        }                                                                 \
-    } while (false)
 
 TEST_F(LeftAction, EndsTheProcessIfTheHandlerRestoresItAndReturnsToTheFault) {
     SKIP_WITHOUT_FAULTS();

@@ -74,6 +74,23 @@ TEST_F(SubscriptionEnds, WithTheHostsHandlerAsItWas) {
     expectNoTrace(before);
 }
 
+// As run-time systems install their handlers that do without the C library.
+TEST_F(SubscriptionEnds, WithTheHostsOwnWayBackFromItsHandler) {
+    if (builtWithThreadSanitizer) {
+        GTEST_SKIP() << "ThreadSanitizer has its own handlers installed";
+    }
+    constexpr unsigned long restorerFlag = 0x04000000;
+    KernelAction own = {};
+    own.handler = reinterpret_cast<std::uintptr_t>(addressOf(hostHandler));
+    own.restorer = reinterpret_cast<std::uintptr_t>(addressOf(otherHostHandler));
+    own.flags = restorerFlag | SA_RESTART;
+    own.mask[1] = 1;
+    syscall(SYS_rt_sigaction, theSignal, &own, nullptr, sizeof(own.mask));
+    const KernelActions before = kernelActions();
+    { const Subscription subscription(theSignal, userHandler); }
+    expectNoTrace(before);
+}
+
 TEST_F(SubscriptionEnds, WithTheDefaultActionThatNobodyEverTouched) {
     const ChildEnd end = inChild([] {
         // The C library's function would leave a mark.

@@ -170,22 +170,23 @@ void SVArrival::stayInstalled(siginfo* information, void* context) const {
             settle(displaced, before);
             return;
         }
-    } while (leftQ(displaced) &&
-             SVLeftAction::leave(m_signalNumber, displaced, information, context));
+    } while (svownActionQ(displaced)
+                 ? putBackByHandlerQ(displaced) && leaveWhatItStoodFor(information, context)
+                 : SVLeftAction::leave(m_signalNumber, displaced, false, information, context));
 }
 
-// Whether a handler of this dispatch has put something in the library's place; it is told what it
-// means by it.
-bool SVArrival::leftQ(struct sigaction& displaced) const {
-    if (svownActionQ(displaced) && SVOwnership::displacedByHostQ(m_signalNumber) && !m_putBack &&
-        !svsameActionQ(displaced, SVOwnAction::of(m_signalNumber))) {
-        const SVGate gate;
-        displaced = SVSystemActions::meantBy(m_signalNumber, displaced);
-    }
-    return !svownActionQ(displaced);
+bool SVArrival::putBackByHandlerQ(const struct sigaction& displaced) const noexcept {
+    return SVOwnership::displacedByHostQ(m_signalNumber) && !m_putBack &&
+           !svsameActionQ(displaced, SVOwnAction::of(m_signalNumber));
 }
 
-// A function of its own, so that it takes no stack from where nothing has to be settled.
+// This and the next one are functions of their own, so that they take no stack from where there is
+// nothing to do.
+[[gnu::noinline]] bool SVArrival::leaveWhatItStoodFor(siginfo* information, void* context) const {
+    return SVLeftAction::leave(m_signalNumber, SVLeftAction::meantByHand(m_signalNumber), true,
+                               information, context);
+}
+
 [[gnu::noinline]] void SVArrival::settle(const struct sigaction& displaced,
                                          SVOwnership::Count before) const {
     svchange(nullptr, [&] { return settleInside(displaced, before); });

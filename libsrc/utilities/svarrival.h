@@ -29,7 +29,8 @@ public:
     void stayInstalled(siginfo* information, void* context) const;
 
 private:
-    bool leftQ(struct sigaction& displaced) const;
+    bool putBackByHandlerQ(const struct sigaction& displaced) const noexcept;
+    bool leaveWhatItStoodFor(siginfo* information, void* context) const;
     void settle(const struct sigaction& displaced, SVOwnership::Count before) const;
     SVFailure settleInside(const struct sigaction& displaced, SVOwnership::Count before) const;
 

@@ -91,11 +91,6 @@ void sayLastWords(int signalNumber, siginfo* information, void* context) {
     }
 }
 
-struct sigaction whatTheLibraryStoodFor(int signalNumber) noexcept {
-    const SVGate gate;
-    return SVOwnership::stoodFor(signalNumber);
-}
-
 bool onRecordQ(int signalNumber, const struct sigaction& action) noexcept {
     const SVTablesPin pin;
     const auto sameQ = [&action](const SVSignalHandler& record) {
@@ -114,10 +109,10 @@ bool svfaultQ(int signalNumber, const siginfo& information) noexcept {
     return byTheCode && information.si_code > 0 && !onlyReported;
 }
 
-bool SVLeftAction::leave(int signalNumber, const struct sigaction& action, siginfo* information,
-                         void* context) {
+bool SVLeftAction::leave(int signalNumber, const struct sigaction& action, bool putBack,
+                         siginfo* information, void* context) {
     forget(signalNumber);
-    if (onRecordQ(signalNumber, action)) {
+    if (!putBack && onRecordQ(signalNumber, action)) {
         return false;
     }
     const Signals signals = Signals{1} << static_cast<unsigned int>(signalNumber - 1);
@@ -153,6 +148,11 @@ bool SVLeftAction::putBackQ(int signalNumber) noexcept {
            !svsameActionQ(current, SVOwnAction::of(signalNumber));
 }
 
+struct sigaction SVLeftAction::meantByHand(int signalNumber) noexcept {
+    const SVGate gate;
+    return SVOwnership::stoodFor(signalNumber);
+}
+
 SVLeftAction::Taker SVLeftAction::take(int signalNumber, siginfo* information, void* context,
                                        bool putBack, struct sigaction& left) {
     left = {};
@@ -160,12 +160,12 @@ SVLeftAction::Taker SVLeftAction::take(int signalNumber, siginfo* information, v
         left.sa_sigaction = leftToFault.handler;
         left.sa_flags = leftToFault.flags;
     } else if (forget(signalNumber); putBack) {
-        left = whatTheLibraryStoodFor(signalNumber);
+        left = meantByHand(signalNumber);
     } else {
         return Taker::everybody;
     }
     if (!svnobodysActionQ(left)) {
-        return onRecordQ(signalNumber, left) ? Taker::everybody : Taker::leftHandler;
+        return Taker::leftHandler;
     }
     sayLastWords(signalNumber, information, context);
     struct sigaction previous;

@@ -16,9 +16,9 @@
 //
 // A handler that puts back what it has displaced may put the library back: it has found that there,
 // and the signal has been taken over again since. What it leaves then is what the library stood for
-// when it was found. It is told by the mask and the flags, which the library has followed the
-// handler's with since. Where the signal is not held back in its own handler, it comes again before
-// the dispatch has come to its end, and what is installed is looked at when it comes.
+// when it was found; the two differ in their mask or flags (see svownaction.h). Where the signal is
+// not held back in its own handler, it comes again before the dispatch has come to its end, and
+// what is installed is looked at when it comes.
 //
 // A host's handler for SIGSEGV, SIGBUS or SIGHUP is called alone. When it leaves the default action
 // to what is to come, the process is about to end, and nobody else has heard of it. So those who
@@ -49,8 +49,10 @@ namespace SVLeftAction {
 
 /// At the end of a dispatch that has displaced an action: gives it the signals of this number that
 /// are pending, or remembers it for the fault. The library is installed before; whether it has to
-/// be installed again is the result.
-bool leave(int signalNumber, const struct sigaction& action, siginfo* information, void* context);
+/// be installed again is the result. Parameters: putBack, whether the handler has put the library
+/// back, and means the action by that.
+bool leave(int signalNumber, const struct sigaction& action, bool putBack, siginfo* information,
+           void* context);
 
 /// Whether something was left for a signal of this number on this thread.
 bool anyQ(int signalNumber) noexcept;
@@ -58,6 +60,9 @@ bool anyQ(int signalNumber) noexcept;
 /// Whether the library is installed by the hand of a host that has displaced it before. Asks the
 /// system.
 bool putBackQ(int signalNumber) noexcept;
+
+/// What the library stood for when it was displaced.
+struct sigaction meantByHand(int signalNumber) noexcept;
 
 /// Whom the arrived signal belongs to. `everybody`: nothing was left for it. `leftHandler`: a
 /// handler was, which is told. `system`: the action that was left is installed, and gets it.

@@ -15,11 +15,13 @@ namespace {
 constexpr int flagsOfChildren = SA_NOCLDSTOP | SA_NOCLDWAIT;
 constexpr int flagsIfAnyHas = SA_NODEFER | flagsOfChildren;
 constexpr int flagIfAllHave = SA_RESTART;
+constexpr int markingFlag = 0x800;  // SA_EXPOSE_TAGBITS
 
 // What is followed of an action.
 struct Manner {
     std::uint64_t heldBack = 0;
     int flags = SA_RESTART;
+    bool marked = false;
 
     friend bool operator==(const Manner&, const Manner&) = default;
 };
@@ -39,14 +41,17 @@ Manner mannerOf(int signalNumber, const struct sigaction& action) noexcept {
 }
 
 Manner both(const Manner& one, const Manner& other) noexcept {
-    return Manner{one.heldBack | other.heldBack, (one.flags & other.flags & flagIfAllHave) |
-                                                     ((one.flags | other.flags) & flagsIfAnyHas)};
+    return Manner{
+        one.heldBack | other.heldBack,
+        (one.flags & other.flags & flagIfAllHave) | ((one.flags | other.flags) & flagsIfAnyHas),
+        one.marked != other.marked};
 }
 
 // In words, because a dispatch may read it while it changes.
 struct KeptManner {
     std::atomic<unsigned int> words[2] = {0, 0};
     std::atomic<int> flags{SA_RESTART};
+    std::atomic<bool> marked{false};
     std::atomic<unsigned int> changes{0};
 };
 constinit KeptManner kept[highestSignal + 1];
@@ -58,7 +63,7 @@ KeptManner& keptFor(int signalNumber) noexcept {
 Manner load(int signalNumber) noexcept {
     const KeptManner& manner = keptFor(signalNumber);
     return Manner{manner.words[0].load() | std::uint64_t{manner.words[1].load()} << 32U,
-                  manner.flags.load()};
+                  manner.flags.load(), manner.marked.load()};
 }
 
 void store(int signalNumber, const Manner& manner) noexcept {
@@ -66,6 +71,7 @@ void store(int signalNumber, const Manner& manner) noexcept {
     stored.words[0].store(static_cast<unsigned int>(manner.heldBack));
     stored.words[1].store(static_cast<unsigned int>(manner.heldBack >> 32U));
     stored.flags.store(manner.flags);
+    stored.marked.store(manner.marked);
     stored.changes.fetch_add(1);
 }
 
@@ -96,6 +102,9 @@ struct sigaction SVOwnAction::of(int signalNumber) noexcept {
     action.sa_sigaction = &actualSignalHandler;
     std::memcpy(&action.sa_mask, &manner.heldBack, sizeof(manner.heldBack));
     action.sa_flags = SA_SIGINFO | SA_ONSTACK | manner.flags;
+    if (manner.marked) {
+        action.sa_flags |= markingFlag;
+    }
     return action;
 }
 
@@ -107,7 +116,10 @@ void SVOwnAction::follow(int signalNumber, const struct sigaction& hosts,
     const Manner before = load(signalNumber);
     const Manner others =
         SVOwnership::librarysQ(signalNumber) ? before : mannerOnRecord(table, hosts);
-    const Manner now = both(mannerOf(signalNumber, hosts), others);
+    Manner now = both(mannerOf(signalNumber, hosts), others);
+    if (SVOwnership::librarysQ(signalNumber) && now == before) {
+        now.marked = !before.marked;
+    }
     if (now != before) {
         store(signalNumber, now);
     }

@@ -7,6 +7,10 @@
 // other flags if any of them has. Without a handler of the host's, nothing is held back and system
 // calls are restarted.
 //
+// A host that has displaced the library may put back what it has found. That has to be told from
+// what is installed after the next take-over (see svleftaction.h), so the two differ: in what is
+// followed, or else by a flag that means nothing to these architectures.
+//
 // They are found out when a signal is taken over, and stay until it is taken over anew. They change
 // inside the gate, and whoever changes them installs the library after that. A dispatch reads them
 // outside the gate, just before it installs the library again, and looks then whether they have

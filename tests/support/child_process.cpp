@@ -1,6 +1,7 @@
 #include "support/child_process.h"
 
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -82,4 +83,12 @@ ChildEnd ChildProcess::wait() {
 
 ChildEnd inChild(const std::function<void()>& body) {
     return ChildProcess(body).wait();
+}
+
+ChildEnd inChildWithoutCore(const std::function<void()>& body) {
+    return inChild([&body] {
+        const rlimit none = {0, 0};
+        setrlimit(RLIMIT_CORE, &none);
+        body();
+    });
 }

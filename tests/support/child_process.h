@@ -43,4 +43,7 @@ private:
 /// Runs a body in a child process and waits for its end.
 ChildEnd inChild(const std::function<void()>& body);
 
+/// The same for a child that a signal ends, whose memory nobody wants to see.
+ChildEnd inChildWithoutCore(const std::function<void()>& body);
+
 #endif

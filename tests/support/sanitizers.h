@@ -20,4 +20,12 @@ constexpr bool builtWithAddressSanitizer = true;
 constexpr bool builtWithAddressSanitizer = false;
 #endif
 
+/// Ends a test that needs real faults.
+#define SKIP_WITHOUT_FAULTS()                                             \
+    do {                                                                  \
+        if (builtWithAddressSanitizer || builtWithThreadSanitizer) {      \
+            GTEST_SKIP() << "a sanitizer has its own opinion of a fault"; \
+        }                                                                 \
+    } while (false)
+
 #endif
