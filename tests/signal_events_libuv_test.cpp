@@ -1,8 +1,8 @@
 // Signals as events in a loop of libuv.
 
 #include <gtest/gtest.h>
+#include <pthread.h>
 #include <sorvane/svsignalevents.h>
-#include <unistd.h>
 #include <uv.h>
 
 #include <csignal>
@@ -48,11 +48,12 @@ TEST(SignalEventsInLibuv, ComeInTheirOrderWholeAndAll) {
     reader.poll.data = &reader;
     ASSERT_EQ(uv_poll_start(&reader.poll, UV_READABLE, takeAll), 0);
     std::vector<int> expected;
-    JoiningThread sender([] {
+    // To one thread, because two that take them in turns may meet in the handler.
+    JoiningThread sender([receiver = pthread_self()] {
         for (int value = 0; value < count; ++value) {
             sigval sent = {};
             sent.sival_int = value;
-            sigqueue(getpid(), SIGRTMIN, sent);
+            pthread_sigqueue(receiver, SIGRTMIN, sent);
         }
     });
     for (int value = 0; value < count; ++value) {
