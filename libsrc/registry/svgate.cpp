@@ -1,6 +1,7 @@
 #include "svgate.h"
 
 #include <linux/futex.h>
+#include <sys/mman.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -23,8 +24,57 @@ namespace {
 static_assert(std::atomic<unsigned int>::is_always_lock_free);
 static_assert(std::atomic<const void*>::is_always_lock_free);
 
+// In a page that the kernel wipes in a child that gets a copy of the memory, however that is made:
+// 0 until somebody in this process needs a number, and different from its parent's then. Null: not
+// asked for yet. Without such a page every number is asked for anew.
+using Process = std::atomic<unsigned int>;
+constinit std::atomic<Process*> wipedPage{nullptr};
+constinit Process withoutPage{0};
+constinit std::atomic<unsigned int> processes{0};
+
+Process* makePage() noexcept {
+    const auto size = static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
+    void* const page =
+        mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    auto* made = static_cast<Process*>(page);
+    if (page == MAP_FAILED || madvise(page, size, MADV_WIPEONFORK) != 0) {
+        made = &withoutPage;
+    }
+    Process* found = nullptr;
+    const bool first = wipedPage.compare_exchange_strong(found, made);
+    if (!first || made == &withoutPage) {
+        munmap(page, size);
+    }
+    return first ? made : found;
+}
+
+unsigned int numberOfThisProcess() noexcept {
+    Process* page = wipedPage.load(std::memory_order_acquire);
+    if (page == nullptr) {
+        page = makePage();
+    }
+    unsigned int number = page->load(std::memory_order_relaxed);
+    if (number == 0 && page != &withoutPage) {
+        const unsigned int next = processes.fetch_add(1) + 1;
+        number = page->compare_exchange_strong(number, next) ? next : number;
+    }
+    return number;
+}
+
+// What the kernel calls a thread, which costs a system call, and in which process it was asked.
+struct ThreadNumber {
+    unsigned int number;
+    unsigned int process;
+};
+constinit thread_local ThreadNumber threadNumber
+    __attribute__((tls_model("initial-exec"))) = {0, 0};
+
 unsigned int numberOfThisThread() noexcept {
-    return static_cast<unsigned int>(syscall(SYS_gettid));
+    const unsigned int process = numberOfThisProcess();
+    if (process == 0 || process != threadNumber.process) {
+        threadNumber = {static_cast<unsigned int>(syscall(SYS_gettid)), process};
+    }
+    return threadNumber.number;
 }
 
 // Whether a thread that has the gate is none of this process: then this is a child of it.

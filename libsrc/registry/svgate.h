@@ -68,6 +68,9 @@ public:
         return (changes.load(std::memory_order_seq_cst) & 1U) == 0 || closedByThisThreadQ();
     }
 
+    /// How often it has been closed and opened. Signal context: any.
+    static unsigned int changesSoFar() noexcept { return changes.load(std::memory_order_acquire); }
+
     /// Sleeps until the gate is open, unless this thread has closed it.
     static void waitUntilOpen() noexcept;
 

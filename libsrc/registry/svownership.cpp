@@ -1,14 +1,19 @@
 #include "svownership.h"
 
+#include <algorithm>
 #include <cstdint>
 #include <cstring>
+#include <iterator>
 
 #include "../support/svhandlercontext.h"
 
 namespace Sorvane {
 
 constinit std::atomic<SVOwnership::Count> SVOwnership::counts[highestSignal + 1];
+constinit SVOwnership::Unsettled::Cell SVOwnership::Unsettled::cells[cellCount];
 constinit std::atomic<unsigned int> SVOwnership::Unsettled::times[highestSignal + 1];
+constinit std::atomic<bool> SVOwnership::displaced[highestSignal + 1];
+constinit std::atomic<unsigned int> SVOwnership::leavings[highestSignal + 1];
 
 namespace {
 
@@ -21,8 +26,6 @@ constinit HandBack handBacks[highestSignal + 1] = {};
 
 constinit struct sigaction hosts[highestSignal + 1] = {};
 constinit struct sigaction hostsBefore[highestSignal + 1] = {};
-constinit std::atomic<bool> displaced[highestSignal + 1];
-constinit std::atomic<unsigned int> leavings[highestSignal + 1];
 
 // The C library has a flag for its own way back from a handler.
 bool sameFlagsQ(const struct sigaction& one, const struct sigaction& other) noexcept {
@@ -50,6 +53,13 @@ SentOn& placeOf(const void* thread, int signalNumber) noexcept {
 }
 
 }  // namespace
+
+bool SVOwnership::Unsettled::anyQ(int signalNumber) noexcept {
+    return timesOf(signalNumber) != 0 ||
+           std::any_of(std::begin(cells), std::end(cells), [signalNumber](const Cell& cell) {
+               return cell.signalNumber == signalNumber;
+           });
+}
 
 void SVOwnership::take(int signalNumber) noexcept {
     if (signalExistsQ(signalNumber) && !librarysQ(signalNumber)) {
@@ -110,10 +120,6 @@ const struct sigaction& SVOwnership::stoodFor(int signalNumber) noexcept {
     return displacedByHostQ(signalNumber) ? hostsBefore[signalNumber] : hostsAction(signalNumber);
 }
 
-bool SVOwnership::displacedByHostQ(int signalNumber) noexcept {
-    return displaced[numberOf(signalNumber)].load();
-}
-
 const struct sigaction& SVOwnership::hostsActionIf(int signalNumber,
                                                    const struct sigaction& found) noexcept {
     const struct sigaction& left = actionOfHost(numberOf(signalNumber));
@@ -131,10 +137,6 @@ void SVOwnership::leaveForGood(int signalNumber) noexcept {
 
 bool SVOwnership::leftForGoodQ(int signalNumber) noexcept {
     return handedBackQ(count(signalNumber)) && handBacks[numberOf(signalNumber)].thread == nullptr;
-}
-
-unsigned int SVOwnership::timesLeft(int signalNumber) noexcept {
-    return leavings[numberOf(signalNumber)].load();
 }
 
 bool SVOwnership::sendsOnFirstQ(int signalNumber) noexcept {

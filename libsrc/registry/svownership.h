@@ -50,6 +50,7 @@
 #include <atomic>
 #include <csignal>
 
+#include "../support/svhandlercontext.h"
 #include "../support/svsignalnumber.h"
 
 namespace Sorvane {
@@ -107,7 +108,10 @@ void rememberDisplacement(int signalNumber, const struct sigaction& installed) n
 const struct sigaction& stoodFor(int signalNumber) noexcept;
 
 /// Whether there was such an installation. Signal context: any.
-bool displacedByHostQ(int signalNumber) noexcept;
+extern std::atomic<bool> displaced[highestSignal + 1];
+inline bool displacedByHostQ(int signalNumber) noexcept {
+    return displaced[signalExistsQ(signalNumber) ? signalNumber : 0].load();
+}
 
 /// What the host has for a signal that is its own: what was found, or what is remembered if the
 /// library has left that.
@@ -120,7 +124,10 @@ void leaveForGood(int signalNumber) noexcept;
 bool leftForGoodQ(int signalNumber) noexcept;
 
 /// How often a signal was left for good. Signal context: any.
-unsigned int timesLeft(int signalNumber) noexcept;
+extern std::atomic<unsigned int> leavings[highestSignal + 1];
+inline unsigned int timesLeft(int signalNumber) noexcept {
+    return leavings[signalExistsQ(signalNumber) ? signalNumber : 0].load();
+}
 
 /// Whether this thread sends the signal on for the first time since it was handed back.
 bool sendsOnFirstQ(int signalNumber) noexcept;
@@ -132,22 +139,49 @@ bool sendsOnFirstQ(int signalNumber) noexcept;
 /// a forked child. Signal context: any.
 class Unsettled {
 public:
-    explicit Unsettled(int signalNumber) noexcept : m_times(timesOf(signalNumber)) { ++m_times; }
+    explicit Unsettled(int signalNumber) noexcept
+        : m_signalNumber(signalNumber),
+          m_cell(cells[SVHandlerContext::spread(SVHandlerContext::thisThread()) % cellCount]),
+          m_inCell(m_cell.takeFor(signalNumber)) {
+        if (!m_inCell) {
+            ++timesOf(m_signalNumber);
+        }
+    }
     Unsettled(const Unsettled&) = delete;
     Unsettled& operator=(const Unsettled&) = delete;
-    ~Unsettled() { --m_times; }
+    ~Unsettled() {
+        if (m_inCell) {
+            m_cell.signalNumber.store(0, std::memory_order_release);
+        } else {
+            --timesOf(m_signalNumber);
+        }
+    }
 
     /// Whether there is one for a signal, so that the library may hide what the host has.
-    static bool anyQ(int signalNumber) noexcept { return timesOf(signalNumber) != 0; }
+    static bool anyQ(int signalNumber) noexcept;
 
 private:
+    // Most threads have one to themselves; where it is taken, a count takes its place.
+    struct alignas(64) Cell {
+        bool takeFor(int itsSignal) noexcept {
+            int none = 0;
+            return signalNumber.load(std::memory_order_relaxed) == 0 &&
+                   signalNumber.compare_exchange_strong(none, itsSignal);
+        }
+
+        std::atomic<int> signalNumber;  ///< 0: free
+    };
+    static constexpr unsigned int cellCount = 32;
+    static Cell cells[cellCount];
+
     static std::atomic<unsigned int>& timesOf(int signalNumber) noexcept {
         return times[signalExistsQ(signalNumber) ? signalNumber : 0];
     }
-
     static std::atomic<unsigned int> times[highestSignal + 1];
 
-    std::atomic<unsigned int>& m_times;
+    const int m_signalNumber;
+    Cell& m_cell;
+    const bool m_inCell;
 };
 
 }  // namespace SVOwnership

@@ -19,6 +19,8 @@
 #include <atomic>
 
 #include "../support/svatomicref.h"
+#include "../support/svhandlercontext.h"
+#include "svgate.h"
 #include "svsignaltables.h"
 
 namespace Sorvane {
@@ -34,7 +36,12 @@ inline int signalKey(int signalNumber) noexcept {
 class SVPin {
 public:
     /// Parameters: place, where the published tables are.
-    explicit SVPin(SVSignalTable*& place) noexcept;
+    explicit SVPin(SVSignalTable*& place) noexcept : m_place(place) {
+        take();
+        if (!settledQ()) {
+            pinAnew();
+        }
+    }
     SVPin(const SVPin&) = delete;
     SVPin& operator=(const SVPin&) = delete;
     ~SVPin() { letGo(); }
@@ -64,6 +71,20 @@ public:
 
 private:
     struct alignas(4 * sizeof(void*)) Slot {
+        bool takeFor(const void* reader, const void* itsTables) noexcept {
+            const void* found = tables.load(std::memory_order_relaxed);
+            if (found != nullptr || !tables.compare_exchange_strong(found, itsTables)) {
+                return false;
+            }
+            times.store(1, std::memory_order_relaxed);
+            thread.store(reader, std::memory_order_relaxed);
+            return true;
+        }
+        void free() noexcept {
+            thread.store(nullptr, std::memory_order_relaxed);
+            tables.store(nullptr, std::memory_order_release);
+        }
+
         std::atomic<const void*> tables;  ///< null: free
         std::atomic<const void*> thread;  ///< null just after it was taken
         std::atomic<unsigned int> times;  ///< how often that thread has pinned them
@@ -72,8 +93,38 @@ private:
     alignas(64) static Slot slots[slotCount];
     static std::atomic<unsigned int> withoutSlot;
 
-    void pin() noexcept;
-    void letGo() noexcept;
+    // Where a thread's search begins: at the beginning of a cache line, which not many threads
+    // share.
+    static unsigned int firstSlotOf(const void* thread) noexcept {
+        constexpr unsigned int slotsInLine = 64 / sizeof(Slot);
+        return SVHandlerContext::spread(thread) % (slotCount / slotsInLine) * slotsInLine;
+    }
+
+    void take() noexcept {
+        m_tables = SVAtomicRef<SVSignalTable*>(m_place).load(std::memory_order_acquire);
+        if (m_tables != nullptr) {
+            const void* const thread = SVHandlerContext::thisThread();
+            const unsigned int first = firstSlotOf(thread);
+            if (slots[first].takeFor(thread, m_tables)) {
+                m_slot = &slots[first];
+            } else {
+                pinElsewhere(thread, first);
+            }
+        }
+    }
+    bool settledQ() const noexcept { return SVGate::openQ() && publishedQ(); }
+    void letGo() noexcept {
+        if (m_slot != nullptr && m_slot->times.load(std::memory_order_relaxed) == 1) {
+            m_slot->free();
+        } else if (m_tables != nullptr) {
+            letGoElsewhere();
+        }
+        m_slot = nullptr;
+    }
+
+    void pinAnew() noexcept;
+    void pinElsewhere(const void* thread, unsigned int first) noexcept;
+    void letGoElsewhere() noexcept;
 
     SVSignalTable*& m_place;
     SVSignalTable* m_tables = nullptr;

@@ -6,6 +6,8 @@
 #ifndef SORVANE_SVHANDLERCONTEXT_H
 #define SORVANE_SVHANDLERCONTEXT_H
 
+#include <cstdint>
+
 namespace Sorvane {
 
 namespace SVHandlerContext {
@@ -33,6 +35,13 @@ public:
 /// Tells this thread from every other one; the same in a child that it forks.
 inline const void* thisThread() noexcept {
     return &depth;
+}
+
+/// Spreads threads over 16 bits, for places in which most of them are alone.
+inline unsigned int spread(const void* thread) noexcept {
+    constexpr std::uint32_t spreading = 2654435769U;
+    const auto bits = static_cast<std::uint32_t>(reinterpret_cast<std::uintptr_t>(thread) >> 6U);
+    return bits * spreading >> 16U;
 }
 
 }  // namespace SVHandlerContext

@@ -87,7 +87,8 @@ public:
     /// gets information and context unchanged, a one-argument function the signal number alone;
     /// SIG_DFL and SIG_IGN are no functions, and nothing is called for them.
     /// Errors: what the handler throws. Signal context: any, as far as the handler allows.
-    void operator()(void* information, void* context) {
+    void operator()(void* information, void* context) { call(information, context); }
+    void call(void* information, void* context) const {
         if (specialValueQ()) {
             return;
         }

@@ -55,7 +55,6 @@ std::uintptr_t interruptedInstruction(const void* context) noexcept {
 
 // The fault of this thread whose handler has left an action last, and which it was.
 struct LeftToFault {
-    int signalNumber;
     int flags;
     SVOwnership::Count count;
     std::uintptr_t instruction;
@@ -63,17 +62,17 @@ struct LeftToFault {
     void (*handler)(int, siginfo*, void*);
 
     bool sameQ(int itsSignal, const siginfo* information, const void* context) const noexcept {
-        return signalNumber == itsSignal && count == SVOwnership::count(itsSignal) &&
+        return SVLeftAction::anyQ(itsSignal) && count == SVOwnership::count(itsSignal) &&
                information != nullptr && svfaultQ(itsSignal, *information) &&
                address == information->si_addr && instruction == interruptedInstruction(context);
     }
 };
 constinit thread_local LeftToFault leftToFault
-    __attribute__((tls_model("initial-exec"))) = {0, 0, 0, 0, nullptr, nullptr};
+    __attribute__((tls_model("initial-exec"))) = {0, 0, 0, nullptr, nullptr};
 
 void forget(int signalNumber) noexcept {
     if (SVLeftAction::anyQ(signalNumber)) {
-        leftToFault.signalNumber = 0;
+        SVLeftAction::signalOfFault = 0;
     }
 }
 
@@ -100,6 +99,9 @@ bool onRecordQ(int signalNumber, const struct sigaction& action) noexcept {
 }
 
 }  // namespace
+
+constinit thread_local int SVLeftAction::signalOfFault __attribute__((tls_model("initial-exec"))) =
+    0;
 
 bool svfaultQ(int signalNumber, const siginfo& information) noexcept {
     constexpr int faults[] = {SIGSEGV, SIGBUS, SIGILL, SIGFPE};
@@ -128,18 +130,11 @@ bool SVLeftAction::leave(int signalNumber, const struct sigaction& action, bool 
         return installed;
     }
     if (information != nullptr && svfaultQ(signalNumber, *information)) {
-        leftToFault = {signalNumber,
-                       action.sa_flags,
-                       SVOwnership::count(signalNumber),
-                       interruptedInstruction(context),
-                       information->si_addr,
-                       action.sa_sigaction};
+        leftToFault = {action.sa_flags, SVOwnership::count(signalNumber),
+                       interruptedInstruction(context), information->si_addr, action.sa_sigaction};
+        signalOfFault = signalNumber;
     }
     return false;
-}
-
-bool SVLeftAction::anyQ(int signalNumber) noexcept {
-    return leftToFault.signalNumber == signalNumber;
 }
 
 bool SVLeftAction::putBackQ(int signalNumber) noexcept {

@@ -55,7 +55,10 @@ bool leave(int signalNumber, const struct sigaction& action, bool putBack, sigin
            void* context);
 
 /// Whether something was left for a signal of this number on this thread.
-bool anyQ(int signalNumber) noexcept;
+extern constinit thread_local int signalOfFault __attribute__((tls_model("initial-exec")));
+inline bool anyQ(int signalNumber) noexcept {
+    return signalOfFault == signalNumber;
+}
 
 /// Whether the library is installed by the hand of a host that has displaced it before. Asks the
 /// system.

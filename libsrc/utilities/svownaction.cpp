@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <cstring>
 
+#include "../registry/svgate.h"
 #include "../registry/svownership.h"
 #include "../support/svsignalnumber.h"
 #include "svsignalhandlermanager.h"
@@ -47,32 +48,29 @@ Manner both(const Manner& one, const Manner& other) noexcept {
         one.marked != other.marked};
 }
 
-// In words, because a dispatch may read it while it changes.
-struct KeptManner {
-    std::atomic<unsigned int> words[2] = {0, 0};
-    std::atomic<int> flags{SA_RESTART};
-    std::atomic<bool> marked{false};
-    std::atomic<unsigned int> changes{0};
-};
-constinit KeptManner kept[highestSignal + 1];
-
-KeptManner& keptFor(int signalNumber) noexcept {
-    return kept[signalExistsQ(signalNumber) ? signalNumber : 0];
+struct sigaction ownActionWith(const Manner& manner) noexcept {
+    struct sigaction action = {};
+    action.sa_sigaction = &actualSignalHandler;
+    std::memcpy(&action.sa_mask, &manner.heldBack, sizeof(manner.heldBack));
+    action.sa_flags = SA_SIGINFO | SA_ONSTACK | manner.flags | (manner.marked ? markingFlag : 0);
+    return action;
 }
 
-Manner load(int signalNumber) noexcept {
-    const KeptManner& manner = keptFor(signalNumber);
-    return Manner{manner.words[0].load() | std::uint64_t{manner.words[1].load()} << 32U,
-                  manner.flags.load(), manner.marked.load()};
+Manner ownManner(int signalNumber) noexcept {
+    const struct sigaction own = SVOwnAction::of(signalNumber);
+    Manner manner;
+    std::memcpy(&manner.heldBack, &own.sa_mask, sizeof(manner.heldBack));
+    manner.flags = own.sa_flags & (flagIfAllHave | flagsIfAnyHas);
+    manner.marked = (own.sa_flags & markingFlag) != 0;
+    return manner;
 }
 
+// Where no dispatch looks, before it is told.
 void store(int signalNumber, const Manner& manner) noexcept {
-    KeptManner& stored = keptFor(signalNumber);
-    stored.words[0].store(static_cast<unsigned int>(manner.heldBack));
-    stored.words[1].store(static_cast<unsigned int>(manner.heldBack >> 32U));
-    stored.flags.store(manner.flags);
-    stored.marked.store(manner.marked);
-    stored.changes.fetch_add(1);
+    SVOwnAction::Place& place = SVOwnAction::placeOf(signalNumber);
+    const unsigned int next = place.changes.load() + 1;
+    place.actions[next % 2] = ownActionWith(manner);
+    place.changes.store(next);
 }
 
 // Of the host's handlers that are on record, but for the one that has just been asked for.
@@ -92,20 +90,18 @@ Manner mannerOnRecord(const SVSignalHandlerTable* table, const struct sigaction&
 
 }  // namespace
 
-unsigned int SVOwnAction::changes(int signalNumber) noexcept {
-    return keptFor(signalNumber).changes.load();
-}
+constinit SVOwnAction::Place SVOwnAction::places[highestSignal + 1];
 
 struct sigaction SVOwnAction::of(int signalNumber) noexcept {
-    const Manner manner = load(signalNumber);
-    struct sigaction action = {};
-    action.sa_sigaction = &actualSignalHandler;
-    std::memcpy(&action.sa_mask, &manner.heldBack, sizeof(manner.heldBack));
-    action.sa_flags = SA_SIGINFO | SA_ONSTACK | manner.flags;
-    if (manner.marked) {
-        action.sa_flags |= markingFlag;
+    const Place& place = placeOf(signalNumber);
+    return place.changes.load() == 0 ? ownActionWith(Manner()) : *place.current();
+}
+
+void SVOwnAction::begin(int signalNumber) noexcept {
+    const SVGate gate;
+    if (placeOf(signalNumber).changes.load() == 0) {
+        store(signalNumber, Manner());
     }
-    return action;
 }
 
 void SVOwnAction::follow(int signalNumber, const struct sigaction& hosts,
@@ -113,7 +109,7 @@ void SVOwnAction::follow(int signalNumber, const struct sigaction& hosts,
     if (svownActionQ(hosts) || !signalExistsQ(signalNumber)) {
         return;
     }
-    const Manner before = load(signalNumber);
+    const Manner before = ownManner(signalNumber);
     const Manner others =
         SVOwnership::librarysQ(signalNumber) ? before : mannerOnRecord(table, hosts);
     Manner now = both(mannerOf(signalNumber, hosts), others);
@@ -123,10 +119,6 @@ void SVOwnAction::follow(int signalNumber, const struct sigaction& hosts,
     if (now != before) {
         store(signalNumber, now);
     }
-}
-
-bool svownActionQ(const struct sigaction& action) noexcept {
-    return action.sa_sigaction == &actualSignalHandler;
 }
 
 bool svnobodysActionQ(const struct sigaction& action) noexcept {

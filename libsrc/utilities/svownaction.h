@@ -13,24 +13,42 @@
 //
 // They are found out when a signal is taken over, and stay until it is taken over anew. They change
 // inside the gate, and whoever changes them installs the library after that. A dispatch reads them
-// outside the gate, just before it installs the library again, and looks then whether they have
-// changed meanwhile; if so, it installs once more.
+// outside the gate, where it installs the library again, and looks then whether they have changed
+// meanwhile; if so, it installs once more. What it reads is changed only by the change after the
+// next one.
 #ifndef SORVANE_SVOWNACTION_H
 #define SORVANE_SVOWNACTION_H
 
+#include <atomic>
 #include <csignal>
 
 #include "../registry/svsignaltables.h"
+#include "../support/svsignalnumber.h"
+#include "svsignalhandlermanager.h"
 
 namespace Sorvane {
 
 /// For all signal numbers; those that do not exist have the action of one that nobody had.
 namespace SVOwnAction {
 
-/// How often the action of a signal has changed; read before the action, and once more after that
-/// has been installed. Threads: any. Signal context: any context.
-unsigned int changes(int signalNumber) noexcept;
+/// The actions of a signal: the present one, and the one before or after it. Signal context of all
+/// of it: any.
+struct Place {
+    std::atomic<unsigned int> changes;  ///< 0: it is that of a signal that nobody had
+    struct sigaction actions[2];
+
+    const struct sigaction* current() const noexcept { return &actions[changes.load() % 2]; }
+};
+extern Place places[highestSignal + 1];
+
+inline Place& placeOf(int signalNumber) noexcept {
+    return places[signalExistsQ(signalNumber) ? signalNumber : 0];
+}
+
 struct sigaction of(int signalNumber) noexcept;
+
+/// Makes the action of a signal that nobody had.
+void begin(int signalNumber) noexcept;
 
 /// Follows the action that the host has for a signal that is about to be taken over, or has
 /// installed over the library; unless it is the library's own.
@@ -43,7 +61,9 @@ void follow(int signalNumber, const struct sigaction& hosts,
 
 /// Whether an action's handler is the library's own; whether it is none that the host has to get
 /// back: the library's own, the default action, or the ignoring one.
-bool svownActionQ(const struct sigaction& action) noexcept;
+inline bool svownActionQ(const struct sigaction& action) noexcept {
+    return action.sa_sigaction == &actualSignalHandler;
+}
 bool svnobodysActionQ(const struct sigaction& action) noexcept;
 
 }  // namespace Sorvane

@@ -4,6 +4,7 @@
 #define SORVANE_SVSHAREDSTATE_H
 
 #include <atomic>
+#include <optional>
 
 #include "../registry/svgate.h"
 #include "../registry/svpin.h"
@@ -47,14 +48,19 @@ public:
 /// Does something under a lock, if there is one, and with signals held back. They are let in when
 /// the lock is free again, so that a handler that comes then may leave by siglongjmp; the lock is
 /// not waited for while they are held back. Result: that of the operation, which throws nothing.
-/// Parameters: keptByFailure, whether the lock stays held if the operation fails.
-template <typename Operation>
-SVFailure svunderLock(SVMutexHandle* lock, bool keptByFailure, Operation operation) {
+/// Parameters: keptByFailure, whether the lock stays held if the operation fails; neededQ, a test
+/// that is made under the lock with signals let in, without which nothing more is done.
+template <typename Operation, typename Test>
+SVFailure svunderLock(SVMutexHandle* lock, bool keptByFailure, Operation operation, Test neededQ) {
     if (lock != nullptr) {
         lock->lock();
     }
-    const SVGate::SignalsHeldBack signalsHeldBack;
-    const SVFailure failure = operation();
+    std::optional<SVGate::SignalsHeldBack> signalsHeldBack;
+    SVFailure failure;
+    if (neededQ()) {
+        signalsHeldBack.emplace();
+        failure = operation();
+    }
     if (lock != nullptr && !(failure && keptByFailure)) {
         lock->unlock();
     }
@@ -62,13 +68,18 @@ SVFailure svunderLock(SVMutexHandle* lock, bool keptByFailure, Operation operati
 }
 
 /// Makes a change inside the gate, under a lock if there is one, and throws the failure that it
-/// tells, if any, after it.
-template <typename Change>
-void svchange(SVMutexHandle* lock, Change change) {
-    svunderLock(lock, false, [&change] {
+/// tells, if any, after it. Parameters: neededQ, as above.
+template <typename Change, typename Test>
+void svchange(SVMutexHandle* lock, Change change, Test neededQ) {
+    const auto operation = [&change] {
         const SVGate::Closed gate;
         return SVFailure().then(change);
-    }).throwIfAny();
+    };
+    svunderLock(lock, false, operation, neededQ).throwIfAny();
+}
+template <typename Change>
+void svchange(SVMutexHandle* lock, Change change) {
+    svchange(lock, change, [] { return true; });
 }
 
 /// A pin on the manager's tables.

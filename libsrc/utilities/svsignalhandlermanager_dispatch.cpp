@@ -135,6 +135,7 @@ private:
             if (dispatch.m_table != nullptr) {
                 dispatch.m_next = dispatch.m_table->table;
                 dispatch.m_end = endOf(*dispatch.m_table);
+                dispatch.m_notSeen = dispatch.m_table->used;
             }
             if (m_outer < Nested::most) {
                 nested.all[m_outer] = {&dispatch, information, dispatch.m_signalNumber};
@@ -158,26 +159,26 @@ private:
         return table.table + table.mask + 1;
     }
 
-    // In slot order. A copy is called, so that a handler that changes its own registration does not
-    // pull the record away from under the call.
+    // In slot order. A handler that changes its own registration does not pull the record away from
+    // under the call, which has read it by then. What lies behind the last record is looked at only
+    // if somebody has made a change since the walk began.
     [[gnu::noinline]] void callRest() {
-        for (const Slot* slot = m_next; slot != m_end;) {
-            const Slot& current = *slot++;
+        while (m_next != m_end && (m_notSeen != 0 || SVGate::changesSoFar() != m_changes)) {
+            const Slot& current = *m_next++;
             if (current.state != svslotOccupied) {
                 continue;
             }
-            SVSignalHandler record(current.value);
+            --m_notSeen;
+            const SVSignalHandler& record = current.value;
             if (!(m_onlyHostsOwn ? hostsOwnQ(record) : record.validQ()) ||
                 (m_leftBehind && clearedQ(current.key, record.preExistsQ()))) {
                 continue;
             }
-            m_next = slot;
             ++m_calls;
-            record(m_information, m_context);
+            record.call(m_information, m_context);
             if (!m_pin.publishedQ()) {
                 m_leftBehind = !follow();
             }
-            slot = m_next;
         }
         m_next = m_end;
     }
@@ -228,6 +229,9 @@ private:
     bool m_followed = false;    ///< what is published
     const Slot* m_next = nullptr;
     const Slot* m_end = nullptr;
+    const unsigned int m_changes = SVGate::changesSoFar();
+    unsigned int m_notSeen =
+        0;  ///< how many records the walk has not come to, if nobody changes any
 };
 
 constinit thread_local Dispatch::Nested Dispatch::nested = {};

@@ -87,16 +87,21 @@ SVFailure SVSystemActions::install(int signalNumber, const struct sigaction& wan
 }
 
 SVFailure SVSystemActions::installOwn(int signalNumber, struct sigaction& previous) noexcept {
-    SVFailure failure;
+    SVOwnAction::Place& place = SVOwnAction::placeOf(signalNumber);
+    if (place.changes.load() == 0) {
+        SVOwnAction::begin(signalNumber);
+    }
     struct sigaction* displaced = &previous;
     unsigned int seen = 0;
     do {
-        seen = SVOwnAction::changes(signalNumber);
-        const struct sigaction own = SVOwnAction::of(signalNumber);
-        failure = failureOf(sigaction(signalNumber, &own, displaced));
+        seen = place.changes.load();
+        const int result = sigaction(signalNumber, &place.actions[seen % 2], displaced);
+        if (result != 0) {
+            return failureOf(result);
+        }
         displaced = nullptr;
-    } while (!failure && seen != SVOwnAction::changes(signalNumber));
-    return failure;
+    } while (seen != place.changes.load());
+    return SVFailure();
 }
 
 SVFailure SVSystemActions::takeOver(int signalNumber, struct sigaction& previous) noexcept {

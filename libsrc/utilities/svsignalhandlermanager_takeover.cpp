@@ -125,8 +125,11 @@ void SVSignalHandlerManager::startHandlingSignals() {
     failure.throwIfAny();
 }
 
+// For a signal that has no table the gate stays open.
 void SVSignalHandlerManager::stopHandlingSignal(int signalNumber) {
-    svchange(lockHandle(), [&] { return handBack(signalNumber, ignoreHandler(signalNumber)); });
+    svchange(
+        lockHandle(), [&] { return handBack(signalNumber, ignoreHandler(signalNumber)); },
+        [signalNumber] { return SVTablesPin().tableOf(signalNumber) != nullptr; });
 }
 
 void SVSignalHandlerManager::stopHandlingSignals() {
