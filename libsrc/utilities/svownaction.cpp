@@ -41,10 +41,8 @@ Manner mannerOf(int signalNumber, const struct sigaction& action) noexcept {
 }
 
 Manner both(const Manner& one, const Manner& other) noexcept {
-    return Manner{
-        one.heldBack | other.heldBack,
-        (one.flags & other.flags & flagIfAllHave) | ((one.flags | other.flags) & flagsIfAnyHas),
-        one.marked != other.marked};
+    return Manner{one.heldBack | other.heldBack, (one.flags & other.flags & flagIfAllHave) |
+                                                     ((one.flags | other.flags) & flagsIfAnyHas)};
 }
 
 // In words, because a dispatch may read it while it changes.
@@ -101,10 +99,7 @@ struct sigaction SVOwnAction::of(int signalNumber) noexcept {
     struct sigaction action = {};
     action.sa_sigaction = &actualSignalHandler;
     std::memcpy(&action.sa_mask, &manner.heldBack, sizeof(manner.heldBack));
-    action.sa_flags = SA_SIGINFO | SA_ONSTACK | manner.flags;
-    if (manner.marked) {
-        action.sa_flags |= markingFlag;
-    }
+    action.sa_flags = SA_SIGINFO | SA_ONSTACK | manner.flags | (manner.marked ? markingFlag : 0);
     return action;
 }
 
@@ -116,8 +111,12 @@ void SVOwnAction::follow(int signalNumber, const struct sigaction& hosts,
     const Manner before = load(signalNumber);
     const Manner others =
         SVOwnership::librarysQ(signalNumber) ? before : mannerOnRecord(table, hosts);
-    Manner now = both(mannerOf(signalNumber, hosts), others);
-    if (SVOwnership::librarysQ(signalNumber) && now == before) {
+    const struct sigaction action = SVOwnership::hostsActionIf(signalNumber, hosts);
+    Manner now = both(mannerOf(signalNumber, action), others);
+    now.marked = before.marked;
+    const bool librarysFound =
+        SVOwnership::librarysQ(signalNumber) || SVOwnership::displacedByHostQ(signalNumber);
+    if (librarysFound && now == before) {
         now.marked = !before.marked;
     }
     if (now != before) {
