@@ -75,14 +75,14 @@ enum class Receiver {
 
 // Parameters: informed, whether anything has come with the arrival; action, set to that by which
 // the host may have to be called. Signal context: inside the gate.
-[[gnu::noinline]] Receiver receiverOf(int signalNumber, bool informed,
+[[gnu::noinline]] Receiver receiverOf(int signalNumber, bool informed, bool heldBack,
                                       struct sigaction& action) noexcept {
     action = SVOwnership::actionOfHost(signalNumber);
     struct sigaction current = action;
     static_cast<void>(SVSystemActions::ask(signalNumber, current));
     const bool installed = svownActionQ(current);
     const bool notHeldBack = installed && (current.sa_flags & SA_NODEFER) != 0;
-    const bool delivered = informed && (notHeldBack || svbeingHandledQ(signalNumber));
+    const bool delivered = informed && (notHeldBack || heldBack);
     const bool hosts = SVOwnership::handedBackQ(SVOwnership::count(signalNumber));
     const bool late = delivered && hosts;  // GCOVR_EXCL_BR_LINE: taken over just before
     const bool first = SVOwnership::sendsOnFirstQ(signalNumber);
@@ -157,9 +157,10 @@ bool svsendAgain(int signalNumber, siginfo& information) noexcept {
 bool svsendOn(int signalNumber, siginfo* information, void* context) {
     struct sigaction action;
     Receiver receiver = Receiver::library;
+    const bool heldBack = svbeingHandledQ(signalNumber);
     {
         const SVGate gate;
-        receiver = receiverOf(signalNumber, information != nullptr, action);
+        receiver = receiverOf(signalNumber, information != nullptr, heldBack, action);
     }
     if (receiver == Receiver::plainHost) {
         syscall(SYS_tgkill, getpid(), syscall(SYS_gettid), signalNumber);

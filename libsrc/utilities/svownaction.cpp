@@ -111,7 +111,12 @@ void SVOwnAction::follow(int signalNumber, const struct sigaction& hosts,
     const Manner before = load(signalNumber);
     const Manner others =
         SVOwnership::librarysQ(signalNumber) ? before : mannerOnRecord(table, hosts);
-    const struct sigaction action = SVOwnership::hostsActionIf(signalNumber, hosts);
+    struct sigaction action = hosts;
+    const bool ignoredByLibrary =
+        SVOwnership::hostsActionIf(signalNumber, hosts).sa_handler != hosts.sa_handler;
+    if (ignoredByLibrary) {
+        action.sa_handler = SIG_DFL;
+    }
     Manner now = both(mannerOf(signalNumber, action), others);
     now.marked = before.marked;
     const bool librarysFound =
