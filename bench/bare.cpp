@@ -1,5 +1,5 @@
-// What a work costs without the library: the system calls that it must make, and dispatches that are
-// written by hand.
+// What a work costs without the library: the system calls that it must make, and dispatches that
+// are written by hand.
 
 #include <pthread.h>
 #include <sys/syscall.h>
@@ -220,14 +220,22 @@ int raising(int threads) {
 int main(int count, char** arguments) {
     const std::string_view work = count > 1 ? arguments[1] : "";
     const int size = count > 2 ? std::atoi(arguments[2]) : 1;
-    if (work == "delivered") return delivered();
-    if (work == "delivered-ideal") return deliveredIdeal(size);
-    if (work == "installation") return installation();
-    if (work == "direct-ideal") return directIdeal(size);
-    if (work == "pair") return pair();
-    if (work == "start") return start(size);
-    if (work == "stop") return stop(size);
-    if (work == "raising") return raising(size);
+    if (work == "delivered")
+        return delivered();
+    if (work == "delivered-ideal")
+        return deliveredIdeal(size);
+    if (work == "installation")
+        return installation();
+    if (work == "direct-ideal")
+        return directIdeal(size);
+    if (work == "pair")
+        return pair();
+    if (work == "start")
+        return start(size);
+    if (work == "stop")
+        return stop(size);
+    if (work == "raising")
+        return raising(size);
     std::fprintf(stderr, "bare: no such work\n");
     return 2;
 }

@@ -2,8 +2,8 @@
 #ifndef SORVANE_BENCH_HANDLERS_H
 #define SORVANE_BENCH_HANDLERS_H
 
-#include <csignal>
 #include <array>
+#include <csignal>
 #include <utility>
 
 namespace Bench {

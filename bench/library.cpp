@@ -1,6 +1,5 @@
 // The works as the library does them.
 
-#include <malloc.h>
 #include <sorvane/svsignalhandlermanager.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -25,8 +24,7 @@ void raiseOnThisThread(int signalNumber) {
 
 void registerOn(SVSignalHandlerManager& manager, int signalNumber, int count) {
     for (int i = 0; i < count; ++i) {
-        manager.setHandlerFromFunction(signalNumber,
-                                       Bench::handlers[static_cast<std::size_t>(i)]);
+        manager.setHandlerFromFunction(signalNumber, Bench::handlers[static_cast<std::size_t>(i)]);
     }
 }
 
@@ -121,8 +119,9 @@ int raising(int threads) {
     registerOn(manager, SIGUSR2, 1);
     manager.startHandlingSignals();
     return Bench::serve([threads](long times) {
-        return onThreads(threads, times,
-                         [](int thread) { raiseOnThisThread(thread % 2 == 0 ? SIGUSR1 : SIGUSR2); });
+        return onThreads(threads, times, [](int thread) {
+            raiseOnThisThread(thread % 2 == 0 ? SIGUSR1 : SIGUSR2);
+        });
     });
 }
 
@@ -137,26 +136,51 @@ int calling(int threads) {
     });
 }
 
-// Prints the bytes of the heap that the tables take, and what a million registrations add to them.
+template <typename Table>
+long bytesOf(const Table& table) {
+    const bool onHeap = table.table != table.smalltable;
+    return static_cast<long>(sizeof(table) +
+                             (onHeap ? (table.mask + 2) * sizeof(typename Table::Entry) : 0));
+}
+
+long pagesInUse() {
+    long all = 0;
+    long resident = 0;
+    std::FILE* const file = std::fopen("/proc/self/statm", "r");
+    if (file == nullptr || std::fscanf(file, "%ld %ld", &all, &resident) != 2) {
+        Bench::fail("pages", resident, 1);
+    }
+    std::fclose(file);
+    return resident;
+}
+
+// Prints the bytes that the tables take, and how many pages half a million pairs add after as many.
 int memory(int signalCount, int handlersEach) {
-    const auto inUse = [] { return static_cast<long>(mallinfo2().uordblks); };
-    std::printf("\n");
-    const long before = inUse();
     SVSignalHandlerManager manager(true);
     int made = 0;
-    for (int signalNumber = 1; signalNumber <= 64 && made < signalCount; ++signalNumber) {
-        if (manager.canHandleSignalFromDisposition(signalNumber)) {
+    for (const int signalNumber : Bench::allSignals()) {
+        if (made++ < signalCount) {
             registerOn(manager, signalNumber, handlersEach);
-            ++made;
         }
     }
     manager.startHandlingSignals();
-    const long taken = inUse() - before;
-    for (long i = 0; i < 500000; ++i) {
-        manager.setHandlerFromFunction(theSignal, Bench::handlers.back());
-        manager.clearHandlerWithFunction(theSignal, Bench::handlers.back());
+    const auto& tables = *SVSignalHandlerManager::handlerTables;
+    long taken = bytesOf(tables);
+    for (auto position = tables.begin(); position != tables.end(); position++) {
+        taken += bytesOf(*position.GetValue());
     }
-    std::printf("%ld %ld\n", taken, inUse() - before - taken);
+    const auto registerAndClear = [&manager](long times) {
+        for (long i = 0; i < times; ++i) {
+            manager.setHandlerFromFunction(theSignal, Bench::handlers.back());
+            manager.clearHandlerWithFunction(theSignal, Bench::handlers.back());
+        }
+    };
+    registerAndClear(500000);
+    // The first look takes pages itself.
+    pagesInUse();
+    const long before = pagesInUse();
+    registerAndClear(500000);
+    std::printf("%ld %ld\n", taken, pagesInUse() - before);
     return 0;
 }
 
@@ -165,14 +189,22 @@ int memory(int signalCount, int handlersEach) {
 int main(int count, char** arguments) {
     const std::string_view work = count > 1 ? arguments[1] : "";
     const int size = count > 2 ? std::atoi(arguments[2]) : 1;
-    if (work == "delivered") return delivered(size);
-    if (work == "direct") return direct(size);
-    if (work == "pair") return pair(size);
-    if (work == "start") return startOrStop(true, size);
-    if (work == "stop") return startOrStop(false, size);
-    if (work == "raising") return raising(size);
-    if (work == "calling") return calling(size);
-    if (work == "memory") return memory(size, count > 3 ? std::atoi(arguments[3]) : 1);
+    if (work == "delivered")
+        return delivered(size);
+    if (work == "direct")
+        return direct(size);
+    if (work == "pair")
+        return pair(size);
+    if (work == "start")
+        return startOrStop(true, size);
+    if (work == "stop")
+        return startOrStop(false, size);
+    if (work == "raising")
+        return raising(size);
+    if (work == "calling")
+        return calling(size);
+    if (work == "memory")
+        return memory(size, count > 3 ? std::atoi(arguments[3]) : 1);
     std::fprintf(stderr, "library: no such work\n");
     return 2;
 }

@@ -18,8 +18,9 @@ constexpr const char* tableFile = "libsrc/include/../datastructures/svhashtable"
 constexpr unsigned int lineNoTableForHandler = 144;
 constexpr unsigned int lineNoTableForSignal = 302;
 
-// What the C library adds to what is asked for, and what the library tells its take-overs apart by.
-constexpr int ofNoEffect = 0x04000000 | 0x800;
+// What the C library adds to what is asked for; what the library tells its take-overs apart by; and
+// what SIGCHLD has if it was the host that ignored it, which the model does not know.
+constexpr int ofNoEffect = 0x04000000 | 0x800 | SA_NOCLDWAIT;
 
 void* functionOf(const struct sigaction& action) {
     return (action.sa_flags & SA_SIGINFO) != 0 ? reinterpret_cast<void*>(action.sa_sigaction)

@@ -2,6 +2,7 @@
 // the default action themselves. What they are called with, and how the process ends.
 
 #include <gtest/gtest.h>
+#include <sched.h>
 #include <sorvane/svsignalsubscription.h>
 #include <unistd.h>
 
@@ -12,6 +13,7 @@
 
 #include "support/child_process.h"
 #include "support/faults.h"
+#include "support/gate.h"
 #include "support/joining_thread.h"
 #include "support/manager_fixture.h"
 #include "support/sanitizers.h"
@@ -118,6 +120,90 @@ TEST_F(LastWords, AreHadIfTheHostsHandlerIgnoresTheFaultThatItReturnsTo) {
     });
     EXPECT_TRUE(end.endedBySignalQ(SIGSEGV)) << end;
     EXPECT_EQ(callsOf(userHandler), 1U);
+}
+
+void leavesItToTheOneBefore(int signalNumber) {
+    noteCall(addressOf(leavesItToTheOneBefore), signalNumber);
+    hostInstalls(signalNumber, givesUp);
+    raise(signalNumber);
+}
+
+TEST_F(LastWords, AreHadIfTheHandlerThatWasLeftGivesUp) {
+    if (builtWithThreadSanitizer) {
+        GTEST_SKIP() << "signals are delivered one after the other here";
+    }
+    const ChildEnd end = inChildWithoutCore([] {
+        hostInstalls(SIGHUP, leavesItToTheOneBefore);
+        const Subscription subscription(SIGHUP, userHandler);
+        raise(SIGHUP);
+    });
+    EXPECT_TRUE(end.endedBySignalQ(SIGHUP)) << end;
+    EXPECT_EQ(callsOf(leavesItToTheOneBefore), 1U);
+    EXPECT_EQ(callsOf(givesUp), 1U);
+    EXPECT_EQ(callsOf(userHandler), 1U);
+}
+
+void returns(int signalNumber) {
+    noteCall(addressOf(returns), signalNumber);
+}
+
+TEST_F(LastWords, AreHadIfTheHostsHandlerWasToBeCalledOnceAndReturnsToTheFault) {
+    SKIP_WITHOUT_FAULTS();
+    const ChildEnd end = inChildWithoutCore([] {
+        const ClosedPage page;
+        hostInstalls(SIGSEGV, returns, static_cast<int>(SA_RESETHAND));
+        const Subscription subscription(SIGSEGV, userHandler);
+        writeTo(page.address());
+    });
+    EXPECT_TRUE(end.endedBySignalQ(SIGSEGV)) << end;
+    EXPECT_EQ(callsOf(returns), 1U);
+    EXPECT_EQ(callsOf(userHandler), 1U);
+}
+
+Gate* speaking = nullptr;
+Gate* otherGaveUp = nullptr;
+std::atomic<bool> oneSpeaks{false};
+
+void speaksSlowly(int signalNumber) {
+    noteCall(addressOf(speaksSlowly), signalNumber);
+    oneSpeaks = true;
+    speaking->open();
+    otherGaveUp->pass();
+    // If the other one ended the process now, it would have done it by then.
+    for (int i = 0; i < 20000; ++i) {
+        sched_yield();
+    }
+    noteCall(addressOf(returns), signalNumber);
+}
+
+// The other thread is about to end the process, and waits.
+void givesUpOnEither(int signalNumber) {
+    if (oneSpeaks) {
+        otherGaveUp->open();
+    }
+    givesUp(signalNumber);
+}
+
+TEST_F(LastWords, AreWaitedForByAnotherThreadThatGivesUp) {
+    if (builtWithThreadSanitizer) {
+        GTEST_SKIP() << "signals are delivered one after the other here";
+    }
+    const ChildEnd end = inChildWithoutCore([] {
+        Gate theirs;
+        Gate others;
+        speaking = &theirs;
+        otherGaveUp = &others;
+        hostInstalls(SIGHUP, givesUpOnEither);
+        const Subscription subscription(SIGHUP, speaksSlowly);
+        const JoiningThread other([] {
+            speaking->pass();
+            raise(SIGHUP);
+        });
+        raise(SIGHUP);
+    });
+    EXPECT_TRUE(end.endedBySignalQ(SIGHUP)) << end;
+    EXPECT_EQ(callsOf(speaksSlowly), 1U);
+    EXPECT_EQ(callsOf(returns), 1U) << "to their end";
 }
 
 TEST_F(LastWords, AreHadOfEndedSubscriptionsByNobody) {

@@ -199,6 +199,16 @@ TEST_F(OwnAction, FollowsTheHostsAlsoIfARegistrationTakesTheSignalOver) {
     expectOwn(SA_NODEFER, {SIGUSR2});
 }
 
+// It would take the end of its children away from the host.
+TEST_F(OwnAction, DoesNotFollowTheIgnoringThatAStopHasLeft) {
+    m_manager.setHandlerFromFunction(SIGCHLD, userHandler);
+    m_manager.startHandlingSignals();
+    m_manager.stopHandlingSignals();
+    ASSERT_TRUE(ignoredInSystemQ(SIGCHLD));
+    m_manager.startHandlingSignals();
+    EXPECT_EQ(systemAction(SIGCHLD).sa_flags & SA_NOCLDWAIT, 0);
+}
+
 TEST_F(OwnAction, DoesNotFollowWhatARegistrationDisplacesLater) {
     m_manager.startHandlingSignals();
     m_manager.setHandlerFromFunction(theSignal, userHandler);

@@ -219,9 +219,49 @@ TEST_F(SignalEvents, AreEndedInAForkedChildWithoutHarmToTheParent) {
 
 TEST_F(SignalEvents, OfASignalThatCannotBeHandledFailAndLeaveNothing) {
     EXPECT_THROW(SVSignalEvents({SIGUSR1, SIGKILL}), SVException);
-    EXPECT_THROW(SVSignalEvents({SIGUSR1, SIGUSR1}), SVException);
+    EXPECT_THROW(SVSignalEvents({SIGUSR1, SIGKILL}), SVException);
     EXPECT_EQ(systemHandler(SIGUSR1), nullptr);
     EXPECT_EQ(Manager::numberOfManagers, 0U);
+}
+
+TEST_F(SignalEvents, OfASignalThatIsNamedMoreThanOnceComeOnce) {
+    hostInstalls(SIGPIPE, SIG_IGN);
+    const std::vector<int> named(200, SIGPIPE);
+    SVSignalEvents ignored(named.data(), named.data() + named.size());
+    SVSignalEvents events({SIGUSR1, SIGUSR1});
+    raise(SIGUSR1);
+    siginfo information = {};
+    EXPECT_TRUE(events.next(information));
+    EXPECT_FALSE(events.next(information));
+}
+
+TEST_F(SignalEvents, OfASignalThatTheHostIgnoresComeIfTheUserSaysSo) {
+    hostInstalls(SIGPIPE, SIG_IGN);
+    SVSignalEvents leftAlone({SIGPIPE});
+    EXPECT_FALSE(leftAlone.activeQ());
+    SVSignalEvents events({SIGPIPE}, 16, Sorvane::SVIgnoredSignal::takeOver);
+    EXPECT_TRUE(events.activeQ());
+    raise(SIGPIPE);
+    siginfo information = {};
+    EXPECT_TRUE(events.next(information));
+}
+
+TEST_F(SignalEvents, TellWhetherSomebodyHasStoppedThemAndComeAgain) {
+    SVSignalEvents events({SIGUSR1, SIGUSR2});
+    EXPECT_TRUE(events.activeQ());
+    Manager manager(false);
+    manager.stopHandlingSignal(SIGUSR2);
+    EXPECT_FALSE(events.activeQ());
+    EXPECT_TRUE(events.renew());
+    EXPECT_TRUE(events.activeQ());
+    raise(SIGUSR2);
+    siginfo information = {};
+    EXPECT_TRUE(events.next(information));
+    const ChildEnd end = inChild([&] {
+        EXPECT_FALSE(events.activeQ());
+        EXPECT_FALSE(events.renew());
+    });
+    EXPECT_TRUE(end.wentOnQ()) << end;
 }
 
 TEST_F(SignalEvents, WithoutADescriptorFail) {

@@ -415,6 +415,103 @@ TEST_F(SubscriptionEnds, WithTheHostsHandlerThatLiesBehindAClearedSlot) {
 
 // --- Others --------------------------------------------------------------------------------------
 
+// --- Who comes after it
+// ---------------------------------------------------------------------------
+
+TEST_F(SubscriptionEnds, AndALaterStopLeavesTheSignalAlone) {
+    hostInstalls(theSignal, hostHandler);
+    { const Subscription subscription(theSignal, userHandler); }
+    { const Subscription subscription(SIGUSR2, userHandler); }
+    Manager manager(true);
+    manager.setHandlerFromFunction(SIGTERM, userHandler);
+    manager.startHandlingSignals();
+    EXPECT_FALSE(takenOverQ(theSignal));
+    manager.stopHandlingSignals();
+    manager.stopHandlingSignal(SIGUSR2);
+    EXPECT_EQ(systemHandler(theSignal), addressOf(hostHandler));
+    EXPECT_TRUE(defaultInSystemQ(SIGUSR2));
+    EXPECT_EQ(tableOf(theSignal), nullptr);
+}
+
+TEST_F(SubscriptionEnds, AfterAStartAndAStopAndALaterStopLeavesTheSignalAlone) {
+    hostInstalls(theSignal, hostHandler);
+    Manager manager(true);
+    auto subscription = std::make_unique<Subscription>(theSignal, userHandler);
+    manager.startHandlingSignals();
+    manager.stopHandlingSignals();
+    subscription.reset();
+    manager.startHandlingSignals();
+    manager.stopHandlingSignals();
+    EXPECT_EQ(systemHandler(theSignal), addressOf(hostHandler));
+}
+
+TEST_F(SubscriptionEnds, AndWhatAManagerHasKeptOfTheHostStaysOnRecord) {
+    hostInstalls(theSignal, hostHandler);
+    Manager manager(true);
+    manager.handleSignal(theSignal);
+    { const Subscription subscription(theSignal, userHandler); }
+    EXPECT_EQ(recordCount(theSignal), 1U);
+    manager.stopHandlingSignal(theSignal);
+    EXPECT_EQ(systemHandler(theSignal), addressOf(hostHandler));
+}
+
+TEST_F(SubscriptionEnds, AndWhatItHasKeptOfTheHostBesideAManagersTableGoes) {
+    hostInstalls(theSignal, hostHandler);
+    Manager manager(true);
+    manager.setHandlerFromFunction(theSignal, otherUserHandler);
+    manager.clearHandlerWithFunction(theSignal, otherUserHandler);
+    { const Subscription subscription(theSignal, userHandler); }
+    EXPECT_EQ(recordCount(theSignal), 0U);
+    EXPECT_NE(tableOf(theSignal), nullptr);
+    EXPECT_EQ(systemHandler(theSignal), addressOf(hostHandler));
+}
+
+TEST_F(SubscriptionEnds, AndLeavesNoClearedSlotInTheTableOfAManager) {
+    Manager manager(true);
+    for (int number = 0; number < 3; ++number) {
+        auto subscription = std::make_unique<Subscription>(theSignal, userHandler);
+        manager.setHandlerFromFunction(theSignal, otherUserHandler);
+        subscription.reset();
+        EXPECT_EQ(tableOf(theSignal)->used, 1U);
+        EXPECT_EQ(tableOf(theSignal)->fill, 1U);
+    }
+}
+
+TEST_F(SubscriptionEnds, AndTheNextOneForgetsTheHandlerThatTheHostHasReplaced) {
+    hostInstalls(theSignal, hostHandler);
+    const Subscription first(theSignal, userHandler);
+    hostInstalls(theSignal, otherHostHandler);
+    const Subscription second(theSignal, otherUserHandler);
+    raise(theSignal);
+    EXPECT_EQ(callsOf(hostHandler), 0U);
+    EXPECT_EQ(callsOf(otherHostHandler), 1U);
+    EXPECT_EQ(callsOf(userHandler), 1U);
+}
+
+struct sigaction chainedTo;
+
+void chains(int signalNumber, siginfo* information, void* context) {
+    noteCall(addressOf(chains), signalNumber, information, context);
+    chainedTo.sa_sigaction(signalNumber, information, context);
+}
+
+TEST_F(SubscriptionEnds, AndAHandlerThatChainsReachesTheOneThatItHasReplaced) {
+    hostInstalls(theSignal, hostHandler);
+    const Subscription first(theSignal, userHandler);
+    struct sigaction action = {};
+    action.sa_sigaction = chains;
+    action.sa_flags = SA_SIGINFO;
+    sigaction(theSignal, &action, &chainedTo);
+    const Subscription second(theSignal, otherUserHandler);
+    for (unsigned int arrival = 1; arrival <= 3; ++arrival) {
+        raise(theSignal);
+        EXPECT_EQ(callsOf(chains), arrival);
+        EXPECT_EQ(callsOf(hostHandler), arrival);
+        EXPECT_EQ(callsOf(userHandler), arrival);
+        EXPECT_EQ(callsOf(otherUserHandler), arrival);
+    }
+}
+
 TEST_F(SubscriptionEnds, NotForTheOthers) {
     hostInstallsWithMaskAndFlags(theSignal);
     const KernelActions before = kernelActions();

@@ -68,8 +68,10 @@ public:
         return (changes.load(std::memory_order_seq_cst) & 1U) == 0 || closedByThisThreadQ();
     }
 
-    /// How often it has been closed and opened. Signal context: any.
+    /// How often it has been closed and opened; and how often that came to its end: not the same
+    /// while it is closed. Signal context: any.
     static unsigned int changesSoFar() noexcept { return changes.load(std::memory_order_acquire); }
+    static unsigned int changesWhole() noexcept { return changesSoFar() & ~1U; }
 
     /// Sleeps until the gate is open, unless this thread has closed it.
     static void waitUntilOpen() noexcept;

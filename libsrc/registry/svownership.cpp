@@ -105,13 +105,14 @@ void SVOwnership::rememberHosts(int signalNumber, const struct sigaction& found)
     }
 }
 
-// A host that has the same function again has put back in between what it had found.
+// A host that has the same function again has put back in between what it had found. One that has
+// installed something when the library was not there has found something else.
 void SVOwnership::rememberDisplacement(int signalNumber,
                                        const struct sigaction& installed) noexcept {
     const struct sigaction& last = hostsAction(signalNumber);
-    if (librarysQ(signalNumber) && installed.sa_handler != last.sa_handler) {
+    if (signalExistsQ(signalNumber) && installed.sa_handler != last.sa_handler) {
         hostsBefore[signalNumber] = last;
-        displaced[signalNumber].store(true);
+        displaced[signalNumber].store(librarysQ(signalNumber));
     }
     rememberHosts(signalNumber, installed);
 }

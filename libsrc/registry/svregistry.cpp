@@ -255,6 +255,29 @@ void SVRegistry::removeAll(int signalNumber, bool (*test)(const SVSignalHandler&
     }
 }
 
+void SVRegistry::compact(int signalNumber) noexcept {
+    SVSignalHandlerTable*& place = m_place->get(signalKey(signalNumber))->value;
+    auto* const compacted = place->fill == place->used ? nullptr : new SVSignalHandlerTable;
+    if (compacted == nullptr) {
+        return;
+    }
+    for (auto position = place->begin(); position != place->end(); position++) {
+        const SVSignalHandler& record = position.GetValue();
+        if (compacted->tryInsert(record.getHandlerFunction(), record)) {
+            delete compacted;
+            return;
+        }
+    }
+    const std::unique_ptr<SVSignalHandlerTable> former(place);
+    letPointTo(place, compacted);
+}
+
+void SVRegistry::dropTable(int signalNumber) noexcept {
+    SVSignalHandlerTable*& place = m_place->get(signalKey(signalNumber))->value;
+    const std::unique_ptr<SVSignalHandlerTable> former(place);
+    letPointTo(place, nullptr);
+}
+
 // Only a rebuild empties a slot, and only a rebuild moves a key to another one.
 bool svsameSlotsQ(const SVSignalHandlerTable& one, const SVSignalHandlerTable& other) noexcept {
     bool same = one.mask == other.mask;

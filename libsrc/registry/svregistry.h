@@ -3,8 +3,7 @@
 // What is published is one outer table with an inner table for each signal. It changes in one of
 // three ways, and is whole at every instruction on each of them, with the change made or not:
 // - A record comes to a free slot of its table, or goes: that is done in place, and is one store.
-// The
-//   table's counts follow it; a child that is split off just between counts anew.
+//   The table's counts follow it; a child that is split off just between counts anew.
 // - A record is replaced, its table is rebuilt, or a signal gets a table: a copy stands in for the
 //   table that changes; that is changed where nobody can find it, and takes its place again. So
 //   whoever watches the tables undisturbed sees the objects that it knows change, rather than
@@ -65,6 +64,13 @@ public:
     /// Takes all records for which a test holds out of such a table. They are looked for slot by
     /// slot, because one that lies behind a cleared slot is not found by its function.
     void removeAll(int signalNumber, bool (*test)(const SVSignalHandler&)) noexcept;
+
+    /// Leaves no cleared slot in such a table, so that every record in it is found by its function.
+    /// Without memory the table stays as it is.
+    void compact(int signalNumber) noexcept;
+
+    /// Forgets such a table. The signal has none then.
+    void dropTable(int signalNumber) noexcept;
 
     /// Counts the slots of a table that a thread was changing which is not in this process.
     static void countAnew() noexcept;

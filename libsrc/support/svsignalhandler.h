@@ -78,6 +78,10 @@ public:
         return informationFormQ() ? reinterpret_cast<void*>(m_osRecord.sa_sigaction)
                                   : reinterpret_cast<void*>(m_osRecord.sa_handler);
     }
+    /// Whether the record asks for the default action after a call (SA_RESETHAND).
+    bool resetsItselfQ() const noexcept {
+        return (static_cast<unsigned int>(m_osRecord.sa_flags) & SA_RESETHAND) != 0;
+    }
     /// The flags, as they were given.
     bool preExistsQ() const noexcept { return m_preExists; }
     bool externalQ() const noexcept { return m_external; }

@@ -26,8 +26,13 @@ namespace Sorvane {
     constexpr std::intptr_t fromContext = 304;
     return distance == -fromContext;
 #elif defined(__i386__)
+    constexpr std::uintptr_t near = 1U << 16U;
     const auto* const pointers = static_cast<const void* const*>(information) - 2;
-    return distance == sizeof(siginfo) && pointers[0] == information && pointers[1] == context;
+    const bool onStack = reinterpret_cast<std::uintptr_t>(pointers) -
+                             reinterpret_cast<std::uintptr_t>(__builtin_frame_address(0)) <
+                         near;
+    return onStack && distance == sizeof(siginfo) && pointers[0] == information &&
+           pointers[1] == context;
 #else
     constexpr std::intptr_t frame = 1024;
     return distance < frame && distance > -frame;
@@ -62,23 +67,31 @@ namespace {
 enum class Receiver {
     library,    // it has the signal again, or was called by hand
     host,       // to whom the arrival is sent on
+    plainHost,  // the same, without what has come with it: whoever has put the library back by its
+                // function alone has not asked for that, and there may be anything
     displaced,  // by whoever calls the library by hand: what the host had before
     nobody,
 };
 
-// Parameters: action, set to that by which the host may have to be called. Signal context: inside
-// the gate.
-Receiver receiverOf(int signalNumber, bool delivered, struct sigaction& action) noexcept {
-    const bool hosts = SVOwnership::handedBackQ(SVOwnership::count(signalNumber));
-    const bool late = delivered && hosts;  // GCOVR_EXCL_BR_LINE: taken over just before
+// Parameters: informed, whether anything has come with the arrival; action, set to that by which
+// the host may have to be called. Signal context: inside the gate.
+[[gnu::noinline]] Receiver receiverOf(int signalNumber, bool informed, bool heldBack,
+                                      struct sigaction& action) noexcept {
     action = SVOwnership::actionOfHost(signalNumber);
     struct sigaction current = action;
     static_cast<void>(SVSystemActions::ask(signalNumber, current));
     const bool installed = svownActionQ(current);
+    const bool notHeldBack = installed && (current.sa_flags & SA_NODEFER) != 0;
+    const bool delivered = informed && (notHeldBack || heldBack);
+    const bool hosts = SVOwnership::handedBackQ(SVOwnership::count(signalNumber));
+    const bool late = delivered && hosts;  // GCOVR_EXCL_BR_LINE: taken over just before
     const bool first = SVOwnership::sendsOnFirstQ(signalNumber);
+    const SVSignalHandlerTable* const table = svregistry.tableOf(signalNumber);
+    const bool leftForGood =
+        SVOwnership::leftForGoodQ(signalNumber) && (table == nullptr || table->used == 0);
     const bool byHand = !SVOwnership::Unsettled::anyQ(signalNumber);
-    const bool putBackByHost = installed && byHand && SVOwnership::leftForGoodQ(signalNumber) &&
-                               SVOwnership::displacedByHostQ(signalNumber);
+    const bool putBackByHost =
+        installed && byHand && leftForGood && SVOwnership::displacedByHostQ(signalNumber);
     if (putBackByHost) {
         action = SVSystemActions::meantBy(signalNumber, current);
     }
@@ -87,9 +100,10 @@ Receiver receiverOf(int signalNumber, bool delivered, struct sigaction& action) 
             SVOwnership::allowSendingOn(signalNumber);
             putBack(signalNumber, action, current);
         }
-        return Receiver::host;
+        return installed && (current.sa_flags & SA_SIGINFO) == 0 ? Receiver::plainHost
+                                                                 : Receiver::host;
     }
-    if (!installed && SVOwnership::leftForGoodQ(signalNumber)) {
+    if (!installed && leftForGood) {
         action = SVOwnership::stoodFor(signalNumber);
         return action.sa_handler == current.sa_handler ? Receiver::nobody : Receiver::displaced;
     }
@@ -116,13 +130,18 @@ struct Displaced {
 constinit thread_local Displaced innermost
     __attribute__((tls_model("initial-exec"))) = {nullptr, nullptr, 0};
 
+[[gnu::noinline]] void callHosts(int signalNumber, struct sigaction& action, siginfo* information,
+                                 void* context) {
+    SVSignalHandler(signalNumber, action, true, true, true)(information, context);
+}
+
 void callDisplaced(int signalNumber, struct sigaction& action, siginfo* information,
                    void* context) {
     const Displaced call = {__builtin_frame_address(0), information, signalNumber};
     if (!innermost.calledBackQ(call, context)) {
         const Displaced outer = innermost;
         innermost = call;
-        SVSignalHandler(signalNumber, action, true, true, true)(information, context);
+        callHosts(signalNumber, action, information, context);
         innermost = outer;
     }
 }
@@ -134,20 +153,21 @@ bool svsendAgain(int signalNumber, siginfo& information) noexcept {
                    &information) == 0;
 }
 
+// Where the system's queue is full the host's handler is called from here.
 bool svsendOn(int signalNumber, siginfo* information, void* context) {
-    const bool delivered = information != nullptr && svbeingHandledQ(signalNumber);
     struct sigaction action;
     Receiver receiver = Receiver::library;
+    const bool heldBack = svbeingHandledQ(signalNumber);
     {
         const SVGate gate;
-        receiver = receiverOf(signalNumber, delivered, action);
+        receiver = receiverOf(signalNumber, information != nullptr, heldBack, action);
     }
-    // Where the system's queue is full the host's handler is called from here.
-    if (receiver == Receiver::host && !svfaultQ(signalNumber, *information) &&
-        !svsendAgain(signalNumber, *information)) {
-        SVSignalHandler(signalNumber, action, true, true, true)(information, context);
-    }
-    if (receiver == Receiver::displaced) {
+    if (receiver == Receiver::plainHost) {
+        syscall(SYS_tgkill, getpid(), syscall(SYS_gettid), signalNumber);
+    } else if (receiver == Receiver::host && !svfaultQ(signalNumber, *information) &&
+               !svsendAgain(signalNumber, *information)) {
+        callHosts(signalNumber, action, information, context);
+    } else if (receiver == Receiver::displaced) {
         callDisplaced(signalNumber, action, information, context);
     }
     return receiver != Receiver::library;
@@ -160,9 +180,11 @@ SVArrival::SVArrival(int signalNumber) noexcept
                 SVLeftAction::putBackQ(signalNumber)) {}
 
 // First installs, then looks: whoever hands the signal back after the look displaces the library.
-void SVArrival::stayInstalled(siginfo* information, void* context) const {
+void SVArrival::stayInstalled(siginfo* information, void* context, bool resetsItself) const {
     struct sigaction displaced;
+    unsigned int changes = 0;
     do {
+        changes = SVOwnAction::changes(m_signalNumber);
         const SVOwnership::Unsettled unsettled(m_signalNumber);
         const SVOwnership::Count before = SVOwnership::count(m_signalNumber);
         SVSystemActions::installOwn(m_signalNumber, displaced).throwIfAny();
@@ -171,17 +193,38 @@ void SVArrival::stayInstalled(siginfo* information, void* context) const {
             return;
         }
     } while (svownActionQ(displaced)
-                 ? putBackByHandlerQ(displaced) && leaveWhatItStoodFor(information, context)
+                 ? (resetsItself && leaveTheDefault(information, context)) ||
+                       (SVOwnership::displacedByHostQ(m_signalNumber) &&
+                        putBackByHandlerQ(displaced, changes) &&
+                        leaveWhatItStoodFor(information, context))
                  : SVLeftAction::leave(m_signalNumber, displaced, false, information, context));
 }
 
-bool SVArrival::putBackByHandlerQ(const struct sigaction& displaced) const noexcept {
-    return SVOwnership::displacedByHostQ(m_signalNumber) && !m_putBack &&
-           !svsameActionQ(displaced, SVOwnAction::of(m_signalNumber));
+// Functions of their own, from here on, so that they take no stack from where there is nothing to
+// do. What was put back before the dispatch began is told to whoever ends the library's time.
+// Parameters: changes, how often the own action had changed before it was installed.
+[[gnu::noinline]] bool SVArrival::putBackByHandlerQ(const struct sigaction& displaced,
+                                                    unsigned int changes) const noexcept {
+    if (svsameActionQ(displaced, SVOwnAction::of(m_signalNumber)) ||
+        changes != SVOwnAction::changes(m_signalNumber)) {
+        return false;
+    }
+    if (m_putBack) {
+        const SVGate gate;
+        if (SVOwnership::librarysQ(m_signalNumber)) {
+            SVOwnership::rememberHosts(m_signalNumber,
+                                       SVSystemActions::meantBy(m_signalNumber, displaced));
+        }
+    }
+    return !m_putBack;
 }
 
-// This and the next one are functions of their own, so that they take no stack from where there is
-// nothing to do.
+[[gnu::noinline]] bool SVArrival::leaveTheDefault(siginfo* information, void* context) const {
+    const bool fault = information != nullptr && svfaultQ(m_signalNumber, *information);
+    return (fault || svfatalQ(m_signalNumber)) &&
+           SVLeftAction::leave(m_signalNumber, {}, false, information, context);
+}
+
 [[gnu::noinline]] bool SVArrival::leaveWhatItStoodFor(siginfo* information, void* context) const {
     return SVLeftAction::leave(m_signalNumber, SVLeftAction::meantByHand(m_signalNumber), true,
                                information, context);

@@ -26,11 +26,14 @@ public:
     /// the system has, unless the signal was handed back meanwhile by another thread. What the
     /// handler has left there gets the signals that are still to come (see svleftaction.h).
     /// Errors: SVException: that of installHandlerInSystem(), and those of the tables' insert().
-    void stayInstalled(siginfo* information, void* context) const;
+    /// Parameters: resetsItself, whether a handler was called that has asked for the default action
+    /// after its call; it counts as one that has left that, where the signal is the process's end.
+    void stayInstalled(siginfo* information, void* context, bool resetsItself) const;
 
 private:
-    bool putBackByHandlerQ(const struct sigaction& displaced) const noexcept;
+    bool putBackByHandlerQ(const struct sigaction& displaced, unsigned int changes) const noexcept;
     bool leaveWhatItStoodFor(siginfo* information, void* context) const;
+    bool leaveTheDefault(siginfo* information, void* context) const;
     void settle(const struct sigaction& displaced, SVOwnership::Count before) const;
     SVFailure settleInside(const struct sigaction& displaced, SVOwnership::Count before) const;
 

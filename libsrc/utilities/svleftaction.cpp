@@ -1,16 +1,19 @@
 #include "svleftaction.h"
 
+#include <linux/futex.h>
 #include <sys/syscall.h>
 #include <ucontext.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
+#include <climits>
 #include <csignal>
 #include <cstdint>
 #include <iterator>
 
 #include "../registry/svownership.h"
+#include "../support/svhandlercontext.h"
 #include "svarrival.h"
 #include "svownaction.h"
 #include "svsharedstate.h"
@@ -53,8 +56,10 @@ std::uintptr_t interruptedInstruction(const void* context) noexcept {
 #endif
 }
 
-// The fault of this thread whose handler has left an action last, and which it was.
+// The fault of this thread whose handler has left an action last, and which it was; or, if that
+// does not matter, any arrival.
 struct LeftToFault {
+    bool anyArrival;
     int flags;
     SVOwnership::Count count;
     std::uintptr_t instruction;
@@ -63,12 +68,17 @@ struct LeftToFault {
 
     bool sameQ(int itsSignal, const siginfo* information, const void* context) const noexcept {
         return SVLeftAction::anyQ(itsSignal) && count == SVOwnership::count(itsSignal) &&
-               information != nullptr && svfaultQ(itsSignal, *information) &&
+               (anyArrival || sameFaultQ(itsSignal, information, context));
+    }
+
+private:
+    bool sameFaultQ(int itsSignal, const siginfo* information, const void* context) const noexcept {
+        return information != nullptr && svfaultQ(itsSignal, *information) &&
                address == information->si_addr && instruction == interruptedInstruction(context);
     }
 };
 constinit thread_local LeftToFault leftToFault
-    __attribute__((tls_model("initial-exec"))) = {0, 0, 0, nullptr, nullptr};
+    __attribute__((tls_model("initial-exec"))) = {false, 0, 0, 0, nullptr, nullptr};
 
 void forget(int signalNumber) noexcept {
     if (SVLeftAction::anyQ(signalNumber)) {
@@ -82,11 +92,33 @@ bool letInQ(int signalNumber, const siginfo* information, const void* context) n
            sigismember(&static_cast<const ucontext_t*>(context)->uc_sigmask, signalNumber) == 0;
 }
 
-constinit std::atomic<bool> lastWordsSaid[highestSignal + 1];
+// For one signal. Another thread for which the process is about to end waits until they are said.
+struct LastWords {
+    static constexpr unsigned int beingSaid = 1;
+    static constexpr unsigned int said = 2;
+
+    std::atomic<unsigned int> state{0};
+    std::atomic<const void*> speaker{nullptr};
+};
+constinit LastWords lastWords[highestSignal + 1];
 
 void sayLastWords(int signalNumber, siginfo* information, void* context) {
-    if (svfatalQ(signalNumber) && !lastWordsSaid[signalNumber].exchange(true)) {
+    if (!svfatalQ(signalNumber)) {
+        return;
+    }
+    LastWords& words = lastWords[signalNumber];
+    const void* const self = SVHandlerContext::thisThread();
+    unsigned int state = 0;
+    if (words.state.compare_exchange_strong(state, LastWords::beingSaid)) {
+        words.speaker.store(self);
         SVSubscriptionEntries::callAll(signalNumber, information, context);
+        words.state.store(LastWords::said);
+        syscall(SYS_futex, &words.state, FUTEX_WAKE_PRIVATE, INT_MAX, nullptr, nullptr, 0);
+        return;
+    }
+    while (words.state.load() == LastWords::beingSaid && words.speaker.load() != self) {
+        syscall(SYS_futex, &words.state, FUTEX_WAIT_PRIVATE, LastWords::beingSaid, nullptr, nullptr,
+                0);
     }
 }
 
@@ -114,11 +146,17 @@ bool svfaultQ(int signalNumber, const siginfo& information) noexcept {
 bool SVLeftAction::leave(int signalNumber, const struct sigaction& action, bool putBack,
                          siginfo* information, void* context) {
     forget(signalNumber);
-    if (!putBack && onRecordQ(signalNumber, action)) {
+    if (!putBack && !svnobodysActionQ(action) && onRecordQ(signalNumber, action)) {
         return false;
     }
     const Signals signals = Signals{1} << static_cast<unsigned int>(signalNumber - 1);
     if (pendingQ(signals) && letInQ(signalNumber, information, context)) {
+        if (svfatalQ(signalNumber) && !svnobodysActionQ(action)) {
+            leftToFault = {true, action.sa_flags, SVOwnership::count(signalNumber),
+                           0,    nullptr,         action.sa_sigaction};
+            signalOfFault = signalNumber;
+            return false;
+        }
         if (action.sa_handler == SIG_DFL) {
             sayLastWords(signalNumber, information, context);
         }
@@ -130,8 +168,12 @@ bool SVLeftAction::leave(int signalNumber, const struct sigaction& action, bool 
         return installed;
     }
     if (information != nullptr && svfaultQ(signalNumber, *information)) {
-        leftToFault = {action.sa_flags, SVOwnership::count(signalNumber),
-                       interruptedInstruction(context), information->si_addr, action.sa_sigaction};
+        leftToFault = {false,
+                       action.sa_flags,
+                       SVOwnership::count(signalNumber),
+                       interruptedInstruction(context),
+                       information->si_addr,
+                       action.sa_sigaction};
         signalOfFault = signalNumber;
     }
     return false;
@@ -154,6 +196,9 @@ SVLeftAction::Taker SVLeftAction::take(int signalNumber, siginfo* information, v
     if (leftToFault.sameQ(signalNumber, information, context)) {
         left.sa_sigaction = leftToFault.handler;
         left.sa_flags = leftToFault.flags;
+        if (leftToFault.anyArrival) {
+            forget(signalNumber);
+        }
     } else if (forget(signalNumber); putBack) {
         left = meantByHand(signalNumber);
     } else {
@@ -162,7 +207,10 @@ SVLeftAction::Taker SVLeftAction::take(int signalNumber, siginfo* information, v
     if (!svnobodysActionQ(left)) {
         return Taker::leftHandler;
     }
-    sayLastWords(signalNumber, information, context);
+    if (left.sa_handler == SIG_DFL ||
+        (information != nullptr && svfaultQ(signalNumber, *information))) {
+        sayLastWords(signalNumber, information, context);
+    }
     struct sigaction previous;
     if (SVSystemActions::install(signalNumber, left, previous)) {
         return Taker::everybody;

@@ -16,9 +16,9 @@
 //
 // A handler that puts back what it has displaced may put the library back: it has found that there,
 // and the signal has been taken over again since. What it leaves then is what the library stood for
-// when it was found; the two differ in their mask or flags (see svownaction.h). Where the signal is
-// not held back in its own handler, it comes again before the dispatch has come to its end, and
-// what is installed is looked at when it comes.
+// when it was found; the two differ in their mask or flags (see svownaction.h).
+// Where the signal is not held back in its own handler, it comes again before the dispatch has come
+// to its end, and what is installed is looked at when it comes.
 //
 // A host's handler for SIGSEGV, SIGBUS or SIGHUP is called alone. When it leaves the default action
 // to what is to come, the process is about to end, and nobody else has heard of it. So those who

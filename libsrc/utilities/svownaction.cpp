@@ -42,10 +42,8 @@ Manner mannerOf(int signalNumber, const struct sigaction& action) noexcept {
 }
 
 Manner both(const Manner& one, const Manner& other) noexcept {
-    return Manner{
-        one.heldBack | other.heldBack,
-        (one.flags & other.flags & flagIfAllHave) | ((one.flags | other.flags) & flagsIfAnyHas),
-        one.marked != other.marked};
+    return Manner{one.heldBack | other.heldBack, (one.flags & other.flags & flagIfAllHave) |
+                                                     ((one.flags | other.flags) & flagsIfAnyHas)};
 }
 
 struct sigaction ownActionWith(const Manner& manner) noexcept {
@@ -112,8 +110,17 @@ void SVOwnAction::follow(int signalNumber, const struct sigaction& hosts,
     const Manner before = ownManner(signalNumber);
     const Manner others =
         SVOwnership::librarysQ(signalNumber) ? before : mannerOnRecord(table, hosts);
-    Manner now = both(mannerOf(signalNumber, hosts), others);
-    if (SVOwnership::librarysQ(signalNumber) && now == before) {
+    struct sigaction action = hosts;
+    const bool ignoredByLibrary =
+        SVOwnership::hostsActionIf(signalNumber, hosts).sa_handler != hosts.sa_handler;
+    if (ignoredByLibrary) {
+        action.sa_handler = SIG_DFL;
+    }
+    Manner now = both(mannerOf(signalNumber, action), others);
+    now.marked = before.marked;
+    const bool librarysFound =
+        SVOwnership::librarysQ(signalNumber) || SVOwnership::displacedByHostQ(signalNumber);
+    if (librarysFound && now == before) {
         now.marked = !before.marked;
     }
     if (now != before) {

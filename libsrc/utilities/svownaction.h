@@ -45,6 +45,11 @@ inline Place& placeOf(int signalNumber) noexcept {
     return places[signalExistsQ(signalNumber) ? signalNumber : 0];
 }
 
+/// How often the action of a signal has changed.
+inline unsigned int changes(int signalNumber) noexcept {
+    return placeOf(signalNumber).changes.load();
+}
+
 struct sigaction of(int signalNumber) noexcept;
 
 /// Makes the action of a signal that nobody had.

@@ -4,18 +4,47 @@
 #define SORVANE_SVSHAREDSTATE_H
 
 #include <atomic>
+#include <cstdint>
 #include <optional>
 
 #include "../registry/svgate.h"
 #include "../registry/svpin.h"
 #include "../registry/svregistry.h"
 #include "../support/svatomicref.h"
+#include "../support/svsignalnumber.h"
 #include "svsignalhandlermanager.h"
 
 namespace Sorvane {
 
 /// Changes the published tables. Signal context: inside the gate.
 extern constinit SVRegistry svregistry;
+
+/// A set of signals. Signal context: inside the gate.
+class SVSignalSet {
+public:
+    bool hasQ(int signalNumber) const noexcept {
+        return signalExistsQ(signalNumber) && (m_signals & bitOf(signalNumber)) != 0;
+    }
+    void add(int signalNumber) noexcept { m_signals |= bitOf(signalNumber); }
+    void remove(int signalNumber) noexcept {
+        if (signalExistsQ(signalNumber)) {
+            m_signals &= ~bitOf(signalNumber);
+        }
+    }
+
+private:
+    static std::uint64_t bitOf(int signalNumber) noexcept {
+        return std::uint64_t{1} << static_cast<unsigned int>(signalNumber - 1);
+    }
+
+    std::uint64_t m_signals = 0;
+};
+
+/// Those whose table was made by a subscription, where nobody but subscriptions has asked for the
+/// signal since; and those whose host's handler is on record since a subscription took the signal
+/// over, where nobody else has done so since.
+extern constinit SVSignalSet svonlyForGuests;
+extern constinit SVSignalSet svkeptByGuests;
 
 /// How many forks this process comes from, as far as the library was in the parent and prepared for
 /// them: whoever keeps the number of its beginning finds out that it is a child's copy.

@@ -3,6 +3,7 @@
 #include <sys/eventfd.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdint>
 
@@ -42,24 +43,39 @@ public:
         }
     }
 
-    void add(int signalNumber, SVSignalEvents* events) {
-        auto* const added = new SVSignalSubscription(signalNumber, arrive, events);
+    void add(int signalNumber, SVSignalEvents* events, SVIgnoredSignal ignored) {
+        if (m_signals.hasQ(signalNumber)) {
+            return;
+        }
+        auto* const added = new SVSignalSubscription(signalNumber, arrive, events, ignored);
         if (added == nullptr) {
             throwForMemory();
         }
         m_all[m_count++] = added;
+        m_signals.add(signalNumber);
+    }
+
+    bool activeQ() const noexcept {
+        return std::all_of(m_all, m_all + m_count,
+                           [](const SVSignalSubscription* one) { return one->activeQ(); });
+    }
+
+    void renew() {
+        std::for_each(m_all, m_all + m_count, [](SVSignalSubscription* one) { one->renew(); });
     }
 
 private:
-    // No signal can be subscribed to twice with the same function for the same user.
+    SVSignalSet m_signals;
     SVSignalSubscription* m_all[highestSignal] = {};
     unsigned int m_count = 0;
 };
 
-SVSignalEvents::SVSignalEvents(std::initializer_list<int> signalNumbers, unsigned int capacity)
-    : SVSignalEvents(signalNumbers.begin(), signalNumbers.end(), capacity) {}
+SVSignalEvents::SVSignalEvents(std::initializer_list<int> signalNumbers, unsigned int capacity,
+                               SVIgnoredSignal ignored)
+    : SVSignalEvents(signalNumbers.begin(), signalNumbers.end(), capacity, ignored) {}
 
-SVSignalEvents::SVSignalEvents(const int* first, const int* last, unsigned int capacity)
+SVSignalEvents::SVSignalEvents(const int* first, const int* last, unsigned int capacity,
+                               SVIgnoredSignal ignored)
     : m_forks(svforks.load()) {
     try {
         m_descriptor = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
@@ -74,7 +90,7 @@ SVSignalEvents::SVSignalEvents(const int* first, const int* last, unsigned int c
             throwForMemory();
         }
         for (; first != last; ++first) {
-            m_subscriptions->add(*first, this);
+            m_subscriptions->add(*first, this, ignored);
         }
     } catch (...) {
         release();
@@ -93,6 +109,17 @@ void SVSignalEvents::release() noexcept {
     if (m_descriptor >= 0) {
         close(m_descriptor);
     }
+}
+
+bool SVSignalEvents::activeQ() const noexcept {
+    return !inForkedChildQ() && m_subscriptions->activeQ();
+}
+
+bool SVSignalEvents::renew() {
+    if (!inForkedChildQ()) {
+        m_subscriptions->renew();
+    }
+    return activeQ();
 }
 
 // What a child would write to or read from the descriptor would be the parent's.

@@ -25,22 +25,28 @@ class SVSignalQueue;
 /// descriptor is still the parent's, so take it out of the child's loop and destroy it. A child
 /// that wants events makes its own.
 ///
-/// Threads: any at once, for next(), lost() and getFileDescriptor().
-/// Signal context: normal context only, but for lost(): any.
+/// Threads: any at once, for next(), lost() and getFileDescriptor(); one at a time for the others.
+/// What is taken while another thread is just taking is as late as that; a handler of the host's
+/// that interrupts this one's and leaves by siglongjmp may leave a place that is not used again,
+/// and everything behind it. Signal context: normal context only, but for lost() and activeQ():
+/// any.
 class SORVANE_API SVSignalEvents : public SVObject {
 public:
     /// How many signals find a place if the user says nothing.
     static constexpr unsigned int defaultCapacity = 1024;
 
     /// Begins to take these signals in.
-    /// Parameters: capacity, how many find a place that have not been taken yet; at least so many.
+    /// Parameters: signalNumbers, each counts once; capacity, how many find a place that have not
+    /// been taken yet, at least so many; ignored, what becomes of those that the host ignores.
     /// Errors: those of SVSignalSubscription's constructor, with nothing subscribed to then;
     /// SVException "Unable to allocate space for signal events.", allocation failed, 0;
     /// "Unable to make a file descriptor for signal events.", operating system call failed, errno.
     explicit SVSignalEvents(std::initializer_list<int> signalNumbers,
-                            unsigned int capacity = defaultCapacity);
+                            unsigned int capacity = defaultCapacity,
+                            SVIgnoredSignal ignored = SVIgnoredSignal::leaveAlone);
     /// The same for signal numbers from first up to, but not including, last.
-    SVSignalEvents(const int* first, const int* last, unsigned int capacity = defaultCapacity);
+    SVSignalEvents(const int* first, const int* last, unsigned int capacity = defaultCapacity,
+                   SVIgnoredSignal ignored = SVIgnoredSignal::leaveAlone);
     SVSignalEvents(const SVSignalEvents&) = delete;
     SVSignalEvents& operator=(const SVSignalEvents&) = delete;
 
@@ -54,6 +60,11 @@ public:
     /// Takes the signal that has arrived first. Result: false if there is none; then the descriptor
     /// is not readable until the next one arrives.
     bool next(siginfo& information) noexcept;
+
+    /// Whether all of its signals come; whether they do after those that don't have been begun once
+    /// more. Both as for SVSignalSubscription, with renew()'s errors.
+    bool activeQ() const noexcept;
+    bool renew();
 
     /// How many have found no place since the beginning.
     unsigned long lost() const noexcept { return m_lost.load(); }

@@ -19,6 +19,8 @@ SVMutexHandle* SVSignalHandlerManager::handlerTableLock = nullptr;
 constinit SVSignalHandlerDispositionSet SVSignalHandlerManager::signalDispositionSet;
 
 constinit SVRegistry svregistry(SVSignalHandlerManager::handlerTables);
+constinit SVSignalSet svonlyForGuests;
+constinit SVSignalSet svkeptByGuests;
 
 static_assert(SVAtomicRef<bool>::is_always_lock_free);
 

@@ -31,8 +31,9 @@ bool hostsOwnQ(const SVSignalHandler& record) noexcept {
 // taken over once more. Then the walk goes on from there; so each record is called once.
 class Dispatch {
 public:
-    explicit Dispatch(int signalNumber) noexcept
-        : m_timesLeft(SVOwnership::timesLeft(signalNumber)),
+    explicit Dispatch(int signalNumber, bool foundPutBack = false) noexcept
+        : m_foundPutBack(foundPutBack),
+          m_timesLeft(SVOwnership::timesLeft(signalNumber)),
           m_signalNumber(signalNumber),
           m_table(m_pin.tableOf(signalNumber)) {}
     Dispatch(const Dispatch&) = delete;
@@ -50,6 +51,9 @@ public:
         return m_calls != 0 && m_calls == SVSubscriptionEntries::missed - m_missedBefore;
     }
 
+    /// Whether the host's handler was called, and has asked for the default action after that.
+    bool resetsItselfQ() const noexcept { return m_resetsItself; }
+
     /// Whether nothing has been published since it began.
     bool upToDateQ() const noexcept { return !m_followed && m_pin.publishedQ(); }
 
@@ -58,14 +62,17 @@ public:
     void callLeft(const struct sigaction& left, void* information, void* context) {
         struct sigaction action = left;
         SVSignalHandler handler(m_signalNumber, action, false, false, true);
-        const Calling calling(*this, information, context, false);
+        const Calling calling(*this, information, context,
+                              svfatalQ(m_signalNumber) && hasHostsOwnQ());
         handler(information, context);
     }
 
-    /// Whether this thread is calling handlers for a signal, further up its stack than a frame.
+    /// Whether this thread is calling handlers for a signal, further up its stack than a frame, and
+    /// the library had not been put back before.
     static bool callingQ(int signalNumber, const void* frame) noexcept {
         const Innermost* const calling = innermostAbove(frame);
-        return calling != nullptr && calling->signalNumber == signalNumber;
+        return calling != nullptr && calling->signalNumber == signalNumber &&
+               !calling->foundPutBack;
     }
 
     /// Calls the rest of the dispatch by one of whose handlers the library is being called by hand.
@@ -73,11 +80,13 @@ public:
     static bool goOnIfCalledBack(int signalNumber, void* information, void* context,
                                  const void* frame) {
         Innermost* const calling = innermostAbove(frame);
-        const bool calledBack =
-            calling != nullptr && calling->sameQ(signalNumber, information, context) &&
-            calling->dispatch->m_self == calling->dispatch && svbeingHandledQ(signalNumber);
+        const bool calledBack = calling != nullptr &&
+                                calling->sameQ(signalNumber, information, context) &&
+                                calling->dispatch->m_self == calling->dispatch &&
+                                (svkernelsQ(information, context) || svbeingHandledQ(signalNumber));
         if (calledBack) {
             calling->dispatch->callRest();
+            calling->dispatch->callFormer();
         }
         return calledBack;
     }
@@ -85,13 +94,16 @@ public:
 private:
     using Slot = SVSignalHandlerTable::Entry;
 
-    // A dispatch of this thread that is calling handlers, and what it was called for. Another
+    // A dispatch of this thread that is calling handlers, what it was called for, whether it has
+    // found the library put back by hand, and in how many it stands, itself included. Another
     // delivery has a frame of its own; without the kernel's frame nobody can tell, and it is taken
     // for the same.
     struct Innermost {
         Dispatch* dispatch;
         const void* information;
         int signalNumber;
+        bool foundPutBack;
+        unsigned int depth;
 
         bool sameQ(int itsSignal, const void* itsInformation,
                    const void* itsContext) const noexcept {
@@ -100,9 +112,9 @@ private:
         }
     };
 
-    // Those of this thread, the innermost one last; those that are nested deeper are not told from
-    // new ones. A handler that leaves by siglongjmp leaves its dispatch here: what is further down
-    // the stack than whoever looks is gone, and is not looked at.
+    // Those of this thread, the innermost one last; of more than there is room for, the innermost
+    // ones. A handler that leaves by siglongjmp leaves its dispatch here: what is further down the
+    // stack than whoever looks is gone, and is not looked at.
     struct Nested {
         static constexpr unsigned int most = 8;
 
@@ -113,9 +125,9 @@ private:
 
     static Innermost* innermostAbove(const void* frame) noexcept {
         while (nested.count > 0) {
-            Innermost& last = nested.all[nested.count - 1];
-            if (reinterpret_cast<std::uintptr_t>(last.dispatch) >
-                reinterpret_cast<std::uintptr_t>(frame)) {
+            Innermost& last = nested.all[(nested.count - 1) % Nested::most];
+            if (last.depth == nested.count && reinterpret_cast<std::uintptr_t>(last.dispatch) >
+                                                  reinterpret_cast<std::uintptr_t>(frame)) {
                 return &last;
             }
             --nested.count;
@@ -137,10 +149,9 @@ private:
                 dispatch.m_end = endOf(*dispatch.m_table);
                 dispatch.m_notSeen = dispatch.m_table->used;
             }
-            if (m_outer < Nested::most) {
-                nested.all[m_outer] = {&dispatch, information, dispatch.m_signalNumber};
-                nested.count = m_outer + 1;
-            }
+            nested.count = m_outer + 1;
+            nested.all[m_outer % Nested::most] = {&dispatch, information, dispatch.m_signalNumber,
+                                                  dispatch.m_foundPutBack, nested.count};
         }
         Calling(const Calling&) = delete;
         Calling& operator=(const Calling&) = delete;
@@ -155,6 +166,10 @@ private:
         callRest();
     }
 
+    static bool resetsItselfQ(const SVSignalHandler& record) noexcept {
+        return record.preExistsQ() && record.resetsItselfQ();
+    }
+
     static const Slot* endOf(const SVSignalHandlerTable& table) noexcept {
         return table.table + table.mask + 1;
     }
@@ -163,24 +178,49 @@ private:
     // under the call, which has read it by then. What lies behind the last record is looked at only
     // if somebody has made a change since the walk began.
     [[gnu::noinline]] void callRest() {
-        while (m_next != m_end && (m_notSeen != 0 || SVGate::changesSoFar() != m_changes)) {
-            const Slot& current = *m_next++;
+        const Slot* slot = m_next;
+        unsigned int notSeen = m_notSeen;
+        while (slot != m_end && (notSeen != 0 || SVGate::changesSoFar() != m_changes)) {
+            const Slot& current = *slot++;
             if (current.state != svslotOccupied) {
                 continue;
             }
-            --m_notSeen;
+            --notSeen;
             const SVSignalHandler& record = current.value;
             if (!(m_onlyHostsOwn ? hostsOwnQ(record) : record.validQ()) ||
                 (m_leftBehind && clearedQ(current.key, record.preExistsQ()))) {
                 continue;
             }
             ++m_calls;
+            m_resetsItself = m_resetsItself || resetsItselfQ(record);
+            // For whoever goes on from there.
+            m_next = slot;
+            m_notSeen = notSeen;
             record.call(m_information, m_context);
             if (!m_pin.publishedQ()) {
                 m_leftBehind = !follow();
             }
+            slot = m_next;
+            notSeen = m_notSeen;
         }
         m_next = m_end;
+    }
+
+    // Whoever has displaced the library, and calls it, means what it stood for then; that may have
+    // no record any more.
+    [[gnu::noinline]] void callFormer() {
+        if (!SVOwnership::displacedByHostQ(m_signalNumber) || m_formerCalled) {
+            return;
+        }
+        m_formerCalled = true;
+        struct sigaction former = SVLeftAction::meantByHand(m_signalNumber);
+        SVSignalHandler handler(m_signalNumber, former, false, false, true);
+        const auto sameQ = [&handler](const SVSignalHandler& record) {
+            return record.getHandlerFunction() == handler.getHandlerFunction();
+        };
+        if (!svnobodysActionQ(former) && svfirstRecord(m_table, sameQ) == nullptr) {
+            handler(m_information, m_context);
+        }
     }
 
     // Goes on with what is published now, if the records there stand in the same slots. This and
@@ -214,6 +254,7 @@ private:
     bool endedQ() const noexcept { return svregistry.timesEnded() != m_timesEnded; }
     bool leftQ() const noexcept { return SVOwnership::timesLeft(m_signalNumber) != m_timesLeft; }
 
+    const bool m_foundPutBack;
     const unsigned int m_timesEnded = svregistry.timesEnded();
     const unsigned int m_timesLeft;
     const unsigned int m_missedBefore = SVSubscriptionEntries::missed;
@@ -227,16 +268,18 @@ private:
     bool m_onlyHostsOwn = false;
     bool m_leftBehind = false;  ///< by what is published, in which the records stand elsewhere
     bool m_followed = false;    ///< what is published
+    bool m_formerCalled = false;
+    bool m_resetsItself = false;  ///< a handler of the host's that is to be called once
     const Slot* m_next = nullptr;
     const Slot* m_end = nullptr;
-    const unsigned int m_changes = SVGate::changesSoFar();
+    const unsigned int m_changes = SVGate::changesWhole();
     unsigned int m_notSeen =
         0;  ///< how many records the walk has not come to, if nobody changes any
 };
 
 constinit thread_local Dispatch::Nested Dispatch::nested = {};
 
-enum class Outcome { outOfDate, late, leftToSystem, called };
+enum class Outcome { outOfDate, late, leftToSystem, called, calledForTheLastTime };
 
 // Whether somebody has made a change since the tables were pinned. Who has ended what was called
 // for nothing may still be about to hand the signal back.
@@ -252,7 +295,7 @@ enum class Outcome { outOfDate, late, leftToSystem, called };
 // library is installed.
 [[gnu::noinline]] Outcome callRecords(const SVArrival& arrival, int signalNumber,
                                       siginfo* information, void* context) {
-    Dispatch records(signalNumber);
+    Dispatch records(signalNumber, arrival.putBackQ());
     if (arrival.ownerChangedQ()) {
         return Outcome::outOfDate;
     }
@@ -271,7 +314,7 @@ enum class Outcome { outOfDate, late, leftToSystem, called };
     if (svfatalQ(signalNumber) && !onlyHostsOwn) {
         _exit(0);
     }
-    return Outcome::called;
+    return records.resetsItselfQ() ? Outcome::calledForTheLastTime : Outcome::called;
 }
 
 // What was left for the signal may be for another one of its number.
@@ -296,9 +339,10 @@ enum class Outcome { outOfDate, late, leftToSystem, called };
 // ended, before anybody was called; then all begins anew.
 bool dispatch(int signalNumber, siginfo* information, void* context) {
     const SVArrival arrival(signalNumber);
-    switch (SVLeftAction::anyQ(signalNumber) || arrival.putBackQ()
-                ? callWhatWasLeft(arrival, signalNumber, information, context)
-                : callRecords(arrival, signalNumber, information, context)) {
+    const Outcome outcome = SVLeftAction::anyQ(signalNumber) || arrival.putBackQ()
+                                ? callWhatWasLeft(arrival, signalNumber, information, context)
+                                : callRecords(arrival, signalNumber, information, context);
+    switch (outcome) {
         case Outcome::outOfDate:
             return false;
         case Outcome::late:
@@ -306,9 +350,10 @@ bool dispatch(int signalNumber, siginfo* information, void* context) {
         case Outcome::leftToSystem:
             return true;
         case Outcome::called:
+        case Outcome::calledForTheLastTime:
             break;
     }
-    arrival.stayInstalled(information, context);
+    arrival.stayInstalled(information, context, outcome == Outcome::calledForTheLastTime);
     return true;
 }
 

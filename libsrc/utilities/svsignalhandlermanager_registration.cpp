@@ -32,6 +32,7 @@ SVFailure store(const SVSignalHandler& record) noexcept {
     if (!SVSignalHandlerManager::signalDispositionSet.getSignalDisposition(signalNumber)) {
         return SVFailure();
     }
+    svonlyForGuests.remove(signalNumber);
     return svregistry.addTable(signalNumber, noTable)
         .then([&] { return svregistry.store(record, noTable); })
         .then([&] {

@@ -156,6 +156,8 @@ SVFailure SVSystemActions::leaveToHost(int signalNumber) noexcept {
     const struct sigaction action = installed ? meantBy(signalNumber, current) : current;
     if (!installed) {
         SVOwnership::rememberDisplacement(signalNumber, current);
+    } else {
+        SVOwnership::rememberHosts(signalNumber, action);
     }
     const SVOwnership::Unsettled unsettled(signalNumber);
     SVOwnership::beginHandBack(signalNumber, action);

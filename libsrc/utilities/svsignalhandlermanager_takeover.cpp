@@ -40,13 +40,18 @@ SVFailure swap(int signalNumber) noexcept {
     });
 }
 
+SVFailure takeOverForManagers(int signalNumber) noexcept {
+    svkeptByGuests.remove(signalNumber);
+    return svtakeOver(signalNumber);
+}
+
 // Another thread may have registered for a signal, or handed one back, after its turn.
 SVFailure takeOverRest() noexcept {
     SVFailure failure;
     svforEachSignal([&](int signalNumber) {
         if (!failure && !SVOwnership::librarysQ(signalNumber) &&
             hasRecordsQ(svregistry.tableOf(signalNumber))) {
-            failure = svtakeOver(signalNumber);
+            failure = takeOverForManagers(signalNumber);
         }
     });
     return failure;
@@ -96,11 +101,14 @@ SVFailure svkeepDisplaced(int signalNumber, const struct sigaction& action) noex
 }
 
 void SVSignalHandlerManager::handleSignal(int signalNumber) {
-    svchange(lockHandle(), [&] { return svtakeOver(signalNumber); });
+    svchange(lockHandle(), [&] {
+        svonlyForGuests.remove(signalNumber);
+        return takeOverForManagers(signalNumber);
+    });
 }
 
-// The lock is let go around each handleSignal(), which takes it by itself, so that an exception
-// out of it leaves nothing locked.
+// The lock is let go around each take-over, which takes it by itself, so that an exception out of
+// it leaves nothing locked. Whoever starts has not asked for the signals of subscriptions.
 void SVSignalHandlerManager::startHandlingSignals() {
     if (svshared(currentlyHandlingSignals).load()) {
         return;
@@ -109,7 +117,7 @@ void SVSignalHandlerManager::startHandlingSignals() {
     svforEachSignal([&](int signalNumber) {
         if (hasRecordsQ(SVTablesPin().tableOf(signalNumber))) {
             scope.reset();
-            handleSignal(signalNumber);
+            svchange(lockHandle(), [&] { return takeOverForManagers(signalNumber); });
             scope.emplace(lockHandle());
         }
     });

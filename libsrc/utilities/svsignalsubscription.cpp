@@ -49,13 +49,41 @@ bool hostsQ(const SVSignalHandler& record) noexcept {
 }
 
 // Its own record, and those of others that could not be taken out when they had come to their end.
-// Result: whether there was memory for it.
+// No cleared slot stays that others' records lie behind. Result: whether there was memory for it.
 bool takeEndedOut(int signalNumber) noexcept {
     const bool detached = !svregistry.detach(signalNumber, noTable);
     if (detached) {
         svregistry.removeAll(signalNumber, SVSubscriptionEntries::endedQ);
+        svregistry.compact(signalNumber);
     }
     return detached;
+}
+
+void* functionOf(const struct sigaction& action) noexcept {
+    return reinterpret_cast<void*>(action.sa_sigaction);
+}
+
+bool onRecordQ(int signalNumber, const struct sigaction& action) noexcept {
+    return svregistry.tableOf(signalNumber)->has_key(functionOf(action));
+}
+
+SVFailure takeOverForGuests(int signalNumber) noexcept {
+    const unsigned int before = svregistry.tableOf(signalNumber)->used;
+    return svtakeOver(signalNumber).then([=] {
+        if (svregistry.tableOf(signalNumber)->used != before) {
+            svkeptByGuests.add(signalNumber);
+        }
+    });
+}
+
+// What the host had before it installed something else over the library.
+void forgetFormerOf(int signalNumber, const struct sigaction& hosts) noexcept {
+    const struct sigaction& former = SVOwnership::hostsAction(signalNumber);
+    if (svkeptByGuests.hasQ(signalNumber) && SVOwnership::librarysQ(signalNumber) &&
+        former.sa_handler != hosts.sa_handler && onRecordQ(signalNumber, former)) {
+        svregistry.remove(signalNumber, functionOf(former));
+        svregistry.compact(signalNumber);
+    }
 }
 
 bool onlyHostsQ(const SVSignalHandlerTable* table) noexcept {
@@ -110,8 +138,14 @@ SVSignalSubscription::~SVSignalSubscription() noexcept try {
     return;
 }
 
+// A dispatch may be about to install the library again.
 bool SVSignalSubscription::activeQ() const noexcept {
-    return m_entry != SVSubscriptionEntries::none && SVOwnership::librarysQ(m_signalNumber);
+    struct sigaction current;
+    const auto installedQ = [&] {
+        return !SVSystemActions::ask(m_signalNumber, current) && svownActionQ(current);
+    };
+    return m_entry != SVSubscriptionEntries::none && SVOwnership::librarysQ(m_signalNumber) &&
+           (SVOwnership::Unsettled::anyQ(m_signalNumber) || installedQ());
 }
 
 bool SVSignalSubscription::renew() {
@@ -136,7 +170,7 @@ SVFailure SVSignalSubscription::begin() noexcept {
         if (leftAlone) {
             return SVFailure();
         }
-        return m_onRecord ? svtakeOver(m_signalNumber) : enter();
+        return m_onRecord ? takeOverForGuests(m_signalNumber) : enter(hosts);
     });
 }
 
@@ -155,17 +189,26 @@ SVFailure SVSignalSubscription::refusal(const struct sigaction& hosts) const noe
 }
 
 // The record comes first, so that whoever finds the library installed finds the record.
-SVFailure SVSignalSubscription::enter() noexcept {
+SVFailure SVSignalSubscription::enter(const struct sigaction& hosts) noexcept {
     m_entry = SVSubscriptionEntries::begin(m_signalNumber, m_subscriber);
     if (m_entry == SVSubscriptionEntries::none) {
         return noEntry;
     }
     const SVSignalHandler record(m_signalNumber, SVSubscriptionEntries::functionOf(m_entry), false,
                                  false, true);
+    const bool first = svregistry.tableOf(m_signalNumber) == nullptr;
     const SVFailure failure = svregistry.addTable(m_signalNumber, noTable)
-                                  .then([&] { return svregistry.store(record, noTable); })
-                                  .then([this] { m_onRecord = true; })
-                                  .then([this] { return svtakeOver(m_signalNumber); });
+                                  .then([&] {
+                                      if (first) {
+                                          svonlyForGuests.add(m_signalNumber);
+                                      }
+                                      return svregistry.store(record, noTable);
+                                  })
+                                  .then([&] {
+                                      m_onRecord = true;
+                                      forgetFormerOf(m_signalNumber, hosts);
+                                      return takeOverForGuests(m_signalNumber);
+                                  });
     if (failure) {
         withdraw();
     }
@@ -177,26 +220,41 @@ void SVSignalSubscription::withdraw() noexcept {
     SVSubscriptionEntries::end(m_entry);
     if (m_onRecord) {
         svregistry.removeAll(m_signalNumber, SVSubscriptionEntries::endedQ);
+        svregistry.compact(m_signalNumber);
         m_onRecord = false;
+    }
+    SVSignalHandlerTable* const table = svregistry.tableOf(m_signalNumber);
+    if (table != nullptr && table->used == 0 && svonlyForGuests.hasQ(m_signalNumber) &&
+        !SVOwnership::librarysQ(m_signalNumber) && !svregistry.detach(m_signalNumber, noTable)) {
+        svregistry.dropTable(m_signalNumber);
     }
     SVSubscriptionEntries::giveBack(m_entry);
     m_entry = SVSubscriptionEntries::none;
 }
 
-// Without memory its record stays. What the host has on record goes with the last of the others,
-// but not before its action is installed.
+// Without memory its record stays. What a subscription has kept on record of the host goes with the
+// last of the others, but not before the host's action is installed; and the table as well, if only
+// subscriptions have asked for the signal: a stop is to find nothing there.
 void SVSignalSubscription::end() noexcept {
     SVSubscriptionEntries::end(m_entry);
     m_onRecord = !takeEndedOut(m_signalNumber);
     if (!onlyHostsQ(svregistry.tableOf(m_signalNumber))) {
         return;
     }
+    const struct sigaction hosts = SVOwnership::hostsAction(m_signalNumber);
     const SVFailure failure = SVOwnership::librarysQ(m_signalNumber)
                                   ? SVSystemActions::leaveToHost(m_signalNumber)
                                   : SVFailure();
-    if (!failure && !m_onRecord) {
-        svregistry.removeAll(m_signalNumber, hostsQ);
+    if (failure || m_onRecord) {
+        return;
     }
+    if (svonlyForGuests.hasQ(m_signalNumber)) {
+        svregistry.dropTable(m_signalNumber);
+    } else if (svkeptByGuests.hasQ(m_signalNumber) && onRecordQ(m_signalNumber, hosts)) {
+        svregistry.remove(m_signalNumber, functionOf(hosts));
+        svregistry.compact(m_signalNumber);
+    }
+    svkeptByGuests.remove(m_signalNumber);
 }
 
 }  // namespace Sorvane

@@ -78,13 +78,13 @@ public:
     /// memory to take its record out, the record stays, and calls nothing. May change errno.
     ~SVSignalSubscription() noexcept override;
 
-    /// Whether the handler is called when the signal arrives: it is on record, and the signal is
-    /// the library's. Signal context: any.
+    /// Whether the handler is called when the signal arrives: it is on record, and the library is
+    /// what is installed. Signal context: any. May change errno.
     bool activeQ() const noexcept;
 
     /// Begins once more, if the subscription is not active: because somebody has handed the signal
-    /// back, or because the host ignored it. Result: whether it is active now. Errors: those of the
-    /// beginning.
+    /// back, because the host ignored it, or because the host has installed something over the
+    /// library. Result: whether it is active now. Errors: those of the beginning.
     bool renew();
 
 private:
@@ -92,7 +92,7 @@ private:
 
     SVFailure begin() noexcept;
     SVFailure refusal(const struct sigaction& hosts) const noexcept;
-    SVFailure enter() noexcept;
+    SVFailure enter(const struct sigaction& hosts) noexcept;
     void withdraw() noexcept;
     void end() noexcept;
 

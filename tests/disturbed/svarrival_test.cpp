@@ -305,9 +305,9 @@ protected:
                     stretch();
                 }
             });
-            arrival.stayInstalled(nullptr, nullptr);
+            arrival.stayInstalled(nullptr, nullptr, false);
         } else {
-            arrival.stayInstalled(nullptr, nullptr);
+            arrival.stayInstalled(nullptr, nullptr, false);
         }
     }
 
@@ -464,7 +464,7 @@ TEST(EndOfADispatchOfNobodysSignal, KeepsNothingThatItsHandlerInstalls) {
     const SVArrival arrival(SIGUSR2);
     take(SIGUSR2);
     hostInstalls(SIGUSR2, otherHostHandler);
-    arrival.stayInstalled(nullptr, nullptr);
+    arrival.stayInstalled(nullptr, nullptr, false);
     EXPECT_EQ(recordCount(SIGUSR2), 0U);
     EXPECT_TRUE(takenOverQ(SIGUSR2));
 }
@@ -475,7 +475,7 @@ TEST_F(EndOfADispatch, InstallsOnlyOnceAlsoIfItsOwnThreadHandedTheSignalBack) {
         const SVArrival arrival(theSignal);
         handBack();
         const StretchedSigaction stretched(theSignal, When::after, [&] { ++installations; });
-        arrival.stayInstalled(nullptr, nullptr);
+        arrival.stayInstalled(nullptr, nullptr, false);
     }
     EXPECT_EQ(installations, 1U);
     expectTheLibrarys();
@@ -516,7 +516,7 @@ TEST_F(EndOfADispatch, IsSeenByOthersUntilItHasPutBackWhatItHasDisplaced) {
             ++installations;
             seen += SVOwnership::Unsettled::anyQ(theSignal) ? 1U : 0U;
         });
-        arrival.stayInstalled(nullptr, nullptr);
+        arrival.stayInstalled(nullptr, nullptr, false);
     }
     EXPECT_EQ(installations, 2U);
     EXPECT_EQ(seen, installations);
