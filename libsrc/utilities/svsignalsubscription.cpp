@@ -49,10 +49,12 @@ bool hostsQ(const SVSignalHandler& record) noexcept {
 }
 
 // Its own record, and those of others that could not be taken out when they had come to their end.
-// No cleared slot stays that others' records lie behind. Result: whether there was memory for it.
+// No cleared slot stays that others' records lie behind. In a child that was split off in the
+// middle of an end there may be no table any more. Result: whether there was memory for it.
 bool takeEndedOut(int signalNumber) noexcept {
-    const bool detached = !svregistry.detach(signalNumber, noTable);
-    if (detached) {
+    const bool none = svregistry.tableOf(signalNumber) == nullptr;
+    const bool detached = none || !svregistry.detach(signalNumber, noTable);
+    if (detached && !none) {
         svregistry.removeAll(signalNumber, SVSubscriptionEntries::endedQ);
         svregistry.compact(signalNumber);
     }
@@ -245,7 +247,7 @@ void SVSignalSubscription::end() noexcept {
     const SVFailure failure = SVOwnership::librarysQ(m_signalNumber)
                                   ? SVSystemActions::leaveToHost(m_signalNumber)
                                   : SVFailure();
-    if (failure || m_onRecord) {
+    if (failure || m_onRecord || svregistry.tableOf(m_signalNumber) == nullptr) {
         return;
     }
     if (svonlyForGuests.hasQ(m_signalNumber)) {
