@@ -5,7 +5,6 @@
 
 #include <atomic>
 #include <cstdint>
-#include <optional>
 
 #include "../registry/svgate.h"
 #include "../registry/svpin.h"
@@ -77,38 +76,49 @@ public:
 /// Does something under a lock, if there is one, and with signals held back. They are let in when
 /// the lock is free again, so that a handler that comes then may leave by siglongjmp; the lock is
 /// not waited for while they are held back. Result: that of the operation, which throws nothing.
-/// Parameters: keptByFailure, whether the lock stays held if the operation fails; neededQ, a test
-/// that is made under the lock with signals let in, without which nothing more is done.
-template <typename Operation, typename Test>
-SVFailure svunderLock(SVMutexHandle* lock, bool keptByFailure, Operation operation, Test neededQ) {
-    if (lock != nullptr) {
-        lock->lock();
-    }
-    std::optional<SVGate::SignalsHeldBack> signalsHeldBack;
-    SVFailure failure;
-    if (neededQ()) {
-        signalsHeldBack.emplace();
-        failure = operation();
-    }
+/// Parameters: keptByFailure, whether the lock stays held if the operation fails; lock, for the
+/// first of the two, which this thread holds already.
+template <typename Operation>
+SVFailure svunderHeldLock(SVMutexHandle* lock, bool keptByFailure, Operation operation) {
+    const SVGate::SignalsHeldBack signalsHeldBack;
+    const SVFailure failure = operation();
     if (lock != nullptr && !(failure && keptByFailure)) {
         lock->unlock();
     }
     return failure;
 }
+template <typename Operation>
+SVFailure svunderLock(SVMutexHandle* lock, bool keptByFailure, Operation operation) {
+    if (lock != nullptr) {
+        lock->lock();
+    }
+    return svunderHeldLock(lock, keptByFailure, operation);
+}
+
+/// Makes a change inside the gate. Result: the failure that it tells, if any.
+template <typename Change>
+SVFailure svinsideGate(Change change) {
+    const SVGate::Closed gate;
+    return SVFailure().then(change);
+}
 
 /// Makes a change inside the gate, under a lock if there is one, and throws the failure that it
-/// tells, if any, after it. Parameters: neededQ, as above.
-template <typename Change, typename Test>
-void svchange(SVMutexHandle* lock, Change change, Test neededQ) {
-    const auto operation = [&change] {
-        const SVGate::Closed gate;
-        return SVFailure().then(change);
-    };
-    svunderLock(lock, false, operation, neededQ).throwIfAny();
-}
+/// tells, if any, after it. The second one leaves the gate open if a test, which is made under the
+/// lock, says that there is nothing to change.
 template <typename Change>
 void svchange(SVMutexHandle* lock, Change change) {
-    svchange(lock, change, [] { return true; });
+    svunderLock(lock, false, [&change] { return svinsideGate(change); }).throwIfAny();
+}
+template <typename Test, typename Change>
+void svchangeIf(SVMutexHandle* lock, Test neededQ, Change change) {
+    if (lock != nullptr) {
+        lock->lock();
+    }
+    if (neededQ()) {
+        svunderHeldLock(lock, false, [&change] { return svinsideGate(change); }).throwIfAny();
+    } else if (lock != nullptr) {
+        lock->unlock();
+    }
 }
 
 /// A pin on the manager's tables.

@@ -125,10 +125,8 @@ SVSignalHandlerManager::SVSignalHandlerManager(Dispatching)
 SVSignalHandlerManager::~SVSignalHandlerManager() noexcept(false) {
     const auto end = [this](unsigned int left) { return left == 0 ? tearDown() : SVFailure(); };
     const SVFailure failure =
-        m_dispatching
-            ? end(svshared(numberOfManagers).fetch_sub(1) - 1)
-            : svunderLock(
-                  lockHandle(), true, [&end] { return end(uncount()); }, [] { return true; });
+        m_dispatching ? end(svshared(numberOfManagers).fetch_sub(1) - 1)
+                      : svunderLock(lockHandle(), true, [&end] { return end(uncount()); });
     if (m_locking) {
         endUseOfLock(!failure);
     }

@@ -4,6 +4,7 @@
 
 #include <cerrno>
 #include <csignal>
+#include <cstddef>
 #include <cstdint>
 
 #include "../support/svhandlercontext.h"
@@ -179,7 +180,7 @@ private:
     // if somebody has made a change since the walk began.
     [[gnu::noinline]] void callRest() {
         const Slot* slot = m_next;
-        unsigned int notSeen = m_notSeen;
+        std::ptrdiff_t notSeen = m_notSeen;
         while (slot != m_end && (notSeen != 0 || SVGate::changesSoFar() != m_changes)) {
             const Slot& current = *slot++;
             if (current.state != svslotOccupied) {
@@ -199,6 +200,7 @@ private:
             record.call(m_information, m_context);
             if (!m_pin.publishedQ()) {
                 m_leftBehind = !follow();
+                m_notSeen = endOf(*m_table) - m_table->table;
             }
             slot = m_next;
             notSeen = m_notSeen;
@@ -273,8 +275,7 @@ private:
     const Slot* m_next = nullptr;
     const Slot* m_end = nullptr;
     const unsigned int m_changes = SVGate::changesWhole();
-    unsigned int m_notSeen =
-        0;  ///< how many records the walk has not come to, if nobody changes any
+    std::ptrdiff_t m_notSeen = 0;  ///< to how many records, at most, the walk has not come
 };
 
 constinit thread_local Dispatch::Nested Dispatch::nested = {};

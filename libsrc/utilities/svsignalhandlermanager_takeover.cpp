@@ -133,11 +133,10 @@ void SVSignalHandlerManager::startHandlingSignals() {
     failure.throwIfAny();
 }
 
-// For a signal that has no table the gate stays open.
 void SVSignalHandlerManager::stopHandlingSignal(int signalNumber) {
-    svchange(
-        lockHandle(), [&] { return handBack(signalNumber, ignoreHandler(signalNumber)); },
-        [signalNumber] { return SVTablesPin().tableOf(signalNumber) != nullptr; });
+    svchangeIf(
+        lockHandle(), [signalNumber] { return SVTablesPin().tableOf(signalNumber) != nullptr; },
+        [&] { return handBack(signalNumber, ignoreHandler(signalNumber)); });
 }
 
 void SVSignalHandlerManager::stopHandlingSignals() {
