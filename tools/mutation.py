@@ -33,8 +33,8 @@ LIBRARY = "sorvane-signals-static"
 INLINE_HEADERS = ("libsrc/datastructures/", "libsrc/support/svsignalhandler.h",
                   "libsrc/support/svstdallocator.h")
 TESTS_OF_INLINE_HEADERS = "sv"
-COPIED = ["CMakeLists.txt", "CMakePresets.json", "README.md", "cmake", "examples", "fuzz", "libsrc",
-          "tests"]
+COPIED = ["CMakeLists.txt", "CMakePresets.json", "README.md", "bench", "cmake", "examples", "fuzz",
+          "libsrc", "tests"]
 
 # A test that takes this much longer than with the right code hangs.
 SLOWDOWN_OF_A_HANG = 10
