@@ -34,8 +34,8 @@ namespace SVOwnAction {
 /// The actions of a signal: the present one, and the one before or after it. Signal context of all
 /// of it: any.
 struct Place {
-    std::atomic<unsigned int> changes;  ///< 0: it is that of a signal that nobody had
-    struct sigaction actions[2];
+    std::atomic<unsigned int> changes{0};  ///< 0: it is that of a signal that nobody had
+    struct sigaction actions[2] = {};
 
     const struct sigaction* current() const noexcept { return &actions[changes.load() % 2]; }
 };

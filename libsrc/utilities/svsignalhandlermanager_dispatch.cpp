@@ -148,7 +148,7 @@ private:
             if (dispatch.m_table != nullptr) {
                 dispatch.m_next = dispatch.m_table->table;
                 dispatch.m_end = endOf(*dispatch.m_table);
-                dispatch.m_notSeen = dispatch.m_table->used;
+                dispatch.m_notSeen = static_cast<std::ptrdiff_t>(dispatch.m_table->used);
             }
             nested.count = m_outer + 1;
             nested.all[m_outer % Nested::most] = {&dispatch, information, dispatch.m_signalNumber,
