@@ -105,6 +105,22 @@ TEST_F(PutBack, InAHandlerThatRaisesItsSignalEndsTheProcessBesideManagers) {
     }
 }
 
+// The first time beside the one that gives its place up, as both are on record, the second time
+// alone.
+TEST_F(PutBack, InAHandlerThatRaisesItsSignalGivesThatToTheHandlerBeforeBesideManagers) {
+    const ChildEnd end = inChild([] {
+        hostInstalls(theSignal, hostHandler, SA_RESTART);
+        Manager manager(false);
+        manager.handleSignal(theSignal);
+        hostReplaces(theSignal, putsBackAndRaises, 0);
+        manager.handleSignal(theSignal);
+        raise(theSignal);
+    });
+    EXPECT_TRUE(end.wentOnQ()) << end;
+    EXPECT_EQ(callsOf(putsBackAndRaises), 1U);
+    EXPECT_EQ(callsOf(hostHandler), 2U);
+}
+
 TEST_F(PutBack, InAHandlerThatReturnsToItsFaultEndsTheProcessAsTheDefaultActionDoes) {
     SKIP_WITHOUT_FAULTS();
     for (const int flags : {0, SA_NODEFER}) {
