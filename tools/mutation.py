@@ -236,8 +236,8 @@ class Tree:
         report = self.build_folder / "all.xml"
         report.unlink(missing_ok=True)
         # A mistake that costs instructions is none for that.
-        command = ["ctest", "--exclude-regex", "^instructions$", "--stop-on-failure", "--parallel", str(self.jobs), "--output-junit",
-                   str(report)]
+        command = ["ctest", "--exclude-regex", "^instructions$", "--stop-on-failure", "--parallel",
+                   str(self.jobs), "--output-junit", str(report)]
         if only is not None:
             command += ["--tests-regex", f"^({'|'.join(map(re.escape, only))})$"]
         processes.run(command, log, folder=self.build_folder)
