@@ -2,9 +2,6 @@
 // are written by hand.
 
 #include <pthread.h>
-#include <sys/syscall.h>
-#include <unistd.h>
-
 #include <atomic>
 #include <cerrno>
 #include <csignal>
@@ -19,10 +16,6 @@
 namespace {
 
 constexpr int theSignal = SIGUSR1;
-
-void raiseOnThisThread(int signalNumber) {
-    syscall(SYS_tgkill, getpid(), static_cast<pid_t>(syscall(SYS_gettid)), signalNumber);
-}
 
 // --- A handler that installs itself again --------------------------------------------------------
 
@@ -86,26 +79,18 @@ void installIdeal(int records) {
 // --- Works ---------------------------------------------------------------------------------------
 
 template <typename Work>
-int serveCounted(long callsEach, Work work) {
-    return Bench::serveWork(work, [callsEach](long times) {
-        Bench::expect("calls", Bench::calls, times * callsEach);
-        Bench::calls = 0;
-    });
-}
-
-template <typename Work>
 int serveUncounted(Work work) {
     return Bench::serveWork(work, [](long) {});
 }
 
 int delivered() {
     installBare();
-    return serveCounted(1, [] { raiseOnThisThread(theSignal); });
+    return Bench::serveCounted(1, [] { Bench::raiseOnThisThread(theSignal); });
 }
 
 int deliveredIdeal(int records) {
     installIdeal(records);
-    return serveCounted(records, [] { raiseOnThisThread(theSignal); });
+    return Bench::serveCounted(records, [] { Bench::raiseOnThisThread(theSignal); });
 }
 
 // What a handler does that installs itself again.
@@ -117,7 +102,7 @@ int installation() {
 int directIdeal(int records) {
     installIdeal(records);
     siginfo_t information = {};
-    return serveCounted(records, [&] { ideal(theSignal, &information, nullptr); });
+    return Bench::serveCounted(records, [&] { ideal(theSignal, &information, nullptr); });
 }
 
 // A registration and a clearing: the mask is changed four times, the library installed once.
@@ -136,60 +121,55 @@ int pair() {
     });
 }
 
-// For each signal the mask is changed twice and the host asked for its action, which is replaced.
-int start(int count) {
-    installBare();
+// Replaces the actions of the first signals by another one, each with all signals held back.
+template <typename Replace>
+int serveReplacing(int count, const struct sigaction& before, Replace replace) {
     const auto signals = Bench::allSignals();
-    struct sigaction ignoring = {};
-    ignoring.sa_handler = SIG_IGN;
+    const auto forEach = [&](auto work) {
+        for (int index = 0; index < count; ++index) {
+            work(signals[static_cast<std::size_t>(index)]);
+        }
+    };
+    sigset_t all;
+    sigfillset(&all);
     return Bench::serve([&](long times) {
         double taken = 0;
         for (long i = 0; i < times; ++i) {
-            for (int index = 0; index < count; ++index) {
-                sigaction(signals[static_cast<std::size_t>(index)], &ignoring, nullptr);
-            }
+            forEach([&](int signalNumber) { sigaction(signalNumber, &before, nullptr); });
             taken += Bench::timed([&] {
-                sigset_t all;
-                sigset_t before;
-                sigfillset(&all);
-                for (int index = 0; index < count; ++index) {
-                    const int signalNumber = signals[static_cast<std::size_t>(index)];
-                    struct sigaction found;
-                    pthread_sigmask(SIG_BLOCK, &all, &before);
-                    sigaction(signalNumber, nullptr, &found);
-                    sigaction(signalNumber, &bareAction, &found);
-                    pthread_sigmask(SIG_SETMASK, &before, nullptr);
-                }
+                forEach([&](int signalNumber) {
+                    sigset_t mask;
+                    pthread_sigmask(SIG_BLOCK, &all, &mask);
+                    replace(signalNumber);
+                    pthread_sigmask(SIG_SETMASK, &mask, nullptr);
+                });
             });
         }
         return taken;
     });
 }
 
+struct sigaction ignoring() {
+    struct sigaction action = {};
+    action.sa_handler = SIG_IGN;
+    return action;
+}
+
+// The host is asked for its action, too.
+int start(int count) {
+    installBare();
+    return serveReplacing(count, ignoring(), [](int signalNumber) {
+        struct sigaction found;
+        sigaction(signalNumber, nullptr, &found);
+        sigaction(signalNumber, &bareAction, &found);
+    });
+}
+
 int stop(int count) {
     installBare();
-    const auto signals = Bench::allSignals();
-    struct sigaction ignoring = {};
-    ignoring.sa_handler = SIG_IGN;
-    return Bench::serve([&](long times) {
-        double taken = 0;
-        for (long i = 0; i < times; ++i) {
-            for (int index = 0; index < count; ++index) {
-                sigaction(signals[static_cast<std::size_t>(index)], &bareAction, nullptr);
-            }
-            taken += Bench::timed([&] {
-                sigset_t all;
-                sigset_t before;
-                sigfillset(&all);
-                for (int index = 0; index < count; ++index) {
-                    struct sigaction found;
-                    pthread_sigmask(SIG_BLOCK, &all, &before);
-                    sigaction(signals[static_cast<std::size_t>(index)], &ignoring, &found);
-                    pthread_sigmask(SIG_SETMASK, &before, nullptr);
-                }
-            });
-        }
-        return taken;
+    return serveReplacing(count, bareAction, [after = ignoring()](int signalNumber) {
+        struct sigaction found;
+        sigaction(signalNumber, &after, &found);
     });
 }
 
@@ -203,7 +183,7 @@ int raising(int threads) {
             for (int i = 0; i < threads; ++i) {
                 all.emplace_back([times, threads, i] {
                     for (long k = 0; k < times / threads; ++k) {
-                        raiseOnThisThread(i % 2 == 0 ? SIGUSR1 : SIGUSR2);
+                        Bench::raiseOnThisThread(i % 2 == 0 ? SIGUSR1 : SIGUSR2);
                     }
                     Bench::expect("calls", Bench::calls, times / threads);
                 });

@@ -1,10 +1,15 @@
-// Handlers that count, as many different ones as a work needs.
+// Handlers that count, as many different ones as a work needs, and what calls them.
 #ifndef SORVANE_BENCH_HANDLERS_H
 #define SORVANE_BENCH_HANDLERS_H
+
+#include <sys/syscall.h>
+#include <unistd.h>
 
 #include <array>
 #include <csignal>
 #include <utility>
+
+#include "block.h"
 
 namespace Bench {
 
@@ -27,8 +32,7 @@ constexpr std::array<Handler, sizeof...(numbers)> makeHandlers(
 }
 inline constexpr auto handlers = makeHandlers(std::make_integer_sequence<int, most>());
 
-/// The signals that may be handled and do not end the process, and a few more: as many as there are
-/// below 61.
+/// The signals below 61 that may be handled.
 inline std::array<int, 56> allSignals() {
     std::array<int, 56> signals = {};
     std::size_t count = 0;
@@ -39,6 +43,19 @@ inline std::array<int, 56> allSignals() {
         }
     }
     return signals;
+}
+
+inline void raiseOnThisThread(int signalNumber) {
+    syscall(SYS_tgkill, getpid(), static_cast<pid_t>(syscall(SYS_gettid)), signalNumber);
+}
+
+/// Serves a work by which so many handlers are called each time.
+template <typename Work>
+int serveCounted(long callsEach, Work work) {
+    return serveWork(work, [callsEach](long times) {
+        expect("calls", calls, times * callsEach);
+        calls = 0;
+    });
 }
 
 }  // namespace Bench

@@ -1,9 +1,6 @@
 // The works as the library does them.
 
 #include <sorvane/svsignalhandlermanager.h>
-#include <sys/syscall.h>
-#include <unistd.h>
-
 #include <csignal>
 #include <string_view>
 #include <thread>
@@ -18,30 +15,17 @@ using Sorvane::SVSignalHandlerManager;
 
 constexpr int theSignal = SIGUSR1;
 
-void raiseOnThisThread(int signalNumber) {
-    syscall(SYS_tgkill, getpid(), static_cast<pid_t>(syscall(SYS_gettid)), signalNumber);
-}
-
 void registerOn(SVSignalHandlerManager& manager, int signalNumber, int count) {
     for (int i = 0; i < count; ++i) {
         manager.setHandlerFromFunction(signalNumber, Bench::handlers[static_cast<std::size_t>(i)]);
     }
 }
 
-// Each record is called once a time.
-template <typename Work>
-int serveCounted(long callsEach, Work work) {
-    return Bench::serveWork(work, [callsEach](long times) {
-        Bench::expect("calls", Bench::calls, times * callsEach);
-        Bench::calls = 0;
-    });
-}
-
 int delivered(int records) {
     SVSignalHandlerManager manager(true);
     registerOn(manager, theSignal, records);
     manager.startHandlingSignals();
-    return serveCounted(records, [] { raiseOnThisThread(theSignal); });
+    return Bench::serveCounted(records, [] { Bench::raiseOnThisThread(theSignal); });
 }
 
 int direct(int records) {
@@ -49,7 +33,8 @@ int direct(int records) {
     registerOn(manager, theSignal, records);
     manager.startHandlingSignals();
     siginfo_t information = {};
-    return serveCounted(records, [&] { actualSignalHandler(theSignal, &information, nullptr); });
+    return Bench::serveCounted(records,
+                               [&] { actualSignalHandler(theSignal, &information, nullptr); });
 }
 
 // A handler is registered and cleared beside others on the signal, while signals are handled.
@@ -67,9 +52,9 @@ int pair(int others) {
         [&](long) {
             Bench::calls = 0;
             manager.setHandlerFromFunction(theSignal, last);
-            raiseOnThisThread(theSignal);
+            Bench::raiseOnThisThread(theSignal);
             manager.clearHandlerWithFunction(theSignal, last);
-            raiseOnThisThread(theSignal);
+            Bench::raiseOnThisThread(theSignal);
             Bench::expect("calls", Bench::calls, 2 * others + 1);
         });
 }
@@ -120,7 +105,7 @@ int raising(int threads) {
     manager.startHandlingSignals();
     return Bench::serve([threads](long times) {
         return onThreads(threads, times, [](int thread) {
-            raiseOnThisThread(thread % 2 == 0 ? SIGUSR1 : SIGUSR2);
+            Bench::raiseOnThisThread(thread % 2 == 0 ? SIGUSR1 : SIGUSR2);
         });
     });
 }

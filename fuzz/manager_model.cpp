@@ -18,9 +18,10 @@ constexpr const char* tableFile = "libsrc/include/../datastructures/svhashtable"
 constexpr unsigned int lineNoTableForHandler = 144;
 constexpr unsigned int lineNoTableForSignal = 302;
 
-// What the C library adds to what is asked for; what the library tells its take-overs apart by; and
-// what SIGCHLD has if it was the host that ignored it, which the model does not know.
-constexpr int ofNoEffect = 0x04000000 | 0x800 | SA_NOCLDWAIT;
+// The kernel's own, which the C library adds to what is asked for; and what the library tells its
+// take-overs apart by, in its own action only.
+constexpr int restorerFlag = 0x04000000;
+constexpr int markingFlag = 0x800;
 
 void* functionOf(const struct sigaction& action) {
     return (action.sa_flags & SA_SIGINFO) != 0 ? reinterpret_cast<void*>(action.sa_sigaction)
@@ -57,6 +58,8 @@ void* ModelRecord::function() const {
 }
 
 bool sameAction(const struct sigaction& left, const struct sigaction& right) {
+    const bool own = left.sa_sigaction == &actualSignalHandler;
+    const int ofNoEffect = restorerFlag | (own ? markingFlag : 0);
     if (functionOf(left) != functionOf(right) ||
         (left.sa_flags | ofNoEffect) != (right.sa_flags | ofNoEffect)) {
         return false;
@@ -95,9 +98,12 @@ ManagerModel::ManagerModel() {
         // What an earlier history has left.
         const struct sigaction own = Sorvane::SVOwnAction::of(signalNumber);
         std::memcpy(&manners[index].heldBack, &own.sa_mask, sizeof(manners[index].heldBack));
-        manners[index].flags = own.sa_flags & ~(SA_SIGINFO | SA_ONSTACK | ofNoEffect);
+        manners[index].flags = own.sa_flags & ~(SA_SIGINFO | SA_ONSTACK | markingFlag);
         librarys[index] = Sorvane::SVOwnership::librarysQ(signalNumber);
         handedBack[index] = Sorvane::SVOwnership::count(signalNumber) > 1;
+        handedBackTo[index] = Sorvane::SVOwnership::actionOfHost(signalNumber);
+        ignoredByHost[index] =
+            Sorvane::SVOwnership::hostsAction(signalNumber).sa_handler == SIG_IGN;
     }
     resetDispositions();
 }
@@ -334,7 +340,7 @@ void ManagerModel::clearHandler(const ModelRecord& record) {
 
 namespace {
 
-ModelManner mannerOf(int signalNumber, const struct sigaction& action) {
+ModelManner mannerOf(int signalNumber, const struct sigaction& action, bool ignoredByHost = true) {
     constexpr int ofChildren = SA_NOCLDSTOP | SA_NOCLDWAIT;
     ModelManner manner;
     if (!specialQ(functionOf(action))) {
@@ -343,7 +349,7 @@ ModelManner mannerOf(int signalNumber, const struct sigaction& action) {
         return manner;
     }
     manner.flags |= action.sa_flags & ofChildren;
-    if (signalNumber == SIGCHLD && action.sa_handler == SIG_IGN) {
+    if (signalNumber == SIGCHLD && action.sa_handler == SIG_IGN && ignoredByHost) {
         manner.flags |= SA_NOCLDWAIT;
     }
     return manner;
@@ -364,7 +370,8 @@ void ManagerModel::followHost(int signalNumber) {
     if (!told || takenOverQ(signalNumber)) {
         return;
     }
-    ModelManner manner = mannerOf(signalNumber, system[index]);
+    ModelManner manner = mannerOf(signalNumber, system[index],
+                                  !ignoredByLibraryQ(signalNumber) || ignoredByHost[index]);
     if (librarys[index]) {
         manner = both(manner, manners[index]);
     } else if (const ModelSignal* const found = signal(signalNumber)) {
@@ -377,8 +384,20 @@ void ManagerModel::followHost(int signalNumber) {
     manners[index] = manner;
 }
 
+// As a stop has left it.
+bool ManagerModel::ignoredByLibraryQ(int signalNumber) const {
+    const auto index = static_cast<std::size_t>(signalNumber);
+    return system[index].sa_handler == SIG_IGN && handedBackTo[index].sa_handler == SIG_IGN &&
+           handedBack[index] && !librarys[index] &&
+           (system[index].sa_flags | restorerFlag) == (handedBackTo[index].sa_flags | restorerFlag);
+}
+
 void ManagerModel::installOwn(int signalNumber) {
-    install(ownRecord(signalNumber));
+    const bool ignoredByLibrary = installableQ(signalNumber) && ignoredByLibraryQ(signalNumber);
+    const struct sigaction displaced = install(ownRecord(signalNumber)).action;
+    if (!ignoredByLibrary && displaced.sa_sigaction != &actualSignalHandler) {
+        ignoredByHost[static_cast<std::size_t>(signalNumber)] = displaced.sa_handler == SIG_IGN;
+    }
     librarys[static_cast<std::size_t>(signalNumber)] = true;
 }
 
@@ -386,6 +405,7 @@ void ManagerModel::handBack(const ModelRecord& record) {
     install(record);
     librarys[static_cast<std::size_t>(record.signalNumber)] = false;
     handedBack[static_cast<std::size_t>(record.signalNumber)] = true;
+    handedBackTo[static_cast<std::size_t>(record.signalNumber)] = record.action;
 }
 
 // --- The operating system ------------------------------------------------------------------------

@@ -84,6 +84,8 @@ public:
     std::array<ModelManner, lastSystemSignal + 1> manners;
     std::array<bool, lastSystemSignal + 1> librarys = {};    ///< the signals that the library has
     std::array<bool, lastSystemSignal + 1> handedBack = {};  ///< those that it has had before
+    std::array<struct sigaction, lastSystemSignal + 1> handedBackTo = {};  ///< the last action
+    std::array<bool, lastSystemSignal + 1> ignoredByHost = {};  ///< when they were taken over last
     std::vector<ModelCall> calls;
 
     // --- What happened, for those who want to know whether enough did ---------------------------
@@ -139,6 +141,7 @@ private:
     void store(ModelSignal& owner, const ModelRecord& record);
     void dispatch(int signalNumber);
     void followHost(int signalNumber);
+    bool ignoredByLibraryQ(int signalNumber) const;
     void installOwn(int signalNumber);
     void handBack(const ModelRecord& record);
     void call(const ModelRecord& record);

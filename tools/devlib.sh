@@ -83,3 +83,17 @@ require_packages() {
 build_preset() {
     cmake --preset "$1" && cmake --build --preset "$1" --parallel "$(nproc)" "${@:2}"
 }
+
+# use_python PROGRAM QUESTIONS ARGUMENT...: what a command does that is written in Python, before
+# anything is installed or built for it. Misuse is told; and if an argument is one of the questions,
+# as in '-h|--list', the program answers, and that is all.
+use_python() {
+    local program="$1" questions="$2" argument
+    shift 2
+    installed python3 || install_packages python3
+    # Nothing that Python compiles is left beside the sources.
+    /usr/bin/python3 -B "$program" --check "$@"
+    for argument in "$@"; do
+        [[ ! "$argument" =~ ^($questions)$ ]] || exec /usr/bin/python3 -B "$program" "$@"
+    done
+}

@@ -13,7 +13,8 @@ namespace Sorvane {
 /// The handler records of one signal, by the address of their function.
 using SVSignalHandlerTable = SVHashTable<void*, SVSignalHandler, SVGenericHashFunction<void*>>;
 
-/// The table of every signal that ever had a handler or was taken over, by signal number less one.
+/// The table of every signal that ever had a handler or was taken over, by signal number less one;
+/// null where only subscriptions had asked for the signal, and have ended.
 using SVSignalTable = SVHashTable<int, SVSignalHandlerTable*, SVGenericHashFunction<int>>;
 
 /// A batch of handler records.

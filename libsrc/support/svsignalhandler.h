@@ -90,6 +90,7 @@ public:
     /// Calls the handler for the record's own signal, whatever the flags. A three-argument function
     /// gets information and context unchanged, a one-argument function the signal number alone;
     /// SIG_DFL and SIG_IGN are no functions, and nothing is called for them.
+    /// The record is not looked at any more when the handler has been called.
     /// Errors: what the handler throws. Signal context: any, as far as the handler allows.
     void operator()(void* information, void* context) { call(information, context); }
     void call(void* information, void* context) const {

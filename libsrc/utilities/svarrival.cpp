@@ -59,10 +59,6 @@ SVFailure putBack(int signalNumber, const struct sigaction& hosts, const struct 
     return newer ? SVSystemActions::install(signalNumber, replaced, previous) : failure;
 }
 
-}  // namespace
-
-namespace {
-
 // Whose an arrival is that found the signal handed back.
 enum class Receiver {
     library,    // it has the signal again, or was called by hand
@@ -73,8 +69,9 @@ enum class Receiver {
     nobody,
 };
 
-// Parameters: informed, whether anything has come with the arrival; action, set to that by which
-// the host may have to be called. Signal context: inside the gate.
+// Parameters: informed, whether anything has come with the arrival; heldBack, whether this thread
+// holds the signal back outside the gate, as inside a handler of the signal; action, set to that by
+// which the host may have to be called. Signal context: inside the gate.
 [[gnu::noinline]] Receiver receiverOf(int signalNumber, bool informed, bool heldBack,
                                       struct sigaction& action) noexcept {
     action = SVOwnership::actionOfHost(signalNumber);

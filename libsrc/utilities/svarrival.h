@@ -25,9 +25,9 @@ public:
     /// Ends a dispatch: installs the library's own action, because a handler may have changed what
     /// the system has, unless the signal was handed back meanwhile by another thread. What the
     /// handler has left there gets the signals that are still to come (see svleftaction.h).
-    /// Errors: SVException: that of installHandlerInSystem(), and those of the tables' insert().
     /// Parameters: resetsItself, whether a handler was called that has asked for the default action
     /// after its call; it counts as one that has left that, where the signal is the process's end.
+    /// Errors: SVException: that of installHandlerInSystem(), and those of the tables' insert().
     void stayInstalled(siginfo* information, void* context, bool resetsItself) const;
 
 private:

@@ -27,6 +27,10 @@ namespace {
 // As the kernel has them: with a bit for each signal.
 using Signals = std::uint64_t;
 
+Signals bitOf(int signalNumber) noexcept {
+    return Signals{1} << static_cast<unsigned int>(signalNumber - 1);
+}
+
 bool pendingQ(Signals signals) noexcept {
     Signals pending = 0;
     syscall(SYS_rt_sigpending, &pending, sizeof(pending));
@@ -56,15 +60,15 @@ std::uintptr_t interruptedInstruction(const void* context) noexcept {
 #endif
 }
 
-// The fault of this thread whose handler has left an action last, and which it was; or, if that
-// does not matter, any arrival.
-struct LeftToFault {
-    bool anyArrival;
+// What a handler of this thread's has left last, and for which arrival: any that comes next, or the
+// same fault.
+struct Left {
+    void (*handler)(int, siginfo*, void*);
     int flags;
     SVOwnership::Count count;
+    bool anyArrival;
     std::uintptr_t instruction;
     const void* address;
-    void (*handler)(int, siginfo*, void*);
 
     bool sameQ(int itsSignal, const siginfo* information, const void* context) const noexcept {
         return SVLeftAction::anyQ(itsSignal) && count == SVOwnership::count(itsSignal) &&
@@ -77,12 +81,26 @@ private:
                address == information->si_addr && instruction == interruptedInstruction(context);
     }
 };
-constinit thread_local LeftToFault leftToFault
-    __attribute__((tls_model("initial-exec"))) = {false, 0, 0, 0, nullptr, nullptr};
+constinit thread_local Left leftLast
+    __attribute__((tls_model("initial-exec"))) = {nullptr, 0, 0, false, 0, nullptr};
+
+void rememberForNext(int signalNumber, const struct sigaction& action) noexcept {
+    leftLast = {
+        action.sa_sigaction, action.sa_flags, SVOwnership::count(signalNumber), true, 0, nullptr};
+    SVLeftAction::signalOfLast = signalNumber;
+}
+
+void rememberForFault(int signalNumber, const struct sigaction& action, const siginfo& information,
+                      const void* context) noexcept {
+    rememberForNext(signalNumber, action);
+    leftLast.anyArrival = false;
+    leftLast.instruction = interruptedInstruction(context);
+    leftLast.address = information.si_addr;
+}
 
 void forget(int signalNumber) noexcept {
     if (SVLeftAction::anyQ(signalNumber)) {
-        SVLeftAction::signalOfFault = 0;
+        SVLeftAction::signalOfLast = 0;
     }
 }
 
@@ -124,15 +142,31 @@ void sayLastWords(int signalNumber, siginfo* information, void* context) {
 
 bool onRecordQ(int signalNumber, const struct sigaction& action) noexcept {
     const SVTablesPin pin;
-    const auto sameQ = [&action](const SVSignalHandler& record) {
-        return record.getHandlerFunction() == reinterpret_cast<void*>(action.sa_sigaction);
-    };
-    return svfirstRecord(pin.tableOf(signalNumber), sameQ) != nullptr;
+    return svrecordOf(pin.tableOf(signalNumber), reinterpret_cast<void*>(action.sa_sigaction)) !=
+           nullptr;
+}
+
+// Of a signal that ends the process the library has to hear when the handler gives up that gets it.
+bool giveToPending(int signalNumber, const struct sigaction& action, siginfo* information,
+                   void* context) {
+    if (svfatalQ(signalNumber) && !svnobodysActionQ(action)) {
+        rememberForNext(signalNumber, action);
+        return false;
+    }
+    if (action.sa_handler == SIG_DFL) {
+        sayLastWords(signalNumber, information, context);
+    }
+    struct sigaction previous;
+    const bool installed = !SVSystemActions::install(signalNumber, action, previous);
+    if (installed) {
+        letIn(bitOf(signalNumber));
+    }
+    return installed;
 }
 
 }  // namespace
 
-constinit thread_local int SVLeftAction::signalOfFault __attribute__((tls_model("initial-exec"))) =
+constinit thread_local int SVLeftAction::signalOfLast __attribute__((tls_model("initial-exec"))) =
     0;
 
 bool svfaultQ(int signalNumber, const siginfo& information) noexcept {
@@ -149,32 +183,11 @@ bool SVLeftAction::leave(int signalNumber, const struct sigaction& action, bool 
     if (!putBack && !svnobodysActionQ(action) && onRecordQ(signalNumber, action)) {
         return false;
     }
-    const Signals signals = Signals{1} << static_cast<unsigned int>(signalNumber - 1);
-    if (pendingQ(signals) && letInQ(signalNumber, information, context)) {
-        if (svfatalQ(signalNumber) && !svnobodysActionQ(action)) {
-            leftToFault = {true, action.sa_flags, SVOwnership::count(signalNumber),
-                           0,    nullptr,         action.sa_sigaction};
-            signalOfFault = signalNumber;
-            return false;
-        }
-        if (action.sa_handler == SIG_DFL) {
-            sayLastWords(signalNumber, information, context);
-        }
-        struct sigaction previous;
-        const bool installed = !SVSystemActions::install(signalNumber, action, previous);
-        if (installed) {
-            letIn(signals);
-        }
-        return installed;
+    if (pendingQ(bitOf(signalNumber)) && letInQ(signalNumber, information, context)) {
+        return giveToPending(signalNumber, action, information, context);
     }
     if (information != nullptr && svfaultQ(signalNumber, *information)) {
-        leftToFault = {false,
-                       action.sa_flags,
-                       SVOwnership::count(signalNumber),
-                       interruptedInstruction(context),
-                       information->si_addr,
-                       action.sa_sigaction};
-        signalOfFault = signalNumber;
+        rememberForFault(signalNumber, action, *information, context);
     }
     return false;
 }
@@ -193,10 +206,10 @@ struct sigaction SVLeftAction::meantByHand(int signalNumber) noexcept {
 SVLeftAction::Taker SVLeftAction::take(int signalNumber, siginfo* information, void* context,
                                        bool putBack, struct sigaction& left) {
     left = {};
-    if (leftToFault.sameQ(signalNumber, information, context)) {
-        left.sa_sigaction = leftToFault.handler;
-        left.sa_flags = leftToFault.flags;
-        if (leftToFault.anyArrival) {
+    if (leftLast.sameQ(signalNumber, information, context)) {
+        left.sa_sigaction = leftLast.handler;
+        left.sa_flags = leftLast.flags;
+        if (leftLast.anyArrival) {
             forget(signalNumber);
         }
     } else if (forget(signalNumber); putBack) {

@@ -7,12 +7,14 @@
 // dispatch; so that the handler is not just called once more, what is to come goes to what it has
 // left:
 // - A signal that is pending is let in at the end of the dispatch, with that action installed, if
-//   the interrupted code did not hold it back.
+//   the interrupted code did not hold it back. A handler that is left for SIGSEGV, SIGBUS or SIGHUP
+//   is called by the library instead, for the next arrival: it may give up as well.
 // - The next signal of this number that arrives on this thread is called for by what was left, and
 //   not by the records, if it is the same fault at the same place and the signal has not changed
 //   hands. For the default action that is installed, and the instruction runs into it.
 // A handler that has a record for the signal is none that was left: many install themselves again
-// whenever they are called.
+// whenever they are called. One that the system was to replace by the default action when it called
+// it (SA_RESETHAND) has left that.
 //
 // A handler that puts back what it has displaced may put the library back: it has found that there,
 // and the signal has been taken over again since. What it leaves then is what the library stood for
@@ -22,8 +24,8 @@
 //
 // A host's handler for SIGSEGV, SIGBUS or SIGHUP is called alone. When it leaves the default action
 // to what is to come, the process is about to end, and nobody else has heard of it. So those who
-// subscribe to the signal are called just before: once in the life of a process, as two of its
-// threads may come here.
+// subscribe to the signal are called just before, once in the life of a process. Another thread
+// that comes here meanwhile waits until they have returned.
 #ifndef SORVANE_SVLEFTACTION_H
 #define SORVANE_SVLEFTACTION_H
 
@@ -55,9 +57,9 @@ bool leave(int signalNumber, const struct sigaction& action, bool putBack, sigin
            void* context);
 
 /// Whether something was left for a signal of this number on this thread.
-extern constinit thread_local int signalOfFault __attribute__((tls_model("initial-exec")));
+extern constinit thread_local int signalOfLast __attribute__((tls_model("initial-exec")));
 inline bool anyQ(int signalNumber) noexcept {
-    return signalOfFault == signalNumber;
+    return signalOfLast == signalNumber;
 }
 
 /// Whether the library is installed by the hand of a host that has displaced it before. Asks the

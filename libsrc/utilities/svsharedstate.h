@@ -4,13 +4,12 @@
 #define SORVANE_SVSHAREDSTATE_H
 
 #include <atomic>
-#include <cstdint>
 
 #include "../registry/svgate.h"
 #include "../registry/svpin.h"
 #include "../registry/svregistry.h"
 #include "../support/svatomicref.h"
-#include "../support/svsignalnumber.h"
+#include "../support/svsignalset.h"
 #include "svsignalhandlermanager.h"
 
 namespace Sorvane {
@@ -18,27 +17,7 @@ namespace Sorvane {
 /// Changes the published tables. Signal context: inside the gate.
 extern constinit SVRegistry svregistry;
 
-/// A set of signals. Signal context: inside the gate.
-class SVSignalSet {
-public:
-    bool hasQ(int signalNumber) const noexcept {
-        return signalExistsQ(signalNumber) && (m_signals & bitOf(signalNumber)) != 0;
-    }
-    void add(int signalNumber) noexcept { m_signals |= bitOf(signalNumber); }
-    void remove(int signalNumber) noexcept {
-        if (signalExistsQ(signalNumber)) {
-            m_signals &= ~bitOf(signalNumber);
-        }
-    }
-
-private:
-    static std::uint64_t bitOf(int signalNumber) noexcept {
-        return std::uint64_t{1} << static_cast<unsigned int>(signalNumber - 1);
-    }
-
-    std::uint64_t m_signals = 0;
-};
-
+/// Signal context: inside the gate.
 /// Those whose table was made by a subscription, where nobody but subscriptions has asked for the
 /// signal since; and those whose host's handler is on record since a subscription took the signal
 /// over, where nobody else has done so since.
@@ -138,6 +117,14 @@ const SVSignalHandler* svfirstRecord(const SVSignalHandlerTable* table, Test tes
         }
     }
     return nullptr;
+}
+
+/// The record of a function; null if there is none, or no table. It is looked for slot by slot,
+/// because a key behind a cleared slot is not found by its hash any more.
+inline const SVSignalHandler* svrecordOf(const SVSignalHandlerTable* table, const void* function) {
+    return svfirstRecord(table, [function](const SVSignalHandler& record) {
+        return record.getHandlerFunction() == function;
+    });
 }
 
 /// Does something for every signal that any walk covers, in increasing order.

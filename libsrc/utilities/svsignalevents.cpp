@@ -8,7 +8,7 @@
 #include <cstdint>
 
 #include "../support/svfailure.h"
-#include "../support/svsignalnumber.h"
+#include "../support/svsignalset.h"
 #include "svsharedstate.h"
 #include "svsignalqueue.h"
 

@@ -217,10 +217,8 @@ private:
         m_formerCalled = true;
         struct sigaction former = SVLeftAction::meantByHand(m_signalNumber);
         SVSignalHandler handler(m_signalNumber, former, false, false, true);
-        const auto sameQ = [&handler](const SVSignalHandler& record) {
-            return record.getHandlerFunction() == handler.getHandlerFunction();
-        };
-        if (!svnobodysActionQ(former) && svfirstRecord(m_table, sameQ) == nullptr) {
+        if (!svnobodysActionQ(former) &&
+            svrecordOf(m_table, handler.getHandlerFunction()) == nullptr) {
             handler(m_information, m_context);
         }
     }
@@ -243,15 +241,11 @@ private:
 
     // Whoever clears a handler whose turn has not come does not see it called any more: its module
     // may be about to go. The end of the whole registry is no clearing; nor is it one if the signal
-    // is left to the host, which is to have this delivery, too. A record is looked for slot by
-    // slot, because a key behind a cleared one is not found by its hash any more.
+    // is left to the host, which is to have this delivery, too.
     [[gnu::noinline]] bool clearedQ(const void* function, bool preExists) const noexcept {
         const SVTablesPin now;
-        const auto sameQ = [function](const SVSignalHandler& record) {
-            return record.getHandlerFunction() == function;
-        };
         return !endedQ() && !(leftQ() && preExists) &&
-               svfirstRecord(now.tableOf(m_signalNumber), sameQ) == nullptr;
+               svrecordOf(now.tableOf(m_signalNumber), function) == nullptr;
     }
     bool endedQ() const noexcept { return svregistry.timesEnded() != m_timesEnded; }
     bool leftQ() const noexcept { return SVOwnership::timesLeft(m_signalNumber) != m_timesLeft; }

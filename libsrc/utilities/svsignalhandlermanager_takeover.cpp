@@ -40,6 +40,7 @@ SVFailure swap(int signalNumber) noexcept {
     });
 }
 
+// What the host has on record then stays there when the subscriptions end.
 SVFailure takeOverForManagers(int signalNumber) noexcept {
     svkeptByGuests.remove(signalNumber);
     return svtakeOver(signalNumber);

@@ -69,6 +69,7 @@ bool onRecordQ(int signalNumber, const struct sigaction& action) noexcept {
     return svregistry.tableOf(signalNumber)->has_key(functionOf(action));
 }
 
+// Notes whether that has put a handler of the host's on record.
 SVFailure takeOverForGuests(int signalNumber) noexcept {
     const unsigned int before = svregistry.tableOf(signalNumber)->used;
     return svtakeOver(signalNumber).then([=] {
@@ -180,13 +181,10 @@ SVFailure SVSignalSubscription::begin() noexcept {
 // else's.
 SVFailure SVSignalSubscription::refusal(const struct sigaction& hosts) const noexcept {
     const auto* const function = reinterpret_cast<void*>(m_subscriber.function);
-    const auto sameQ = [function](const SVSignalHandler& record) {
-        return record.getHandlerFunction() == function;
-    };
     const bool subscribed = m_entry == SVSubscriptionEntries::none &&
                             SVSubscriptionEntries::callsQ(m_signalNumber, m_subscriber);
-    const bool registered = reinterpret_cast<void*>(hosts.sa_sigaction) == function ||
-                            svfirstRecord(svregistry.tableOf(m_signalNumber), sameQ) != nullptr;
+    const bool registered = functionOf(hosts) == function ||
+                            svrecordOf(svregistry.tableOf(m_signalNumber), function) != nullptr;
     return subscribed || registered ? hadAlready : SVFailure();
 }
 

@@ -65,11 +65,6 @@ bool sameThreadQ(Call one, Call other) noexcept {
     return one >> bitsOfEntry == other >> bitsOfEntry;
 }
 
-unsigned int firstCellOf(Call call) noexcept {
-    constexpr std::uint32_t spreading = 2654435769U;
-    return static_cast<std::uint32_t>(call >> bitsOfEntry) * spreading >> 16U;
-}
-
 void wake(Slot& slot) noexcept {
     slot.left.fetch_add(1);
     syscall(SYS_futex, &slot.left, FUTEX_WAKE_PRIVATE, INT_MAX, nullptr, nullptr, 0);
@@ -99,7 +94,7 @@ public:
 private:
     // False if an outer call of this thread has a cell already.
     bool take(Call call) noexcept {
-        const unsigned int first = firstCellOf(call);
+        const unsigned int first = SVHandlerContext::spread(SVHandlerContext::thisThread());
         for (unsigned int i = 0; i < cellCount; ++i) {
             std::atomic<Call>& cell = cells[(first + i) % cellCount];
             Call found = cell.load(std::memory_order_relaxed);

@@ -13,22 +13,7 @@ unpack_nginx() {
     (cd "$packages" && apt-get download nginx) && dpkg-deb --extract "$packages"/nginx_*.deb "$nginx"
 }
 
-# Asks only for what can be asked without an effect.
-asks_only() {
-    local argument
-    for argument in "$@"; do
-        [[ "$argument" != --help && "$argument" != -h &&
-            "$argument" != --list && "$argument" != --expected ]] || return 0
-    done
-    return 1
-}
-
-installed python3 || install_packages python3
-# Nothing that Python compiles is left beside the sources. Misuse is told before anything is built.
-/usr/bin/python3 -B tools/hosts.py --check "$@"
-if asks_only "$@"; then
-    exec /usr/bin/python3 -B tools/hosts.py "$@"
-fi
+use_python tools/hosts.py '--help|-h|--list|--expected' "$@"
 
 require_packages build
 mapfile -t packages < <(list_packages hosts)
