@@ -285,6 +285,28 @@ TEST_F(LeftAction, EndsWhenTheOneOnRecordIsInstalledAgain) {
     EXPECT_TRUE(takenOverQ(SIGSEGV));
 }
 
+// What one thread's handler leaves does not take the place of what another one's has left.
+TEST_F(LeftAction, IsEachThreadsOwn) {
+    SKIP_WITHOUT_FAULTS();
+    const ClosedPage page;
+    const ClosedPage otherThreads;
+    hostInstalls(SIGSEGV, leavesItToOneThatRepairs);
+    takeOver(SIGSEGV);
+    const auto fault = [](const ClosedPage& closed) {
+        thePage = &closed;
+        writeTo(closed.address());
+        closed.close();
+    };
+    fault(page);
+    {
+        const JoiningThread other([&] { fault(otherThreads); });
+    }
+    EXPECT_EQ(callsOf(leavesItToOneThatRepairs), 2U);
+    fault(page);
+    EXPECT_EQ(callsOf(leavesItToOneThatRepairs), 2U);
+    EXPECT_EQ(callsOf(repairs), 3U);
+}
+
 const ClosedPage* otherPage = nullptr;
 unsigned int faults = 0;
 

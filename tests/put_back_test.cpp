@@ -232,6 +232,20 @@ TEST_F(PutBack, IsFoundByTheNextSubscription) {
     EXPECT_FALSE(next.activeQ()) << "the host ignores the signal";
 }
 
+// Nobody has seen that the library was put back in between.
+TEST_F(PutBack, AfterTheSameHandlerWasThereTwiceMeansTheOneBeforeThat) {
+    hostInstalls(theSignal, hostHandler, SA_RESTART);
+    isFoundBy(otherHostHandler, theSignal, 0);
+    sigaction(theSignal, &found, nullptr);
+    hostInstalls(theSignal, otherHostHandler);
+    {
+        const Subscription third(theSignal, userInformationHandler);
+        sigaction(theSignal, &found, nullptr);
+        endAll();
+    }
+    EXPECT_EQ(systemHandler(theSignal), addressOf(hostHandler));
+}
+
 TEST_F(PutBack, AfterTheLastSubscriptionLeadsToTheDefaultAction) {
     const ChildEnd end = inChildWithoutCore([this] {
         isFoundBy(hostHandler, SIGTERM, 0);

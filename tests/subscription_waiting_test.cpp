@@ -411,6 +411,23 @@ TEST_F(EndOfASubscription, InAForkedChildWaitsForNoThreadOfTheParents) {
     goOn.open();
 }
 
+// The parent's thread that was ending it is not in the child, and the object is there.
+TEST_F(EndOfASubscription, ThatAnotherThreadWasWaitingForIsDoneOnceMoreInAForkedChild) {
+    auto subscription = std::make_unique<Subscription>(theSignal, staysInside);
+    Subscription* const half = subscription.get();
+    JoiningThread other([] { raise(theSignal); });
+    inside.pass();
+    const Ender ender(subscription);
+    ender.waitUntilItWaits();
+    const ChildEnd end = inChild([half] {
+        half->~Subscription();
+        EXPECT_TRUE(defaultInSystemQ(theSignal));
+        EXPECT_NO_THROW(Subscription(theSignal, userHandler));
+    });
+    EXPECT_TRUE(end.wentOnQ()) << end;
+    goOn.open();
+}
+
 pid_t child = 0;
 
 void forksAndEndsItself(int signalNumber) {

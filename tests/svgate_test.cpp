@@ -485,7 +485,8 @@ enum Found : int { wentOn = 42, stillClosed = 43 };
     bool open = SVGate::openQ() && !SVGate::closedByThisThreadQ();
     for (int round = 0; round < 3; ++round) {
         const SVGate gate;
-        open = open && SVGate::openQ() && SVGate::closedByThisThreadQ();
+        open = open && SVGate::openQ() && SVGate::closedByThisThreadQ() &&
+               gateWord() == static_cast<unsigned int>(gettid());
     }
     open = open && SVGate::openQ() && !SVGate::closedByThisThreadQ() && gateWord() == 0;
     _exit(open ? wentOn : stillClosed);
