@@ -18,11 +18,26 @@ wrong_usage() {
     exit 2
 }
 
+# head_line NAME SCRIPT: what the head of a command's script says under a name.
+head_line() {
+    sed -n "/^[^#]/q; s/^# $1: //p" "$2"
+}
+
+# Says beforehand how long the command takes, as its head has it.
+say_time() {
+    say "This takes $(head_line time "$0")."
+}
+
+require_writable_tree() {
+    mkdir -p "$log_dir" 2>/dev/null || true
+    [[ -w "$log_dir" ]] || fail "cannot write to $PWD/build, where everything is built"
+}
+
 # run_logged NAME COMMAND...: silent, unless the command fails.
 run_logged() {
     local log="$log_dir/$1.log"
     shift
-    mkdir -p "$log_dir"
+    require_writable_tree
     "$@" >"$log" 2>&1 && return 0
     cat "$log" >&2
     return 1
@@ -60,6 +75,12 @@ apt_install() {
     "${apt[@]}" update && "${apt[@]}" install --yes --no-install-recommends "$@"
 }
 
+# The first thing that went wrong in the log.
+install_error() {
+    grep -m 1 -oE '(Could not resolve|Could not connect to|Unable to locate package|No space left).*' \
+        "$log_dir/install.log" || tail -n 1 "$log_dir/install.log"
+}
+
 install_packages() {
     local prefix=()
     if ((EUID != 0)); then
@@ -67,12 +88,15 @@ install_packages() {
         prefix=(sudo)
     fi
     say "Installing $*"
-    run_logged install apt_install "${prefix[@]}" -- "$@" || fail "could not install: $*"
+    require_writable_tree
+    apt_install "${prefix[@]}" -- "$@" >"$log_dir/install.log" 2>&1 ||
+        fail "could not install $* ($(install_error)); the log is $log_dir/install.log"
 }
 
 # require_packages LIST...: installs what is missing of the lists.
 require_packages() {
     local package missing=()
+    require_writable_tree
     while read -r package; do
         installed "$package" || missing+=("$package")
     done < <(list_packages "$@")

@@ -39,14 +39,79 @@ count_steps() {
         awk '{ visited += $2; wrong += $3 } END { print visited + 0, wrong + 0 }'
 }
 
-# run_preset PRESET: sets passed, failed and skipped. What prevents a count counts
-# as one failure, and so does a run without tests.
-run_preset() {
-    local preset="$1" report="$PWD/build/$1/junit.xml" log="$log_dir/test-$1.log"
-    passed=0 failed=1 skipped=0
-    run_logged "build-$preset" build_preset "$preset" || return 1
+# failed_tests REPORT: their names, one a line.
+failed_tests() {
+    grep -oE '<testcase name="[^"]*"[^>]* status="fail"' "$1" |
+        sed -E 's/<testcase name="([^"]*)".*/\1/'
+}
 
-    local status=0
+# show_failure PRESET: what went wrong in its build or its tests, and how to run a test alone.
+show_failure() {
+    local preset="$1" report="build/$1/junit.xml" log="$log_dir/test-$1.log" name
+    if [[ ! -f "$log" ]]; then
+        say "$preset could not be built; the whole log is $log_dir/build-$preset.log" >&2
+        sed -n '/^FAILED: /,$p' "$log_dir/build-$preset.log" | grep . >&2 ||
+            tail -n 20 "$log_dir/build-$preset.log" >&2
+        return 0
+    fi
+    show_failures "$log"
+    [[ -f "$report" ]] || return 0
+    say "Each that failed, alone:" >&2
+    failed_tests "$report" | while read -r name; do
+        say "  ctest --preset $preset --output-on-failure -R '^${name//\//.}\$'" >&2
+    done
+}
+
+# How far a preset's build or tests are, as its logs tell.
+progress_of() {
+    local build_log="$log_dir/build-$1.log" test_log="$log_dir/test-$1.log" steps last
+    if [[ -f "$test_log" ]]; then
+        steps="$(grep -oE '^ *[0-9]+/[0-9]+ Test' "$test_log" | tail -n 1 | tr -cd '0-9/')"
+        last="$(sed -nE 's/^ +Start +[0-9]+: //p' "$test_log" | tail -n 1)"
+        say "${steps:-no} tests over, now ${last:0:60}"
+    else
+        steps="$(grep -oE '^\[[0-9]+/[0-9]+\]' "$build_log" 2>/dev/null | tail -n 1)"
+        say "building ${steps:-begins}"
+    fi
+}
+
+# Tells again and again how far a preset is: on a terminal in one line, elsewhere now and then.
+watch_preset() {
+    local preset="$1" started=$SECONDS
+    local interval=20 before="" after='\n'
+    if [[ -t 3 ]]; then
+        interval=1 before='\r\033[K' after=""
+    fi
+    # What outlives the watch keeps nobody waiting for the end of the output.
+    while sleep "$interval" >/dev/null 2>&1 3>&-; do
+        printf "$before%s: %s, %d s$after" "$preset" "$(progress_of "$preset")" \
+            $((SECONDS - started)) >&3
+    done
+}
+
+# Where progress is shown, also by what is logged.
+exec 3>&1
+
+# run_preset PRESET: sets passed, failed and skipped, and shows how far it is. What prevents a count
+# counts as one failure, and so does a run without tests.
+run_preset() {
+    local watcher status=0
+    rm -f "$log_dir/test-$1.log" "$log_dir/build-$1.log"
+    watch_preset "$1" &
+    watcher=$!
+    build_and_test "$1" || status=$?
+    kill "$watcher" 2>/dev/null || true
+    wait "$watcher" 2>/dev/null || true
+    [[ ! -t 3 ]] || printf '\r\033[K' >&3
+    return "$status"
+}
+
+build_and_test() {
+    local preset="$1" report="$PWD/build/$1/junit.xml" log="$log_dir/test-$1.log" status=0
+    passed=0 failed=1 skipped=0
+    require_writable_tree
+    build_preset "$preset" >"$log_dir/build-$preset.log" 2>&1 || return 1
+
     rm -f "$report"
     run_ctest "$preset" "$report" >"$log" 2>&1 || status=$?
     if [[ -f "$report" ]]; then
@@ -57,25 +122,5 @@ run_preset() {
     if ((failed == 0 && (status != 0 || passed == 0))); then
         failed=1
     fi
-    ((failed == 0)) && return 0
-    show_failures "$log"
-    return 1
-}
-
-tests_over() {
-    grep -cE ' +[0-9.]+ sec$' "$log_dir/test-$1.log" 2>/dev/null || true
-}
-
-# run_preset_watched PRESET: as run_preset, and tells every 20 seconds how far it is.
-run_preset_watched() {
-    local watcher status=0
-    rm -f "$log_dir/test-$1.log"
-    while sleep 20; do
-        [[ ! -f "$log_dir/test-$1.log" ]] || say "$1: $(tests_over "$1") tests are over"
-    done &
-    watcher=$!
-    run_preset "$1" || status=$?
-    kill "$watcher" 2>/dev/null || true
-    wait "$watcher" 2>/dev/null || true
-    return "$status"
+    ((failed == 0))
 }

@@ -1,5 +1,7 @@
 #!/usr/bin/env bash
 # summary: runs the tests and reports the lines and branches of libsrc/ that they leave out
+# usage: ./dev coverage
+# time: long
 source tools/presets.sh
 
 readonly counting_preset=coverage-x86_64
@@ -45,6 +47,7 @@ stage() {
 
 (($# == 0)) || wrong_usage "coverage: takes no arguments, not \"$*\""
 require_packages build coverage
+say_time
 stages_passed=0
 stages_failed=0
 
@@ -52,6 +55,7 @@ say "$counting_preset: building and testing"
 # Whatever was counted by an earlier run.
 [[ ! -d build/$counting_preset ]] || find build/$counting_preset -name '*.gcda' -delete
 stage run_preset $counting_preset
+((failed == 0)) || show_failure $counting_preset
 say "$passed tests passed, $failed failed"
 ((passed > 0)) || fail "nothing ran that could be reported"
 run_logged coverage count_lines || fail "what ran could not be told"

@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
 # summary: builds and runs the main job on real signals, and shows it
+# usage: ./dev demo [--dump]
 source tools/devlib.sh
 
 require_packages build

@@ -1,5 +1,7 @@
 #!/usr/bin/env bash
 # summary: fuzzes tables and managers, 64-bit and 32-bit, each for SECONDS (60), with progress
+# usage: ./dev fuzz [SECONDS]
+# time: four times SECONDS, after a minute of building
 source tools/presets.sh
 
 readonly bodies=(table manager)
@@ -87,6 +89,7 @@ for body in "${bodies[@]}"; do
 done
 
 require_packages build test
+say_time
 trap interrupted INT TERM
 passed=0
 failed=0

@@ -1,5 +1,7 @@
 #!/usr/bin/env bash
 # summary: loads a plug-in into programs of others, and looks whether they behave as without it
+# program: tools/hosts.py
+# time: about a minute; with --quick, 15 seconds
 source tools/devlib.sh
 
 readonly nginx=build/hosts/nginx

@@ -1,5 +1,7 @@
 #!/usr/bin/env bash
-# summary: checks the models of the registry and of subscriptions in every order of their steps, and that they find mistakes
+# summary: checks the models of the registry and of subscriptions in every order of their steps
+# usage: ./dev model
+# time: long
 source tools/devlib.sh
 
 (($# == 0)) || wrong_usage "model: takes no arguments, not \"$*\""
@@ -90,6 +92,7 @@ visit() {
 }
 
 require_packages model
+say_time
 
 whole=(
     ""

@@ -1,5 +1,7 @@
 #!/usr/bin/env bash
 # summary: plants deliberate mistakes one at a time, and shows which test catches each
+# program: tools/mutants.py
+# time: long
 source tools/devlib.sh
 
 require_packages build test mutants

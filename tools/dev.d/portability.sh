@@ -1,9 +1,12 @@
 #!/usr/bin/env bash
 # summary: builds and runs the tests with libc++, and for aarch64 under qemu-user
+# usage: ./dev portability
+# time: long
 source tools/presets.sh
 
 (($# == 0)) || wrong_usage "portability: takes no arguments, not \"$*\""
 require_packages build test portability
+say_time
 
 declare -A described=(
     [libcxx-x86_64]="clang++ with libc++"
@@ -15,7 +18,7 @@ total_failed=0
 for preset in libcxx-x86_64 clang-aarch64; do
     say "$preset: building and testing"
     started=$SECONDS
-    run_preset_watched "$preset" || say "$preset: FAILED"
+    run_preset "$preset" || show_failure "$preset"
     rows+=("$(printf '%-28s %7d %7d %7d %7d s' \
         "${described[$preset]}" "$passed" "$failed" "$skipped" $((SECONDS - started)))")
     total_passed=$((total_passed + passed))

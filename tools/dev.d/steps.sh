@@ -1,15 +1,18 @@
 #!/usr/bin/env bash
 # summary: steps to every instruction of the operations, of the library without optimisation, too
+# usage: ./dev steps
+# time: long
 source tools/presets.sh
 
 (($# == 0)) || wrong_usage "steps: takes no arguments, not \"$*\""
 require_packages build test
+say_time
 
 total_passed=0
 total_failed=0
 for preset in steps-x86_64 steps-i386; do
     say "$preset: building and testing"
-    run_preset_watched "$preset" || say "$preset: FAILED"
+    run_preset "$preset" || show_failure "$preset"
     total_passed=$((total_passed + passed))
     total_failed=$((total_failed + failed))
     read -r visited wrong < <(count_steps "build/$preset/junit.xml")

@@ -1,5 +1,7 @@
 #!/usr/bin/env bash
 # summary: storms of signals against everything, each for SECONDS (10), with their progress
+# usage: ./dev storm [SECONDS]
+# time: SECONDS for each storm, after a minute of building
 source tools/devlib.sh
 
 seconds="${1-10}"
@@ -8,6 +10,7 @@ if (($# > 1)) || [[ ! "$seconds" =~ ^[1-9][0-9]{0,5}$ ]]; then
 fi
 
 require_packages build test
+say_time
 say "Building the storms"
 run_logged build-storm build_preset gcc-x86_64 --target storm_test ||
     fail "the storms could not be built"

@@ -1,5 +1,7 @@
 #!/usr/bin/env bash
 # summary: runs the tests under valgrind's memcheck, and fails on an error or a leak
+# usage: ./dev valgrind
+# time: long
 source tools/presets.sh
 
 readonly checked_preset=gcc-x86_64
@@ -12,12 +14,13 @@ readonly left_out='^(headers|package|abi|unoptimised|disturbed|example|readme)\.
 
 (($# == 0)) || wrong_usage "valgrind: takes no arguments, not \"$*\""
 require_packages build test valgrind
+say_time
 
 export SORVANE_TEST_WRAPPER="$PWD/tools/valgrind/run_under_memcheck.sh"
 ctest_options=(--exclude-regex "$left_out")
 say "$checked_preset: building, and testing under memcheck"
 started=$SECONDS
-run_preset_watched $checked_preset || say "$checked_preset: FAILED"
+run_preset $checked_preset || show_failure $checked_preset
 
 printf '\n%-14s %7s %7s %7s %9s\n' preset passed failed skipped time
 printf '%-14s %7d %7d %7d %7d s\n' $checked_preset "$passed" "$failed" "$skipped" $((SECONDS - started))
