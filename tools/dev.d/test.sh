@@ -2,7 +2,7 @@
 # summary: builds and runs every test, 64-bit and 32-bit, under both compilers
 # usage: ./dev test [PRESET ...]
 # more: The presets: gcc-x86_64 gcc-i386 clang-x86_64 clang-i386; asan-x86_64 asan-i386 tsan-x86_64.
-# time: about 7 minutes on 2 cores
+# time: about 7 minutes for all presets on 2 cores
 source tools/presets.sh
 
 readonly default_presets=(gcc-x86_64 gcc-i386 clang-x86_64 clang-i386)
