@@ -269,6 +269,29 @@ TEST_F(PutBack, AfterTheLastSubscriptionLeadsToTheHandlerBefore) {
     EXPECT_EQ(systemHandler(theSignal), addressOf(hostHandler));
 }
 
+// Only the end of the subscription has seen what the host has installed over the library.
+TEST_F(PutBack, AfterTheOnlySubscriptionLeadsToTheHandlerBefore) {
+    hostInstalls(theSignal, hostHandler);
+    m_earlier = std::make_unique<Subscription>(theSignal, userHandler);
+    hostReplaces(theSignal, otherHostHandler, 0);
+    m_earlier.reset();
+    sigaction(theSignal, &found, nullptr);
+    raise(theSignal);
+    EXPECT_EQ(callsOf(hostHandler), 1U);
+    EXPECT_EQ(callsOf(otherHostHandler), 0U);
+}
+
+TEST_F(PutBack, IsStillMeantAfterOneMoreTakeOver) {
+    hostInstalls(theSignal, hostHandler, SA_RESTART);
+    isFoundBy(otherHostHandler, theSignal, 0);
+    sigaction(theSignal, &found, nullptr);
+    {
+        const Subscription third(theSignal, userInformationHandler);
+        endAll();
+    }
+    EXPECT_EQ(systemHandler(theSignal), addressOf(hostHandler));
+}
+
 // As a shell does with its handler for the end of a wait.
 TEST_F(PutBack, InTurnsWithAnotherHandlerMeansTheOneBeforeEachTime) {
     struct sigaction before = {};
