@@ -9,6 +9,7 @@ command for bash, one shell for the whole page, and the lines below it are what 
 stands for anything there, several lines included.
 """
 
+import ctypes
 import pathlib
 import re
 import resource
@@ -18,6 +19,7 @@ import sys
 FENCE = re.compile(r"^```(\w+)\n(.*?)^```$", re.MULTILINE | re.DOTALL)
 NAME = re.compile(r"^(?://|#) (\w+\.(?:cpp|h|py))\n")
 SECONDS = 50
+ADDR_NO_RANDOMIZE = 0x0040000
 SEPARATOR = "--- end of the output ---"
 # What stands between two commands leaves the status of the first one to the second.
 PREPARATION = f"end_output() {{ local status=$?; echo '{SEPARATOR}'; return $status; }}\n"
@@ -59,9 +61,12 @@ def session(page):
     return commands
 
 
-def no_core_files():
-    # A limit of one byte keeps the system's own collector from taking one, too.
+def prepare_shell():
+    # No core files: a limit of one byte keeps the system's own collector from taking one, too.
     resource.setrlimit(resource.RLIMIT_CORE, (1, 1))
+    # Older sanitizers can't set up their memory where the kernel randomises addresses strongly. If
+    # it refuses to leave that out, they have to try.
+    ctypes.CDLL(None).personality(ADDR_NO_RANDOMIZE)
 
 
 def outputs(commands, folder):
@@ -69,7 +74,7 @@ def outputs(commands, folder):
     script = PREPARATION + "".join(f"{command}\nend_output\n" for command, _ in commands)
     shell = subprocess.run(["bash", "-c", script, "bash"], cwd=folder, text=True, check=False,
                            stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
-                           stderr=subprocess.STDOUT, timeout=SECONDS, preexec_fn=no_core_files)
+                           stderr=subprocess.STDOUT, timeout=SECONDS, preexec_fn=prepare_shell)
     return [each.splitlines() for each in shell.stdout.split(SEPARATOR + "\n")]
 
 
