@@ -10,7 +10,7 @@ readonly checked_preset=gcc-x86_64
 # of ours to run; the programs for users to read, which are run as they are; stepping, for
 # which it has no trap flag; and storms and other disturbances, of which little is left
 # where one thread runs at a time.
-readonly left_out='^(headers|package|abi|unoptimised|disturbed|example|readme)\.|^Interrupted|^Storm'
+readonly left_out='^(headers|package|abi|unoptimised|disturbed|example|guide|readme)\.|^Interrupted|^Storm'
 
 (($# == 0)) || wrong_usage "valgrind: takes no arguments, not \"$*\""
 require_packages build test valgrind
