@@ -6,7 +6,7 @@ headers="$(realpath "$1/sorvane-signals")"
 shift
 included="$(for header in "$headers"/include/sorvane/*.h; do
     "$@" -std=c++17 -MM "$header" -MF -
-done | sed 's/^[^ ]*://; s/\\ /@/g' | tr -s ' \\' '\n\n' | sed '/^$/d; s/@/ /g' |
+done | sed 's/^[^ ]*://; s/\\ /@/g; s/\\$//' | tr -s ' ' '\n' | sed '/^$/d; s/@/ /g' |
     xargs -d '\n' realpath | sort -u)"
 installed="$(find "$headers" -type f | sort)"
 [ "$included" = "$installed" ] && exit 0
