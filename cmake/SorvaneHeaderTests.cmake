@@ -1,10 +1,14 @@
 # Every public header must compile alone and twice in a row, without a warning,
-# in each language version that users may compile with.
+# in each language version that users may compile with, and without exceptions and
+# run-time type information.
 function(sorvane_add_header_tests include_dir)
   separate_arguments(flags UNIX_COMMAND "${CMAKE_CXX_FLAGS}")
   file(GLOB headers CONFIGURE_DEPENDS "${include_dir}/sorvane/*.h")
   # clang++ 14 does not know C++23 by its final name yet.
-  set(language_versions cxx17=c++17 cxx20=c++20 cxx23=c++2b)
+  set(cxx17_options -std=c++17)
+  set(cxx20_options -std=c++20)
+  set(cxx23_options -std=c++2b)
+  set(cxx17_plain_options -std=c++17 -fno-exceptions -fno-rtti)
 
   foreach(header IN LISTS headers)
     cmake_path(GET header STEM name)
@@ -12,14 +16,11 @@ function(sorvane_add_header_tests include_dir)
     set(include_line "#include <sorvane/${name}.h>\n")
     file(CONFIGURE OUTPUT "${source}" CONTENT "${include_line}${include_line}")
 
-    foreach(language_version IN LISTS language_versions)
-      string(REPLACE "=" ";" language_version "${language_version}")
-      list(GET language_version 0 suffix)
-      list(GET language_version 1 standard)
+    foreach(suffix IN ITEMS cxx17 cxx20 cxx23 cxx17_plain)
       add_test(
         NAME headers.${name}.${suffix}
         COMMAND
-          ${CMAKE_CXX_COMPILER} ${flags} -std=${standard} -fsyntax-only
+          ${CMAKE_CXX_COMPILER} ${flags} ${${suffix}_options} -fsyntax-only
           ${SORVANE_SIGNALS_WARNING_FLAGS} -Werror "-I${include_dir}" "${source}")
       set_tests_properties(headers.${name}.${suffix} PROPERTIES TIMEOUT 60)
     endforeach()

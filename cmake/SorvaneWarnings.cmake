@@ -1,5 +1,5 @@
-# The warnings that the whole tree is free of. Linked privately: they are no
-# business of a project that uses the library.
+# The warnings that the whole tree is free of. Linked privately, and to nothing of a
+# project that has the library as a part: they are no business of its users.
 set(SORVANE_SIGNALS_WARNING_FLAGS
     -Wall
     -Wextra

@@ -1,5 +1,8 @@
 # Usage: cmake -DBUILD=dir -DPREFIX=dir -P install_afresh.cmake
-# A file of an earlier installation would hide that it is installed no more.
-file(REMOVE_RECURSE "${PREFIX}")
+# A file of an earlier installation would hide that it is installed no more. What was installed is
+# moved to where it is used, as users may move it.
+set(before "${PREFIX} before it is moved")
+file(REMOVE_RECURSE "${PREFIX}" "${before}")
 execute_process(
-  COMMAND ${CMAKE_COMMAND} --install "${BUILD}" --prefix "${PREFIX}" COMMAND_ERROR_IS_FATAL ANY)
+  COMMAND ${CMAKE_COMMAND} --install "${BUILD}" --prefix "${before}" COMMAND_ERROR_IS_FATAL ANY)
+file(RENAME "${before}" "${PREFIX}")

@@ -350,6 +350,7 @@ TEST_F(SVObjectOperators, NoBlockIsLostThatIsReleasedInAHandlerWhileOthersAre) {
 class Mortal : public SVObject {
 public:
     ~Mortal() noexcept override { ++destroyed; }
+    static void* operator new(std::size_t size) noexcept { return SVObject::operator new(size); }
     static void operator delete(void* storage) noexcept {
         ++deleted;
         SVObject::operator delete(storage);

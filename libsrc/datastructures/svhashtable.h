@@ -412,9 +412,9 @@ V& SVHashTable<K, V, H>::operator[](const K& key) {
     Entry* const entry = get(key);
     // Not to be reached with a key that equals itself.
     if (entry == nullptr) {
-        throw svhashtableFailure("Internal lookup error during operator[].", lineAbsentAfterInsert,
-                                 svexceptionInternalTableError)
-            .exception();
+        svhashtableFailure("Internal lookup error during operator[].", lineAbsentAfterInsert,
+                           svexceptionInternalTableError)
+            .throwIt();
     }
     return entry->value;
 }

@@ -47,13 +47,13 @@ public:
     /// Errors: "Iterator not ready to increment."; at the end position, "Iterator at end.".
     void operator++(int) {
         if (entries == nullptr) {
-            throw svhashtableFailure("Iterator not ready to increment.", lineStepNotReady,
-                                     svexceptionIteratorMisused)
-                .exception();
+            svhashtableFailure("Iterator not ready to increment.", lineStepNotReady,
+                               svexceptionIteratorMisused)
+                .throwIt();
         }
         if (index == size - 1) {
-            throw svhashtableFailure("Iterator at end.", lineStepAtEnd, svexceptionIteratorMisused)
-                .exception();
+            svhashtableFailure("Iterator at end.", lineStepAtEnd, svexceptionIteratorMisused)
+                .throwIt();
         }
         unsigned int next = index + 1;
         while (next < size - 1 && entries[next].state != svslotOccupied) {
@@ -67,15 +67,15 @@ public:
     /// "Iterator refers to invalid table entry.".
     const V& GetValue() const {
         if (entries == nullptr) {
-            throw svhashtableFailure("Iterator not ready to get value.", lineValueNotReady,
-                                     svexceptionIteratorMisused)
-                .exception();
+            svhashtableFailure("Iterator not ready to get value.", lineValueNotReady,
+                               svexceptionIteratorMisused)
+                .throwIt();
         }
         const Entry& entry = entries[index];
         if (entry.state == svslotEmpty || entry.state == svslotDeleted) {
-            throw svhashtableFailure("Iterator refers to invalid table entry.", lineValueInvalid,
-                                     svexceptionIteratorMisused)
-                .exception();
+            svhashtableFailure("Iterator refers to invalid table entry.", lineValueInvalid,
+                               svexceptionIteratorMisused)
+                .throwIt();
         }
         return entry.value;
     }

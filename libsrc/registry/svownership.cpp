@@ -24,7 +24,7 @@ struct HandBack {
 };
 constinit HandBack handBacks[highestSignal + 1] = {};
 
-constinit struct sigaction hosts[highestSignal + 1] = {};
+constinit struct sigaction hostsActions[highestSignal + 1] = {};
 constinit struct sigaction hostsBefore[highestSignal + 1] = {};
 
 // The C library has a flag for its own way back from a handler.
@@ -96,12 +96,12 @@ bool SVOwnership::handedBackByThisThreadQ(int signalNumber) noexcept {
 }
 
 const struct sigaction& SVOwnership::hostsAction(int signalNumber) noexcept {
-    return hosts[numberOf(signalNumber)];
+    return hostsActions[numberOf(signalNumber)];
 }
 
 void SVOwnership::rememberHosts(int signalNumber, const struct sigaction& found) noexcept {
     if (signalExistsQ(signalNumber)) {
-        hosts[signalNumber] = hostsActionIf(signalNumber, found);
+        hostsActions[signalNumber] = hostsActionIf(signalNumber, found);
     }
 }
 

@@ -9,6 +9,7 @@
 #include <type_traits>
 
 #include "svexception.h"
+#include "svexport.h"
 
 namespace Sorvane {
 
@@ -43,9 +44,12 @@ public:
     }
     void throwIfAny() const {
         if (m_message != nullptr) {
-            throw exception();
+            throwIt();
         }
     }
+    /// Made in the library, so that the headers do for programs that are compiled without
+    /// exceptions. A failure ends these.
+    [[noreturn]] SORVANE_API void throwIt() const;
 
 private:
     const char* m_message = nullptr;

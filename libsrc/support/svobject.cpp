@@ -32,24 +32,24 @@ struct alignas(std::max_align_t) Header {
     Header* next;            // on the list of the released
 };
 
-constinit std::atomic<Header*> released{nullptr};
+constinit std::atomic<Header*> blocksPutAside{nullptr};
 
 static_assert(std::atomic<Header*>::is_always_lock_free);
 
 void putAside(Header* block) noexcept {
-    Header* head = released.load(std::memory_order_relaxed);
+    Header* head = blocksPutAside.load(std::memory_order_relaxed);
     do {
         block->next = head;
         // Release: whoever takes the list sees the link, and all that was done with the block.
-    } while (!released.compare_exchange_weak(head, block, std::memory_order_release,
-                                             std::memory_order_relaxed));
+    } while (!blocksPutAside.compare_exchange_weak(head, block, std::memory_order_release,
+                                                   std::memory_order_relaxed));
 }
 
 void freeWhatWasPutAside() noexcept {
-    if (released.load(std::memory_order_relaxed) == nullptr) {
+    if (blocksPutAside.load(std::memory_order_relaxed) == nullptr) {
         return;
     }
-    Header* block = released.exchange(nullptr, std::memory_order_acquire);
+    Header* block = blocksPutAside.exchange(nullptr, std::memory_order_acquire);
     while (block != nullptr) {
         Header* const next = block->next;
         std::free(block);

@@ -18,7 +18,7 @@ namespace Sorvane {
 
 namespace {
 
-constexpr const char* unknown = "unknown";
+constexpr const char* unknownText = "unknown";
 
 void writeNumber(std::ostream& stream, std::uintptr_t value, int base = 10) {
     char digits[3 * sizeof(value)];
@@ -68,7 +68,7 @@ void writeSignalName(std::ostream& stream, int signalNumber) {
     } else if (const char* const name = sigabbrev_np(signalNumber)) {
         stream << "SIG" << name;
     } else {
-        stream << unknown;
+        stream << unknownText;
     }
 }
 
@@ -114,13 +114,13 @@ void writeFunction(std::ostream& stream, void* function) {
     if (moduleKnown && place.dli_sname != nullptr) {
         writePlaceInFunction(stream, address, place);
     } else {
-        stream << unknown;
+        stream << unknownText;
     }
     stream << "</function><module>";
     if (moduleKnown) {
         writePlaceInModule(stream, address, place);
     } else {
-        stream << unknown;
+        stream << unknownText;
     }
     stream << "</module>";
 }

@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <new>
 
 namespace Sorvane {
 
@@ -44,6 +45,14 @@ void giveBackToReserve(const char* storage) noexcept {
 
 }  // namespace
 
+void svthrowBadAlloc() {
+    throw std::bad_alloc();
+}
+
+void svthrowBadArrayNewLength() {
+    throw std::bad_array_new_length();
+}
+
 template <>
 char* SVStdAllocator<char>::allocate(std::size_t count) {
     void* storage = SVObject::operator new(count);
@@ -51,7 +60,7 @@ char* SVStdAllocator<char>::allocate(std::size_t count) {
         storage = takeFromReserve(count);
     }
     if (storage == nullptr) {
-        throw std::bad_alloc();
+        svthrowBadAlloc();
     }
     return static_cast<char*>(storage);
 }

@@ -4,13 +4,17 @@
 
 #include <cstddef>
 #include <limits>
-#include <new>
 #include <type_traits>
 
 #include "svexport.h"
 #include "svobject.h"
 
 namespace Sorvane {
+
+/// The standard's exceptions, thrown by the library, so that the headers do for programs that are
+/// compiled without exceptions.
+[[noreturn]] SORVANE_API void svthrowBadAlloc();
+[[noreturn]] SORVANE_API void svthrowBadArrayNewLength();
 
 /// Gives standard containers their storage from SVObject's operators. All allocators are alike:
 /// storage from one may be given back through any other.
@@ -35,11 +39,11 @@ public:
     /// std::bad_array_new_length when the size can't be expressed.
     T* allocate(std::size_t count) {
         if (count > std::numeric_limits<std::size_t>::max() / sizeof(T)) {
-            throw std::bad_array_new_length();
+            svthrowBadArrayNewLength();
         }
         void* storage = SVObject::operator new(count * sizeof(T));
         if (storage == nullptr) {
-            throw std::bad_alloc();
+            svthrowBadAlloc();
         }
         return static_cast<T*>(storage);
     }

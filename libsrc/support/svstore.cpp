@@ -66,7 +66,7 @@ struct alignas(smallestBlock) Chunk {
 // Large enough for a few tables, and small enough to cost nothing where there are no more.
 constexpr std::size_t chunkSize = std::size_t{16} * 1024;
 
-constinit std::atomic<Chunk*> current{nullptr};
+constinit std::atomic<Chunk*> currentChunk{nullptr};
 
 void* map(std::size_t size) noexcept {
     void* const mapped =
@@ -79,7 +79,7 @@ void* map(std::size_t size) noexcept {
 void* cutFromChunk(std::size_t size) noexcept {
     for (;;) {
         // Acquire pairs with the exchange below: whoever finds a chunk finds it made.
-        Chunk* chunk = current.load(std::memory_order_acquire);
+        Chunk* chunk = currentChunk.load(std::memory_order_acquire);
         void* const block = chunk == nullptr ? nullptr : chunk->take(size);
         if (block != nullptr) {
             return block;
@@ -92,7 +92,7 @@ void* cutFromChunk(std::size_t size) noexcept {
         }
         auto* const made = new (mapped) Chunk;
         made->size = wanted;
-        if (!current.compare_exchange_strong(chunk, made, std::memory_order_acq_rel)) {
+        if (!currentChunk.compare_exchange_strong(chunk, made, std::memory_order_acq_rel)) {
             munmap(mapped, wanted);
         }
     }

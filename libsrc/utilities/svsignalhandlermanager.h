@@ -26,8 +26,8 @@
 ///
 /// What a handler throws leaves it. errno is left as it was.
 /// Signal context: handler only. Threads: any, without a lock.
-extern "C" SORVANE_API void actualSignalHandler(int signalNumber, siginfo* information,
-                                                void* context);
+extern "C" SORVANE_PLAIN_API void actualSignalHandler(int signalNumber, siginfo* information,
+                                                      void* context);
 
 namespace Sorvane {
 

@@ -12,7 +12,7 @@ namespace Sorvane {
 
 namespace {
 
-constexpr SVFailure noTable = svnoTableFailure(302);
+constexpr SVFailure noTableForHost = svnoTableFailure(302);
 
 bool hasRecordsQ(const SVSignalHandlerTable* table) noexcept {
     return table != nullptr && table->used != 0;
@@ -77,7 +77,7 @@ SVFailure handBack(int signalNumber, SVSignalHandler wanted) noexcept {
 }  // namespace
 
 SVFailure svtakeOver(int signalNumber) noexcept {
-    return svregistry.addTable(signalNumber, noTable).then([&] {
+    return svregistry.addTable(signalNumber, noTableForHost).then([&] {
         return allowedQ(signalNumber) ? swap(signalNumber) : SVFailure();
     });
 }
@@ -87,10 +87,10 @@ SVFailure svkeepOnRecord(int signalNumber, struct sigaction action, bool& kept) 
     if (svnobodysActionQ(action)) {
         return SVFailure();
     }
-    return svregistry.addTable(signalNumber, noTable).then([&] {
+    return svregistry.addTable(signalNumber, noTableForHost).then([&] {
         const SVSignalHandler record(signalNumber, action, true, true, true);
         kept = !svregistry.tableOf(signalNumber)->has_key(record.getHandlerFunction());
-        return kept ? svregistry.store(record, noTable) : SVFailure();
+        return kept ? svregistry.store(record, noTableForHost) : SVFailure();
     });
 }
 

@@ -22,7 +22,7 @@ constexpr SVFailure hadAlready =
     failureAt("The handler has the signal already.", 73, svexceptionRequestRefused);
 constexpr SVFailure noEntry =
     failureAt("No entry function is left.", 96, svexceptionAllocationFailed);
-constexpr SVFailure noTable =
+constexpr SVFailure noTableForGuest =
     failureAt("Unable to allocate new table", 112, svexceptionAllocationFailed);
 
 SVMutexHandle* lockHandle() noexcept {
@@ -53,7 +53,7 @@ bool hostsQ(const SVSignalHandler& record) noexcept {
 // middle of an end there may be no table any more. Result: whether there was memory for it.
 bool takeEndedOut(int signalNumber) noexcept {
     const bool none = svregistry.tableOf(signalNumber) == nullptr;
-    const bool detached = none || !svregistry.detach(signalNumber, noTable);
+    const bool detached = none || !svregistry.detach(signalNumber, noTableForGuest);
     if (detached && !none) {
         svregistry.removeAll(signalNumber, SVSubscriptionEntries::endedQ);
         svregistry.compact(signalNumber);
@@ -65,7 +65,7 @@ void* functionOf(const struct sigaction& action) noexcept {
     return reinterpret_cast<void*>(action.sa_sigaction);
 }
 
-bool onRecordQ(int signalNumber, const struct sigaction& action) noexcept {
+bool hasRecordQ(int signalNumber, const struct sigaction& action) noexcept {
     return svregistry.tableOf(signalNumber)->has_key(functionOf(action));
 }
 
@@ -83,7 +83,7 @@ SVFailure takeOverForGuests(int signalNumber) noexcept {
 void forgetFormerOf(int signalNumber, const struct sigaction& hosts) noexcept {
     const struct sigaction& former = SVOwnership::hostsAction(signalNumber);
     if (svkeptByGuests.hasQ(signalNumber) && SVOwnership::librarysQ(signalNumber) &&
-        former.sa_handler != hosts.sa_handler && onRecordQ(signalNumber, former)) {
+        former.sa_handler != hosts.sa_handler && hasRecordQ(signalNumber, former)) {
         svregistry.remove(signalNumber, functionOf(former));
         svregistry.compact(signalNumber);
     }
@@ -197,12 +197,12 @@ SVFailure SVSignalSubscription::enter(const struct sigaction& hosts) noexcept {
     const SVSignalHandler record(m_signalNumber, SVSubscriptionEntries::functionOf(m_entry), false,
                                  false, true);
     const bool first = svregistry.tableOf(m_signalNumber) == nullptr;
-    const SVFailure failure = svregistry.addTable(m_signalNumber, noTable)
+    const SVFailure failure = svregistry.addTable(m_signalNumber, noTableForGuest)
                                   .then([&] {
                                       if (first) {
                                           svonlyForGuests.add(m_signalNumber);
                                       }
-                                      return svregistry.store(record, noTable);
+                                      return svregistry.store(record, noTableForGuest);
                                   })
                                   .then([&] {
                                       m_onRecord = true;
@@ -225,7 +225,8 @@ void SVSignalSubscription::withdraw() noexcept {
     }
     SVSignalHandlerTable* const table = svregistry.tableOf(m_signalNumber);
     if (table != nullptr && table->used == 0 && svonlyForGuests.hasQ(m_signalNumber) &&
-        !SVOwnership::librarysQ(m_signalNumber) && !svregistry.detach(m_signalNumber, noTable)) {
+        !SVOwnership::librarysQ(m_signalNumber) &&
+        !svregistry.detach(m_signalNumber, noTableForGuest)) {
         svregistry.dropTable(m_signalNumber);
     }
     SVSubscriptionEntries::giveBack(m_entry);
@@ -250,7 +251,7 @@ void SVSignalSubscription::end() noexcept {
     }
     if (svonlyForGuests.hasQ(m_signalNumber)) {
         svregistry.dropTable(m_signalNumber);
-    } else if (svkeptByGuests.hasQ(m_signalNumber) && onRecordQ(m_signalNumber, hosts)) {
+    } else if (svkeptByGuests.hasQ(m_signalNumber) && hasRecordQ(m_signalNumber, hosts)) {
         svregistry.remove(m_signalNumber, functionOf(hosts));
         svregistry.compact(m_signalNumber);
     }

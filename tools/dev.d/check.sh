@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# summary: format, lint and sanitizers (warnings as errors under both compilers: `test`)
+# summary: format, lint, licence and sanitizers (warnings as errors under both compilers: `test`)
 # usage: ./dev check
 # time: about 6 minutes on 2 cores
 source tools/presets.sh
@@ -61,6 +61,7 @@ stage format check_format
 stage clang-tidy check_clang_tidy
 stage cppcheck check_cppcheck
 stage shellcheck check_shell
+stage licence reuse lint
 for preset in asan-x86_64 asan-i386 tsan-x86_64; do
     stage "$preset" check_sanitizer "$preset"
 done

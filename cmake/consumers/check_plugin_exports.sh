@@ -1,0 +1,9 @@
+#!/bin/sh
+# check_plugin_exports.sh NM PLUG_IN: a plug-in exports its own functions, and, if it contains the
+# library, the function that has a plain name.
+set -eu
+exported="$("$1" --dynamic --defined-only --demangle "$2" | sed 's/^[^ ]* . //' |
+    grep -vE '^(plugIn(Begin|Calls|End)|actualSignalHandler)$' || true)"
+[ -z "$exported" ] && exit 0
+printf 'exported by %s:\n%s\n' "$2" "$exported"
+exit 1
