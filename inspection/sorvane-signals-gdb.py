@@ -1,6 +1,6 @@
-"""What gdb shows of Sorvane signals: the handler records, the tables, the dispositions, the lock and
-the managers in words, and with "info sorvane" the whole state of the process. It only reads memory,
-so a core file will do. `print/r` shows an object as it is.
+"""What gdb shows of Sorvane signals: the handler records, the tables, the dispositions, the lock
+and the managers in words, and with "info sorvane" the whole state of the process. It only reads
+memory, so a core file will do. "print/r" shows an object as it is.
 """
 
 import os
@@ -110,8 +110,8 @@ class TablePrinter:
 
     def whole(self):
         """A table whose constructor has not run yet has anything in its fields."""
-        slots = int(self.table["mask"]) + 1
-        return slots & (slots - 1) == 0 and int(self.table["used"]) <= int(self.table["fill"]) < slots
+        mask, used, fill = (int(self.table[member]) for member in ("mask", "used", "fill"))
+        return mask & (mask + 1) == 0 and used <= fill <= mask
 
     def to_string(self):
         if not self.whole():
@@ -180,8 +180,9 @@ class State:
             self.tables = self.behind(shared("handlerTables"))
             self.lock = self.behind(shared("handlerTableLock"))
         except gdb.error as error:
-            raise gdb.GdbError("The state of Sorvane signals can't be read: it takes a process or a "
-                               f"core file, and the library's debug information ({error}).") from error
+            raise gdb.GdbError(
+                "The state of Sorvane signals can't be read: it takes a process or a core file, "
+                f"and the library's debug information ({error}).") from error
 
     @staticmethod
     def behind(pointer):
@@ -211,8 +212,8 @@ class State:
 
 
 class ManagerPrinter:
-    """A manager, which has but a flag of its own, and the state that it stands for. Only the library
-    itself has all of the debug information of the class.
+    """A manager, which has but a flag of its own, and the state that it stands for. Only the
+    library itself has all of the debug information of the class.
     """
 
     def __init__(self, manager):
