@@ -4,6 +4,7 @@ memory, so a core file will do. "print/r" shows an object as it is.
 """
 
 import os
+import re
 import signal
 
 import gdb
@@ -15,7 +16,10 @@ OCCUPIED, DELETED = 1, 2
 FLAGS = {0x1: "SA_NOCLDSTOP", 0x2: "SA_NOCLDWAIT", 0x4: "SA_SIGINFO", 0x08000000: "SA_ONSTACK",
          0x10000000: "SA_RESTART", 0x40000000: "SA_NODEFER", 0x80000000: "SA_RESETHAND"}
 # Where the standard libraries keep the value of an atomic object.
-ATOMIC_MEMBERS = ("_M_i", "__a_", "__a_value")
+ATOMIC_MEMBERS = ("_M_i", "_M_b", "_M_p", "__a_", "__a_value")
+# What is on record for a subscription, and where its handler is.
+ENTRY = re.compile(r"(?:void )?Sorvane::\(anonymous namespace\)::entry<(\d+)u?>\(")
+ENTRIES = "'Sorvane::(anonymous namespace)::slots'"
 
 
 def plain(atomic):
@@ -54,10 +58,19 @@ def function_name(address):
     return name if section else f"{address:#x}"
 
 
-def place(address):
-    """Where the function begins in its source; nothing if that is not known."""
-    line = gdb.find_pc_line(address)
-    return f" at {os.path.basename(line.symtab.filename)}:{line.line}" if line.symtab else ""
+def function_text(address):
+    """Its name, and where it begins in the source if that is known."""
+    name = function_name(address)
+    line = gdb.find_pc_line(address) if address > 1 else None
+    if line and line.symtab:
+        name += f" at {os.path.basename(line.symtab.filename)}:{line.line}"
+    return name
+
+
+def subscription_text(entry):
+    handler = int(plain(gdb.parse_and_eval(ENTRIES)[entry]["handler"]))
+    what = f"subscription {entry}"
+    return f"{function_text(handler)}, {what}" if handler else f"{what}, which has ended"
 
 
 def flags_text(flags):
@@ -76,11 +89,17 @@ def record_text(record):
     action = record["m_osRecord"]
     address = int(action["__sigaction_handler"]["sa_handler"])
     marks = [word for member, word in (("m_preExists", "pre-existing"), ("m_external", "external"))
-             if record[member]] or ["registered"]
+             if record[member]]
+    entry = ENTRY.match(function_name(address))
+    if entry:
+        function = subscription_text(int(entry[1]))
+    else:
+        function = function_text(address)
+        marks = marks or ["registered"]
     if not record["m_valid"]:
         marks.append("not valid")
-    return (f"{function_name(address)}{place(address) if address > 1 else ''}, {', '.join(marks)}, "
-            f"{flags_text(int(action['sa_flags']))}, mask: {listed(masked(action['sa_mask']))}")
+    return (f"{', '.join([function, *marks])}, {flags_text(int(action['sa_flags']))}, "
+            f"mask: {listed(masked(action['sa_mask']))}")
 
 
 def occupied_slots(table):

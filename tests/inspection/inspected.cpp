@@ -1,7 +1,8 @@
-// A process to look into: a handler of the host's, and handlers that have no name in the dynamic
-// symbol table. It writes its dump, and waits for the end of its input.
+// A process to look into: a handler of the host's, a subscription, and handlers that have no name
+// in the dynamic symbol table. It writes its dump, and waits for the end of its input.
 
 #include <sorvane/svsignalhandlermanager.h>
+#include <sorvane/svsignalsubscription.h>
 #include <unistd.h>
 
 #include <csignal>
@@ -27,11 +28,14 @@ static void ofGuest(int) {}
 
 static void onHangup(int) {}
 
+static void onAlarm(int) {}
+
 int main() {
     std::signal(SIGTERM, &ofHost);
 
     Sorvane::SVSignalHandlerManager quiet(false);
     Sorvane::SVSignalHandlerManager manager(true);
+    const Sorvane::SVSignalSubscription subscription(SIGALRM, &onAlarm);
     manager.setSignalDisposition(SIGUSR2, false);
     manager.setHandlerFromFunction(SIGTERM, &ofGuest);
     manager.setHandlerFromFunction(SIGINT, &unnamed);

@@ -23,7 +23,7 @@ ENVIRONMENT = {**os.environ, "LC_ALL": "C", "LD_LIBRARY_PATH": str(PREFIX / LIBR
 
 USUAL = "registered, SA_ONSTACK|SA_RESTART, mask: none"
 UNNAMED = "(anonymous namespace)::unnamed(int, siginfo_t*, void*)"
-STATE = """Managers: 2
+STATE = """Managers: 3
 Handling signals: yes
 Lock: {lock}
 Dispositions: may handle all signals from 1 to 60 but: SIGKILL, SIGUSR2, SIGSTOP, 32, 33
@@ -33,11 +33,13 @@ SIGINT (2), not taken over
     {name}{unnamed}, registered, SA_SIGINFO|SA_ONSTACK|SA_RESTART, mask: none
 SIGUSR1 (10), taken over
     main::{{lambda(int)#1}}::_FUN(int){lambda}, {usual}
+SIGALRM (14), taken over
+    onAlarm(int){onAlarm}, subscription 0, SA_SIGINFO|SA_ONSTACK|SA_RESTART, mask: none
 SIGTERM (15), taken over
     ofHost(int){ofHost}, pre-existing, external, SA_RESTART, mask: SIGTERM
     ofGuest(int){ofGuest}, {usual}
 """
-WRITTEN = """Managers: 2
+WRITTEN = """Managers: 3
 Handling signals: yes
 SIGHUP (1)
     onHangup(int){onHangup}, external, not valid
@@ -45,6 +47,8 @@ SIGINT (2)
     {name}{unnamed}, registered
 SIGUSR1 (10)
     main::{{lambda(int)#1}}{lambda}, registered
+SIGALRM (14)
+    subscription 0{subscription}, registered
 SIGTERM (15)
     ofHost(int){ofHost}, pre-existing, external
     ofGuest(int){ofGuest}, registered
@@ -60,7 +64,7 @@ def line_of(function):
 def filled(text, place, **others):
     """A text in which each function's place is known by the line that it begins in."""
     places = {function: place.format(line=line_of(function))
-              for function in ("onHangup", "unnamed", "lambda", "ofHost", "ofGuest")}
+              for function in ("onHangup", "unnamed", "lambda", "onAlarm", "ofHost", "ofGuest")}
     return text.format(name=UNNAMED, usual=USUAL, **places, **others)
 
 
@@ -125,9 +129,9 @@ class Gdb(unittest.TestCase):
     def test_manager_with_its_tables(self):
         shown = self.part("manager")
         self.assertTrue(shown.startswith(
-            "$2 = manager that does not lock = {numberOfManagers = 2, currentlyHandlingSignals = "
+            "$2 = manager that does not lock = {numberOfManagers = 3, currentlyHandlingSignals = "
             "true, handlerTableLock = free, signalDispositionSet = may handle all signals from 1 "
-            "to 60 but: SIGKILL, SIGUSR2, SIGSTOP, 32, 33, handlerTables = SVHashTable with 4 of 8 "
+            "to 60 but: SIGKILL, SIGUSR2, SIGSTOP, 32, 33, handlerTables = SVHashTable with 5 of 8 "
             "slots in use and 0 deleted = {"), shown)
         self.assertRegex(shown, r"\[SIGUSR1\] = SVHashTable with 1 of 8 slots in use and 1 deleted "
                          r"= \{\[0x\w+ <_FUN\(int\)>\] = SIGUSR1: main::")
@@ -170,7 +174,9 @@ class Dump(unittest.TestCase):
         self.assertEqual(result.stderr, "")
         self.assertEqual(result.returncode, 0)
         written = re.sub(r"\+0x[0-9a-f]+", "+OFFSET", result.stdout)
-        self.assertEqual(lines(written), lines(filled(WRITTEN, form)))
+        subscription = f", in{form.partition(', in')[2]}"
+        expected = filled(WRITTEN, form, subscription=subscription)
+        self.assertEqual(lines(written), lines(expected))
 
     def check_all(self, *arguments):
         self.check(sorvane_dump(*arguments, text=self.dump),
@@ -204,9 +210,9 @@ class Dump(unittest.TestCase):
         result = sorvane_dump("--json", "--module", str(PROGRAM), text=self.dump + "\n" + self.dump)
         first, second = (json.loads(line) for line in result.stdout.splitlines())
         self.assertEqual(first, second)
-        self.assertEqual((first["numberOfManagers"], first["currentlyHandlingSignals"]), (2, True))
+        self.assertEqual((first["numberOfManagers"], first["currentlyHandlingSignals"]), (3, True))
         self.assertEqual([each["name"] for each in first["signals"]],
-                         ["SIGHUP", "SIGINT", "SIGUSR1", "SIGTERM"])
+                         ["SIGHUP", "SIGINT", "SIGUSR1", "SIGALRM", "SIGTERM"])
         hangup = first["signals"][0]["handlers"][0]
         self.assertEqual(hangup.pop("address"), re.search("<K>(.*)</K>", self.dump)[1])
         self.assertRegex(hangup.pop("offset"), "^0x")
