@@ -78,3 +78,5 @@ install(
   FILES "${PROJECT_BINARY_DIR}/sorvane-signals.pc"
   DESTINATION "${CMAKE_INSTALL_LIBDIR}/pkgconfig"
   COMPONENT SorvaneSignals_Development)
+
+include(cmake/SorvaneInspection.cmake)

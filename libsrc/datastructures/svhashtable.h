@@ -53,15 +53,17 @@ namespace Sorvane {
 template <typename K, typename V, typename H = SVGenericHashFunction<K>>
 class SORVANE_API SVHashTable : public SVObject {
 public:
+    /// A slot.
     using Entry = SVHashTableEntry<K, V>;
+    /// A walk over the occupied slots.
     using Iterator = SVHashTableEntry_Iterator<K, V>;
 
     /// What the inner steps return; the public operations make exceptions of the bad ones.
     static constexpr unsigned int insertNoSlot = 1;
-    static constexpr unsigned int insertStored = 2;
-    static constexpr unsigned int resizeNothing = 0;
-    static constexpr unsigned int resizeFailed = 1;
-    static constexpr unsigned int resizeDone = 2;
+    static constexpr unsigned int insertStored = 2;   ///< of insert_helper()
+    static constexpr unsigned int resizeNothing = 0;  ///< of resize()
+    static constexpr unsigned int resizeFailed = 1;   ///< of resize()
+    static constexpr unsigned int resizeDone = 2;     ///< of resize()
 
     /// Makes an empty table on its inline slots.
     SVHashTable() : used(0), fill(0), mask(inlineSlots - 1), table(smalltable) {}
@@ -161,12 +163,12 @@ public:
         return stream << "</SVHashTable>";
     }
 
-    unsigned int used;  ///< number of occupied slots
-    unsigned int fill;  ///< number of occupied and deleted slots
-    unsigned int mask;  ///< number of addressable slots, less one
-    Entry* table;       ///< the current slots: smalltable, or a heap array
-    Entry smalltable[9];
-    H hashFunction;
+    unsigned int used;    ///< number of occupied slots
+    unsigned int fill;    ///< number of occupied and deleted slots
+    unsigned int mask;    ///< number of addressable slots, less one
+    Entry* table;         ///< the current slots: smalltable, or a heap array
+    Entry smalltable[9];  ///< the inline slots
+    H hashFunction;       ///< what makes a key's hash
 
 private:
     static constexpr unsigned int inlineSlots = 8;

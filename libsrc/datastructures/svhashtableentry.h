@@ -60,10 +60,10 @@ public:
         return stream;
     }
 
-    K key;
-    V value;
-    unsigned int hash;
-    unsigned int state;
+    K key;               ///< what the value is found by
+    V value;             ///< what the key stands for
+    unsigned int hash;   ///< the key's
+    unsigned int state;  ///< one of those above
 
 private:
     // By the stream's insertion, but for null, which standard libraries write differently.

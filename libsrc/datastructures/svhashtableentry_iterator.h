@@ -20,6 +20,7 @@ namespace Sorvane {
 template <typename K, typename V>
 class SORVANE_API SVHashTableEntry_Iterator : public SVObject {
 public:
+    /// What it stands on.
     using Entry = SVHashTableEntry<K, V>;
 
     /// Makes an iterator that is not ready.
@@ -38,6 +39,7 @@ public:
     bool operator==(const SVHashTableEntry_Iterator& other) const noexcept {
         return entries == other.entries && size == other.size && index == other.index;
     }
+    /// Whether they are not equal.
     bool operator!=(const SVHashTableEntry_Iterator& other) const noexcept {
         return !(*this == other);
     }

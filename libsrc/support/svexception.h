@@ -13,10 +13,10 @@ namespace Sorvane {
 /// What kind of failure an exception reports. The numbers are fixed: logs and callers know them.
 enum svexceptiontype : int {
     svexceptionOperatingSystemCallFailed = 4,  ///< the code is the call's errno
-    svexceptionAllocationFailed = 5,
-    svexceptionIteratorMisused = 12,
-    svexceptionInternalTableError = 20,
-    svexceptionRequestRefused = 24,
+    svexceptionAllocationFailed = 5,           ///< there is no memory
+    svexceptionIteratorMisused = 12,           ///< it is not ready, or at the end
+    svexceptionInternalTableError = 20,        ///< what can't happen
+    svexceptionRequestRefused = 24,            ///< it makes no sense, or is forbidden
 };
 
 /// The texts of an exception, copied, so that they outlive whatever they were made from. A text
@@ -25,15 +25,20 @@ enum svexceptiontype : int {
 /// Signal context: any for reading; otherwise normal context only.
 class SORVANE_API SVExceptionMessage : public SVObject {
 public:
+    /// A text whose storage may come from the allocator's reserve.
     using String = std::basic_string<char, std::char_traits<char>, SVStdAllocator<char>>;
 
     /// Copies both texts; null counts as empty.
     SVExceptionMessage(const char* message, const char* file) noexcept;
+    /// Copies are cut as the texts themselves are.
     SVExceptionMessage(const SVExceptionMessage& other) noexcept;
+    /// The same.
     SVExceptionMessage& operator=(const SVExceptionMessage& other) noexcept;
     ~SVExceptionMessage() noexcept override;
 
+    /// The message.
     const char* getMessage() const noexcept { return m_message.c_str(); }
+    /// The source's path.
     const char* getFile() const noexcept { return m_file.c_str(); }
 
 private:
@@ -55,11 +60,15 @@ public:
     SVException& operator=(const SVException&) noexcept = default;
     ~SVException() noexcept override;
 
-    /// Read the report back. The texts live as long as the exception.
+    /// What failed, in words. The texts live as long as the exception.
     const char* getMessage() const noexcept { return m_message.getMessage(); }
+    /// The source's path, as it was given.
     const char* getFile() const noexcept { return m_message.getFile(); }
+    /// The fixed number of the throw's site.
     unsigned int getLine() const noexcept { return m_line; }
+    /// The kind of failure.
     svexceptiontype getType() const noexcept { return m_type; }
+    /// errno, or 0.
     int getCode() const noexcept { return m_code; }
 
 private:

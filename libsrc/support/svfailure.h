@@ -20,10 +20,12 @@ public:
     /// Nothing failed.
     constexpr SVFailure() noexcept = default;
 
+    /// Something failed: with what the exception is going to say.
     constexpr SVFailure(const char* message, const char* file, unsigned int line,
                         svexceptiontype type, int code) noexcept
         : m_message(message), m_file(file), m_line(line), m_type(type), m_code(code) {}
 
+    /// Whether something failed.
     constexpr explicit operator bool() const noexcept { return m_message != nullptr; }
 
     /// The same failure, or what comes next if nothing failed yet. That fails if it tells so.
@@ -39,9 +41,11 @@ public:
         }
     }
 
+    /// The exception that says so.
     SVException exception() const noexcept {
         return SVException(m_message, m_file, m_line, m_type, m_code);
     }
+    /// Throws it, if something failed.
     void throwIfAny() const {
         if (m_message != nullptr) {
             throwIt();

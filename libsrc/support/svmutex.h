@@ -13,8 +13,8 @@ namespace Sorvane {
 
 /// The kinds of lock, with the numbers that callers pass.
 enum _svmutex : int {
-    svmutexDefault = 0,
-    svmutexNormal = 1,
+    svmutexDefault = 0,     ///< what the system takes for usual
+    svmutexNormal = 1,      ///< the thread that holds it would wait without end
     svmutexErrorCheck = 2,  ///< refuses the thread that holds it; lock() does not report that
     svmutexRecursive = 3,   ///< the thread that holds it may lock it again
 };
@@ -34,6 +34,7 @@ public:
     /// Take the lock: tryLock() only if that needs no waiting, and it tells whether it did; lock()
     /// waits for it.
     virtual bool tryLock();
+    /// Waits for it.
     virtual void lock();
 
     /// Gives the lock back, once for each time it was taken. Threads: the one that holds it.

@@ -54,8 +54,11 @@ public:
     /// The placement forms, which the class's own operators would hide otherwise.
     /// Signal context: any.
     static void* operator new(std::size_t, void* place) noexcept { return place; }
+    /// The same for an array.
     static void* operator new[](std::size_t, void* place) noexcept { return place; }
+    /// Nothing: the storage is somebody else's.
     static void operator delete(void*, void*) noexcept {}
+    /// The same for an array.
     static void operator delete[](void*, void*) noexcept {}
 };
 

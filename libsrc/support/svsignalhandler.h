@@ -23,6 +23,7 @@ class SORVANE_API SVSignalHandler : public SVObject {
 public:
     /// The handler functions that a record can hold.
     using InformationFunction = void (*)(int, siginfo*, void*);
+    /// The same with the signal number alone.
     using SimpleFunction = void (*)(int);
 
     /// Makes the value of an empty table slot: signal 0, an all-zero record, no flag set.
@@ -72,6 +73,7 @@ public:
     struct sigaction getOSStruct() noexcept {
         return m_osRecord;
     }
+    /// The signal that the record is for.
     int getSignalNumber() const noexcept { return m_signalNumber; }
     /// The function's address, whichever form it has; 0 for SIG_DFL and 1 for SIG_IGN.
     void* getHandlerFunction() const noexcept {
@@ -82,9 +84,11 @@ public:
     bool resetsItselfQ() const noexcept {
         return (static_cast<unsigned int>(m_osRecord.sa_flags) & SA_RESETHAND) != 0;
     }
-    /// The flags, as they were given.
+    /// The flags, as they were given: whether it was installed before the library took the signal.
     bool preExistsQ() const noexcept { return m_preExists; }
+    /// Whether dispatch treats it like one that was.
     bool externalQ() const noexcept { return m_external; }
+    /// Whether dispatch calls it at all.
     bool validQ() const noexcept { return m_valid; }
 
     /// Calls the handler for the record's own signal, whatever the flags. A three-argument function
@@ -93,6 +97,7 @@ public:
     /// The record is not looked at any more when the handler has been called.
     /// Errors: what the handler throws. Signal context: any, as far as the handler allows.
     void operator()(void* information, void* context) { call(information, context); }
+    /// The same under a name.
     void call(void* information, void* context) const {
         if (specialValueQ()) {
             return;

@@ -26,7 +26,9 @@ namespace Sorvane {
 class SORVANE_API SVSignalHandlerDispositionSet : public SVObject {
 public:
     constexpr SVSignalHandlerDispositionSet() noexcept = default;
+    /// Copies the answers of one moment.
     SVSignalHandlerDispositionSet(const SVSignalHandlerDispositionSet& other) noexcept;
+    /// Replaces all answers at once.
     SVSignalHandlerDispositionSet& operator=(const SVSignalHandlerDispositionSet& other) noexcept;
     ~SVSignalHandlerDispositionSet() noexcept override {}
 

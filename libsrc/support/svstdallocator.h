@@ -23,13 +23,15 @@ namespace Sorvane {
 template <typename T>
 class SORVANE_API SVStdAllocator : public SVObject {
 public:
+    /// What standard containers ask of an allocator.
     using value_type = T;
-    using is_always_equal = std::true_type;
-    using propagate_on_container_move_assignment = std::true_type;
+    using is_always_equal = std::true_type;                         ///< as value_type
+    using propagate_on_container_move_assignment = std::true_type;  ///< as value_type
 
     constexpr SVStdAllocator() noexcept = default;
     constexpr SVStdAllocator(const SVStdAllocator&) noexcept = default;
     SVStdAllocator& operator=(const SVStdAllocator&) noexcept = default;
+    /// From that of another type.
     template <typename U>
     constexpr SVStdAllocator(const SVStdAllocator<U>&) noexcept {}
     ~SVStdAllocator() noexcept override {}
@@ -57,14 +59,17 @@ public:
 /// from a small reserve, and fail with std::bad_alloc only when that has no room either.
 template <>
 SORVANE_API char* SVStdAllocator<char>::allocate(std::size_t count);
+/// Gives it back to where it is from.
 template <>
 SORVANE_API void SVStdAllocator<char>::deallocate(char* storage, std::size_t) noexcept;
 
+/// Any two are equal.
 template <typename T, typename U>
 constexpr bool operator==(const SVStdAllocator<T>&, const SVStdAllocator<U>&) noexcept {
     return true;
 }
 
+/// No two differ.
 template <typename T, typename U>
 constexpr bool operator!=(const SVStdAllocator<T>&, const SVStdAllocator<U>&) noexcept {
     return false;

@@ -61,9 +61,10 @@ public:
     /// is not readable until the next one arrives.
     bool next(siginfo& information) noexcept;
 
-    /// Whether all of its signals come; whether they do after those that don't have been begun once
-    /// more. Both as for SVSignalSubscription, with renew()'s errors.
+    /// Whether all of its signals come, as for SVSignalSubscription.
     bool activeQ() const noexcept;
+    /// Whether they do after those that don't have been begun once more. Errors: those of
+    /// SVSignalSubscription::renew().
     bool renew();
 
     /// How many have found no place since the beginning.

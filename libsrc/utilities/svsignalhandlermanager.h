@@ -97,10 +97,12 @@ public:
     /// asks. Numbers outside 1 to 60 change nothing. These four take no lock, may be called in any
     /// context by any manager, and throw nothing.
     void setSignalDisposition(int signalNumber, bool handle);
+    /// The same for all of them at once.
     void setSignalDispositions(SVSignalHandlerDispositionSet dispositions);
 
     /// Whether the library may handle a signal. The two are the same.
     bool getSignalDisposition(int signalNumber);
+    /// The same.
     bool canHandleSignalFromDisposition(int signalNumber);
 
     // --- Dispatch ------------------------------------------------------------------------------
@@ -114,6 +116,7 @@ public:
     /// external ones. Signals are not held back meanwhile. What a handler throws leaves them.
     /// Parameters: information and context are handed on unchanged.
     void callHandlers(int signalNumber, void* information, void* context);
+    /// The same for the pre-existing and external ones.
     void callOnlyPreexistingOrExternalHandlers(int signalNumber, void* information, void* context);
 
     /// Whether the signal has a valid record that is pre-existing or external. Throws nothing.
@@ -123,7 +126,9 @@ public:
     /// host had when the signal was taken over last; one that ignores the signal; one with its
     /// default action. Signal context: any. Throw nothing.
     SVSignalHandler theSVHandler(int signalNumber);
+    /// The one that ignores the signal.
     SVSignalHandler ignoreHandler(int signalNumber);
+    /// The one with its default action.
     SVSignalHandler defaultHandler(int signalNumber);
 
     /// Ignores a signal with the operating system, and nowhere else.
@@ -139,9 +144,13 @@ public:
     /// record stays. A list is registered front to back, each record by itself, up to the first
     /// error.
     void setHandler(SVSignalHandler& handler);
+    /// The same with a record of this three-argument function.
     void setHandlerFromFunction(int signalNumber, void (*handler)(int, siginfo*, void*));
+    /// The same with a record of this one-argument function.
     void setHandlerFromFunction(int signalNumber, void (*handler)(int));
+    /// The same with a record of this action, mask and flags included.
     void setHandlerFromOSStruct(int signalNumber, struct sigaction& osRecord);
+    /// The same with each record of a list.
     void setHandlers(SVSignalHandlerList& handlers);
 
     /// Take a record out again: the one of the same signal and function address. If the record
@@ -149,8 +158,11 @@ public:
     /// operating system first; if that fails, it stays registered. A list is cleared as one is
     /// registered.
     void clearHandler(SVSignalHandler& handler);
+    /// The same for this three-argument function; never hands the signal back.
     void clearHandlerWithFunction(int signalNumber, void (*handler)(int, siginfo*, void*));
+    /// The same for this one-argument function; never hands the signal back.
     void clearHandlerWithFunction(int signalNumber, void (*handler)(int));
+    /// The same for each record of a list.
     void clearHandlers(SVSignalHandlerList& handlers);
 
     // --- Dump ----------------------------------------------------------------------------------
@@ -178,7 +190,7 @@ public:
     /// Every walk over signals covers 1 to this number.
     static constexpr int maxSignalHandlerNumber = 60;
 
-    static bool currentlyHandlingSignals;
+    static bool currentlyHandlingSignals;  ///< since a start, and until a stop
     static unsigned int numberOfManagers;  ///< live managers, those inside signal handlers included
     static SVSignalTable* handlerTables;   ///< owns the tables that its values point to
     static SVMutexHandle* handlerTableLock;                     ///< re-entrant; guards the others

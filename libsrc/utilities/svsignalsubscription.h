@@ -49,6 +49,7 @@ enum class SVIgnoredSignal {
 ///   the host's for it, or is subscribed to it, for the form with a user's pointer with the same.
 /// - "No entry function is left.", kind 5: as many subscriptions are active as there can be.
 /// - "Unable to allocate new table", kind 5: no memory.
+///
 /// And those of handleSignal() and of the tables' insert(). Nothing has changed then.
 ///
 /// Threads: any; but one object is used by one thread at a time. Signal context: normal context; a
@@ -56,16 +57,21 @@ enum class SVIgnoredSignal {
 /// operation of a locking manager.
 class SORVANE_API SVSignalSubscription : public SVObject {
 public:
+    /// A handler of the signal's number alone.
     using SimpleHandler = void (*)(int);
+    /// A handler that gets what sigaction's handlers get.
     using InformationHandler = void (*)(int, siginfo*, void*);
+    /// The same with a pointer of the user's behind it.
     using UserHandler = void (*)(int, siginfo*, void* context, void* user);
 
     /// Begin a subscription: in one step, for everybody who looks. What the handler gets beside the
     /// signal's number is handed on unchanged.
     SVSignalSubscription(int signalNumber, SimpleHandler handler,
                          SVIgnoredSignal ignored = SVIgnoredSignal::leaveAlone);
+    /// The same with the signal's information and context.
     SVSignalSubscription(int signalNumber, InformationHandler handler,
                          SVIgnoredSignal ignored = SVIgnoredSignal::leaveAlone);
+    /// The same with a pointer of the user's.
     SVSignalSubscription(int signalNumber, UserHandler handler, void* user,
                          SVIgnoredSignal ignored = SVIgnoredSignal::leaveAlone);
 
