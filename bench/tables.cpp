@@ -40,13 +40,18 @@ struct Large {
 };
 static_assert(sizeof(Large) == 176);
 
+// Made before they are stored, so that making them takes no time of a work's.
 template <typename V>
-V valueOf(long number) {
-    if constexpr (std::is_same_v<V, long>) {
-        return number;
-    } else {
-        return {number, {}};
+std::vector<V> makeValues(std::size_t count) {
+    std::vector<V> values(count);
+    for (std::size_t i = 0; i < count; ++i) {
+        if constexpr (std::is_same_v<V, long>) {
+            values[i] = static_cast<long>(i);
+        } else {
+            values[i].number = static_cast<long>(i);
+        }
     }
+    return values;
 }
 
 long numberOf(long value) {
@@ -137,11 +142,10 @@ private:
 
 // --- Works ---------------------------------------------------------------------------------------
 
-template <typename Table, typename K>
-void fill(Table& table, const std::vector<K>& keys, std::size_t count) {
-    using V = std::remove_cvref_t<decltype(*table.find(keys[0]))>;
-    for (std::size_t i = 0; i < count; ++i) {
-        table.insert(keys[i], valueOf<V>(static_cast<long>(i)));
+template <typename Table, typename K, typename V>
+void fill(Table& table, const std::vector<K>& keys, const std::vector<V>& values) {
+    for (std::size_t i = 0; i < values.size(); ++i) {
+        table.insert(keys[i], values[i]);
     }
 }
 
@@ -166,24 +170,26 @@ void expect(benchmark::State& state, bool right) {
     }
 }
 
-template <typename Table, typename K>
+template <typename Table, typename K, typename V>
 void build(benchmark::State& state, std::size_t count) {
     const std::vector<K> keys = makeKeys<K>(count);
+    const std::vector<V> values = makeValues<V>(count);
     std::size_t wrong = 0;
     for ([[maybe_unused]] auto step : state) {
         Table table;
-        fill(table, keys, count);
+        fill(table, keys, values);
         benchmark::DoNotOptimize(table);
         wrong += static_cast<std::size_t>(table.size() != count);
     }
     expect(state, wrong == 0);
 }
 
-template <typename Table, typename K>
+template <typename Table, typename K, typename V>
 void hit(benchmark::State& state, std::size_t count) {
     const std::vector<K> keys = makeKeys<K>(count);
+    const std::vector<V> values = makeValues<V>(count);
     Table table;
-    fill(table, keys, count);
+    fill(table, keys, values);
     long sum = 0;
     for ([[maybe_unused]] auto step : state) {
         sum += sumOf(table, keys.data(), keys.data() + count);
@@ -192,11 +198,12 @@ void hit(benchmark::State& state, std::size_t count) {
     expect(state, sum == sumBelow(count) * state.iterations());
 }
 
-template <typename Table, typename K>
+template <typename Table, typename K, typename V>
 void miss(benchmark::State& state, std::size_t count) {
     const std::vector<K> keys = makeKeys<K>(count);
+    const std::vector<V> values = makeValues<V>(count);
     Table table;
-    fill(table, keys, count);
+    fill(table, keys, values);
     std::size_t found = 0;
     for ([[maybe_unused]] auto step : state) {
         for (std::size_t i = count; i < 2 * count; ++i) {
@@ -216,13 +223,14 @@ double seconds(Work work) {
 
 // All keys are erased and inserted again, without growth, from so many tables that this takes
 // longer than reading the clock. The last one comes first, so that none lies behind a deleted slot.
-template <typename Table, typename K>
+template <typename Table, typename K, typename V>
 void eraseAndInsert(benchmark::State& state, std::size_t count, bool erasing) {
     const std::vector<K> keys = makeKeys<K>(count);
+    const std::vector<V> values = makeValues<V>(count);
     std::deque<Table> tables(std::max<std::size_t>(1, 500 / count));
     for (Table& table : tables) {
         table.reserve(count);
-        fill(table, keys, count);
+        fill(table, keys, values);
     }
     std::size_t wrong = 0;
     const auto expectSizes = [&](std::size_t size) {
@@ -241,7 +249,7 @@ void eraseAndInsert(benchmark::State& state, std::size_t count, bool erasing) {
         expectSizes(0);
         const double inserted = seconds([&] {
             for (Table& table : tables) {
-                fill(table, keys, count);
+                fill(table, keys, values);
             }
         });
         expectSizes(count);
@@ -251,17 +259,17 @@ void eraseAndInsert(benchmark::State& state, std::size_t count, bool erasing) {
            wrong == 0 && sumOf(tables.back(), keys.data(), keys.data() + count) == sumBelow(count));
 }
 
-template <typename Table, typename K>
+template <typename Table, typename K, typename V>
 void erase(benchmark::State& state, std::size_t count) {
-    eraseAndInsert<Table, K>(state, count, true);
+    eraseAndInsert<Table, K, V>(state, count, true);
 }
 
-template <typename Table, typename K>
+template <typename Table, typename K, typename V>
 void insert(benchmark::State& state, std::size_t count) {
-    eraseAndInsert<Table, K>(state, count, false);
+    eraseAndInsert<Table, K, V>(state, count, false);
 }
 
-template <typename Table, typename K>
+template <typename Table, typename K, typename V>
 void offer(const std::string& middle, const std::string& name) {
     for (const std::size_t count : {5U, 20U, 100U, 1000U}) {
         const auto named = [&](const char* work) {
@@ -270,28 +278,28 @@ void offer(const std::string& middle, const std::string& name) {
         const auto offerOne = [&](const char* work, auto function) {
             return benchmark::RegisterBenchmark(named(work).c_str(), function, count);
         };
-        offerOne("build", &build<Table, K>);
-        offerOne("hit", &hit<Table, K>);
-        offerOne("miss", &miss<Table, K>);
-        offerOne("erase", &erase<Table, K>)->UseManualTime();
-        offerOne("insert", &insert<Table, K>)->UseManualTime();
+        offerOne("build", &build<Table, K, V>);
+        offerOne("hit", &hit<Table, K, V>);
+        offerOne("miss", &miss<Table, K, V>);
+        offerOne("erase", &erase<Table, K, V>)->UseManualTime();
+        offerOne("insert", &insert<Table, K, V>)->UseManualTime();
     }
 }
 
 template <typename K, typename V>
 void offerAll(const std::string& key) {
     const std::string middle = "/" + key + "/" + std::to_string(sizeof(V)) + "/";
-    offer<Library<K, V>, K>(middle, "library");
-    offer<Reference<K, V>, K>(middle, "reference");
-    offer<Standard<std::unordered_map<K, V>>, K>(middle, "std");
+    offer<Library<K, V>, K, V>(middle, "library");
+    offer<Reference<K, V>, K, V>(middle, "reference");
+    offer<Standard<std::unordered_map<K, V>>, K, V>(middle, "std");
 #ifdef SORVANE_BENCH_BOOST
-    offer<Standard<boost::unordered_flat_map<K, V>>, K>(middle, "boost");
+    offer<Standard<boost::unordered_flat_map<K, V>>, K, V>(middle, "boost");
 #endif
 #ifdef SORVANE_BENCH_ABSL
-    offer<Standard<absl::flat_hash_map<K, V>>, K>(middle, "absl");
+    offer<Standard<absl::flat_hash_map<K, V>>, K, V>(middle, "absl");
 #endif
 #ifdef SORVANE_BENCH_ROBIN
-    offer<Standard<tsl::robin_map<K, V>>, K>(middle, "tsl");
+    offer<Standard<tsl::robin_map<K, V>>, K, V>(middle, "tsl");
 #endif
 }
 

@@ -19,8 +19,8 @@ from bench_run import Problem
 
 ROUNDS = 200
 QUICK_ROUNDS = 40
-REPETITIONS = 15
-QUICK_REPETITIONS = 5
+REPETITIONS = 25
+QUICK_REPETITIONS = 9
 DOCUMENTATION = pathlib.Path("docs/performance")
 
 
@@ -63,8 +63,9 @@ def chosen_of(all_works, names):
 
 
 def name_the_missing():
-    for program, (called, package) in bench_works.PEERS.items():
-        if not bench_run.there(program):
+    there = programs_there() | bench_tables.tables_there()
+    for name, (called, package) in (bench_works.PEERS | bench_works.TABLES).items():
+        if name not in there:
             print(f"Without {called}: {package} is missing, and --peers installs it")
 
 

@@ -6,13 +6,13 @@ import statistics
 import matplotlib
 
 matplotlib.use("svg")
-from matplotlib import pyplot  # noqa: E402
+from matplotlib import pyplot, ticker  # noqa: E402
 
 from bench_run import measure
 from bench_works import PEERS
 
-LINES = {"library": ("Sorvane signals", "#c0392b", "o"), "bare": ("by hand", "#7f8c8d", "x")}
-COLOURS = {"ace": "#2980b9", "asio": "#8e44ad", "glib": "#27ae60", "libuv": "#d68910",
+COLOURS = {"library": "#c0392b", "bare": "#7f8c8d",
+           "ace": "#2980b9", "asio": "#8e44ad", "glib": "#27ae60", "libuv": "#d68910",
            "signal_hook": "#16a085"}
 # Without a date, and with names that do not differ from one run to the next.
 SETTINGS = {"svg.hashsalt": "sorvane-signals", "svg.fonttype": "none", "font.size": 9,
@@ -31,36 +31,38 @@ def measure_panel(panel, rounds, programs):
     return lines
 
 
-def look_of(program):
-    if program in LINES:
-        label, colour, marker = LINES[program]
-        return {"label": label, "color": colour, "marker": marker, "linewidth": 2, "zorder": 3}
-    return {"label": PEERS[program][0], "color": COLOURS[program], "marker": ".", "linewidth": 1.2}
+def label_of(program, panel):
+    if program in PEERS:
+        return PEERS[program][0]
+    return "Sorvane signals" if program == "library" else panel.bare
 
 
 def draw_panel(axes, panel, lines):
     for program, points in lines.items():
-        places = [panel.sizes.index(size) for size in points]
-        values = [1000 / time if panel.threads else time for time in points.values()]
-        axes.plot(places, values, **look_of(program))
+        axes.plot([panel.sizes.index(size) for size in points],
+                  [1000 / time if panel.threads else time for time in points.values()],
+                  label=label_of(program, panel), color=COLOURS[program],
+                  linewidth=1.2 if program in PEERS else 2, marker=".",
+                  markersize=5 if program in PEERS else 10)
     axes.set_title(panel.title)
     axes.set_xlabel(panel.across)
     axes.set_xticks(range(len(panel.sizes)), [str(size) for size in panel.sizes])
-    if panel.threads:
-        axes.set_ylabel("millions a second, all threads together")
-        axes.set_ylim(bottom=0)
+    axes.set_ylabel("millions a second, all threads together" if panel.threads else "nanoseconds")
+    axes.set_yscale(panel.scale)
+    if panel.scale == "linear":
+        axes.set_ylim(0, 1.1 * axes.get_ylim()[1])
     else:
-        axes.set_ylabel("nanoseconds")
-        axes.set_yscale("log")
+        axes.yaxis.set_major_formatter(ticker.FuncFormatter(lambda value, _: f"{value:,.0f}"))
 
 
 def draw(panels, measured, file):
     with matplotlib.rc_context(SETTINGS):
         figure, all_axes = pyplot.subplots(1, len(panels), squeeze=False, layout="constrained",
-                                           figsize=(6.4 if len(panels) == 1 else 9.6, 4))
+                                           figsize=(4.8 * len(panels), 4.8))
         for axes, panel, lines in zip(all_axes[0], panels, measured):
             draw_panel(axes, panel, lines)
-            axes.legend(frameon=False, fontsize=8)
+            axes.legend(frameon=False, fontsize=8, loc="upper center", ncols=2,
+                        bbox_to_anchor=(0.5, -0.15))
         figure.savefig(file, metadata={"Date": None})
         pyplot.close(figure)
 

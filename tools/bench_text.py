@@ -68,15 +68,13 @@ def version_of(package):
 
 def circumstances(rounds):
     """Where it was measured, and beside what."""
-    known = [*PEERS.values(), *((called, package) for called, package in TABLES.values()
-                                if package)]
-    versions = [f"{called} {version_of(package)}" for called, package in known
-                if version_of(package)]
+    versions = [f"{called} {version_of(package)}"
+                for called, package in (PEERS | TABLES).values() if version_of(package)]
     return [f"- {processor()}, {os.cpu_count()} processors, Linux {platform.release()}",
             f"- {output_of('g++', '--version').splitlines()[0]}, -O2; "
             f"{output_of('ldd', '--version').splitlines()[0]}",
-            f"- {rounds} blocks of each work",
-            f"- beside {', '.join(versions) if versions else 'no peers'}"]
+            f"- {rounds} blocks of each work; the figures beside the library's are in its unit",
+            f"- beside {', '.join(versions)}"]
 
 
 def for_documentation(results, rounds):

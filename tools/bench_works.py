@@ -93,7 +93,7 @@ SIZE = ("size", "shared library, stripped", 90000)
 TABLE_GOAL = 1.1
 TABLE_SIZES = (5, 20, 100, 1000)
 TABLES = {
-    "std": ("std::unordered_map", None),
+    "std": ("std::unordered_map", "libstdc++-12-dev"),
     "boost": ("boost::unordered_flat_map", "libboost1.81-dev"),
     "absl": ("absl::flat_hash_map", "libabsl-dev"),
     "tsl": ("tsl::robin_map", "robin-map-dev"),
@@ -118,7 +118,9 @@ class Panel:
     across: str
     sizes: tuple
     works: dict  # the program of a line, and its work
+    bare: str    # what the program without the library stands for
     threads: bool = False
+    scale: str = "log"
 
     def commands(self, size, there):
         """Those of one size, by their line."""
@@ -138,15 +140,17 @@ def pictures(processors):
     return {
         "dispatch": (
             Panel("A call of what is installed", "records of the signal", (1, 2, 4, 8, 16, 32, 64),
-                  {"bare": "direct-ideal"} | same(("library", *AT_ONCE), "direct")),),
+                  {"bare": "direct-ideal"} | same(("library", *AT_ONCE), "direct"),
+                  "by hand, installing itself again", scale="linear"),),
         "registration": (
             Panel("Register and clear", "others on the signal", (0, 1, 4, 16, 64, 256),
-                  same(("bare", "library", *AT_ONCE, *LOOPS), "pair")),),
+                  same(("bare", "library", *AT_ONCE, *LOOPS), "pair"), "the bare system calls"),),
         "start_and_stop": (
-            Panel("Start", "signals", signals, same(starting, "start")),
-            Panel("Stop", "signals", signals, same(starting, "stop"))),
+            Panel("Start", "signals", signals, same(starting, "start"), "the bare system calls"),
+            Panel("Stop", "signals", signals, same(starting, "stop"), "the bare system calls")),
         "threads": (
             Panel("Raising", "threads", threads, same(("bare", "library", *AT_ONCE), "raising"),
-                  threads=True),
-            Panel("callHandlers", "threads", threads, {"library": "calling"}, threads=True)),
+                  "a bare handler, installing itself again", threads=True, scale="linear"),
+            Panel("callHandlers", "threads", threads, {"library": "calling"}, "", threads=True,
+                  scale="linear")),
     }
