@@ -46,8 +46,11 @@ def works(rounds, repetitions):
             for row in bench_works.rows()]
     made += [Work(name, what, lambda rest=(name, what, *rest): bench_run.memory_result(*rest))
              for name, what, *rest in bench_works.MEMORY]
-    name, what, goal = bench_works.SIZE
-    made.append(Work(name, what, lambda: bench_run.size_result(name, what, goal)))
+    made += [Work(name, what, lambda rest=(name, what, goal), measure=measure: measure(*rest))
+             for (name, what, goal), measure in (
+                 (bench_works.SIZE, bench_run.size_result),
+                 (bench_works.RELOCATIONS, bench_run.relocations_result),
+                 (bench_works.THREAD_LOCALS, bench_run.thread_locals_result))]
     made += [Work(f"tables/{name}", what,
                   lambda name=name, what=what: bench_tables.table_result(name, what, repetitions))
              for name, what in bench_works.table_rows()]

@@ -5,7 +5,10 @@ import pathlib
 import statistics
 import subprocess
 
+from shared_library import asks_for_thread_locals, relocations_beyond_tables
+
 BUILD = pathlib.Path("build/bench/bench")
+LIBRARY = BUILD.parent / "libsrc" / "libsorvane-signals.so"
 BLOCK = 2_000_000  # nanoseconds
 
 
@@ -116,10 +119,20 @@ def memory_result(name, what, signals, handlers, goal):
             "met": taken <= goal and grown == 0, "pages_grown": grown, "peers": {}}
 
 
+def count_result(name, what, value, kind, goal):
+    return {"name": name, "what": what, "kind": kind, "value": value, "goal": goal,
+            "met": value <= goal, "peers": {}}
+
+
 def size_result(name, what, goal):
-    library = BUILD.parent / "libsrc" / "libsorvane-signals.so"
     stripped = BUILD / "stripped.so"
-    subprocess.run(["strip", "-o", str(stripped), str(library)], check=True)
-    size = stripped.stat().st_size
-    return {"name": name, "what": what, "kind": "bytes", "value": size, "goal": goal,
-            "met": size <= goal, "peers": {}}
+    subprocess.run(["strip", "-o", str(stripped), str(LIBRARY)], check=True)
+    return count_result(name, what, stripped.stat().st_size, "bytes", goal)
+
+
+def relocations_result(name, what, goal):
+    return count_result(name, what, len(relocations_beyond_tables(LIBRARY)), "count", goal)
+
+
+def thread_locals_result(name, what, goal):
+    return count_result(name, what, int(asks_for_thread_locals(LIBRARY)), "count", goal)

@@ -8,12 +8,12 @@ import textwrap
 
 from bench_works import PEERS, TABLES
 
-UNITS = {"ratio": " x", "speed": " x", "share": " ns", "bytes": " bytes"}
+UNITS = {"ratio": " x", "speed": " x", "share": " ns", "bytes": " bytes", "count": ""}
 
 
 def figure(value, kind):
     """Three places of a ratio, and what can be told of a time."""
-    if kind == "bytes":
+    if kind in ("bytes", "count"):
         return f"{value}"
     return f"{value:.1f}" if kind == "share" else f"{value:.3f}"
 

@@ -58,7 +58,8 @@ def of_one_signal():
                   f"library direct {count}", "bare installation", goal, kind="share",
                   by_hand=f"bare direct-ideal {count}", peers=AT_ONCE, size=count)
     for count in (1, 4, 16):
-        yield Row(f"looped/{count}", f"a signal, and its {several(count, 'handler')} called by a loop",
+        yield Row(f"looped/{count}",
+                  f"a signal, and its {several(count, 'handler')} called by a loop",
                   f"library looped {count}", f"bare looped {count}", peers=LOOPS, size=count)
     for others in (0, 1, 16, 64, 256):
         yield Row(f"pair/{others}", f"register and clear beside {several(others, 'other')}",
@@ -68,8 +69,8 @@ def of_one_signal():
 def of_several():
     for work in ("start", "stop"):
         for count, goal in ((1, 3.0), (10, None), (50, 1.3)):
-            yield Row(f"{work}/{count}", f"{work} for {several(count, 'signal')}", f"library {work} {count}",
-                      f"bare {work} {count}", goal, peers=("ace", "asio", "libuv"), size=count)
+            yield Row(f"{work}/{count}", f"{work} for {several(count, 'signal')}",
+                      f"library {work} {count}", f"bare {work} {count}", goal, peers=("ace", "asio", "libuv"), size=count)
     yield Row("calling", "two threads in callHandlers, sum over one thread's",
               "library calling 2", "library calling 1", 1.6, kind="speed", threads=True)
     yield Row("raising", "two threads raising, over two bare handlers",
@@ -85,7 +86,9 @@ def rows():
 MEMORY = (("memory/1", "tables of 1 signal with 1 handler", 1, 1, 2200),
           ("memory/56", "tables of 56 signals with 4 handlers each", 56, 4, 74700))
 
-SIZE = ("size", "shared library, stripped", 90000)
+SIZE = ("library/size", "shared library, stripped", 90000)
+RELOCATIONS = ("library/relocations", "its relocations beyond virtual tables", 0)
+THREAD_LOCALS = ("library/thread_locals", "its references to __tls_get_addr", 0)
 
 
 # --- Tables --------------------------------------------------------------------------------------
