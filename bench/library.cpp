@@ -111,7 +111,8 @@ int looped(int records) {
     std::vector<std::unique_ptr<Sorvane::SVSignalEvents>> all;
     std::vector<pollfd> readable;
     for (int i = 0; i < records; ++i) {
-        all.push_back(std::make_unique<Sorvane::SVSignalEvents>(std::initializer_list{theSignal}));
+        all.push_back(
+            std::make_unique<Sorvane::SVSignalEvents>(std::initializer_list<int>{theSignal}));
         readable.push_back({all.back()->getFileDescriptor(), POLLIN, 0});
     }
     return Bench::serveLooped(theSignal, records, [&] {
