@@ -17,7 +17,7 @@ import bench_text
 import bench_works
 from bench_run import Problem
 
-ROUNDS = 200
+ROUNDS = 150
 QUICK_ROUNDS = 40
 REPETITIONS = 25
 QUICK_REPETITIONS = 9
