@@ -82,7 +82,7 @@ def measure(chosen):
 
 def make_pictures(results, rounds):
     # Only here, because it has to be installed for that.
-    import bench_pictures  # pylint: disable=import-outside-toplevel
+    import bench_pictures
     DOCUMENTATION.mkdir(exist_ok=True)
     for name, panels in bench_works.pictures(len(os.sched_getaffinity(0))).items():
         file = f"{name}.svg"

@@ -4,9 +4,7 @@ import pathlib
 import statistics
 
 import matplotlib
-
-matplotlib.use("svg")
-from matplotlib import pyplot, ticker  # noqa: E402
+from matplotlib import figure, ticker
 
 from bench_run import measure
 from bench_works import PEERS
@@ -57,14 +55,13 @@ def draw_panel(axes, panel, lines):
 
 def draw(panels, measured, file):
     with matplotlib.rc_context(SETTINGS):
-        figure, all_axes = pyplot.subplots(1, len(panels), squeeze=False, layout="constrained",
-                                           figsize=(4.8 * len(panels), 4.8))
-        for axes, panel, lines in zip(all_axes[0], panels, measured):
+        picture = figure.Figure(figsize=(4.8 * len(panels), 4.8), layout="constrained")
+        for axes, panel, lines in zip(picture.subplots(1, len(panels), squeeze=False)[0], panels,
+                                      measured):
             draw_panel(axes, panel, lines)
             axes.legend(frameon=False, fontsize=8, loc="upper center", ncols=2,
                         bbox_to_anchor=(0.5, -0.15))
-        figure.savefig(file, metadata={"Date": None})
-        pyplot.close(figure)
+        picture.savefig(file, metadata={"Date": None})
 
 
 def make_picture(name, panels, folder, rounds, programs):
