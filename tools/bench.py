@@ -16,6 +16,7 @@ import bench_tables
 import bench_text
 import bench_works
 from bench_run import Problem
+from machine_use import OthersUse
 
 ROUNDS = 150
 QUICK_ROUNDS = 40
@@ -80,7 +81,7 @@ def measure(chosen):
     return results
 
 
-def make_pictures(results, rounds):
+def make_documentation(results, rounds, others):
     # Only here, because it has to be installed for that.
     import bench_pictures
     DOCUMENTATION.mkdir(exist_ok=True)
@@ -88,8 +89,8 @@ def make_pictures(results, rounds):
         file = f"{name}.svg"
         print(f"Making {DOCUMENTATION / file}", flush=True)
         bench_pictures.make_picture(name, panels, DOCUMENTATION, rounds, programs_there())
-    (DOCUMENTATION / "measured.md").write_text(bench_text.for_documentation(results, rounds),
-                                               encoding="utf-8")
+    (DOCUMENTATION / "measured.md").write_text(
+        bench_text.for_documentation(results, rounds, others.percent()), encoding="utf-8")
 
 
 class OneLineParser(argparse.ArgumentParser):
@@ -134,13 +135,15 @@ def main():
             print(f"{work.name:26} {work.what}")
         return
     name_the_missing()
+    others = OthersUse()
     results = measure(chosen)
     if arguments.pictures:
-        make_pictures(results, rounds)
+        make_documentation(results, rounds, others)
     if arguments.json:
         arguments.json.write_text(json.dumps(results, indent=2) + "\n", encoding="utf-8")
     print()
     print(bench_text.for_terminal(results))
+    print(bench_text.others_use(others.percent()))
 
 
 if __name__ == "__main__":

@@ -34,6 +34,10 @@ def summary(results):
     return f"{sum(result['met'] for result in judged)} of {len(judged)} goals are met"
 
 
+def others_use(percent):
+    return f"other programs used {percent} % of the processors meanwhile"
+
+
 def for_terminal(results):
     lines = []
     for result in results:
@@ -66,7 +70,7 @@ def version_of(package):
     return output_of("dpkg-query", "--show", "--showformat=${Version}", package)
 
 
-def circumstances(rounds):
+def circumstances(rounds, others):
     """Where it was measured, and beside what."""
     versions = [f"{called} {version_of(package)}"
                 for called, package in (PEERS | TABLES).values() if version_of(package)]
@@ -74,12 +78,13 @@ def circumstances(rounds):
             f"- {output_of('g++', '--version').splitlines()[0]}, -O2; "
             f"{output_of('ldd', '--version').splitlines()[0]}",
             f"- {rounds} blocks of each work; the figures beside the library's are in its unit",
+            f"- {others_use(others)}",
             f"- beside {', '.join(versions)}"]
 
 
-def for_documentation(results, rounds):
+def for_documentation(results, rounds, others):
     lines = ["# Measured", "", "Made by `./dev bench --pictures`; what the rows mean is in",
-             "[performance.md](../performance.md).", "", *circumstances(rounds), "",
+             "[performance.md](../performance.md).", "", *circumstances(rounds, others), "",
              "| work | library | goal | | beside |", "|---|---|---|---|---|"]
     lines += [f"| {' | '.join(cells(result))} |" for result in results]
     return "\n".join([*lines, "", f"{summary(results)}.", ""])
