@@ -18,16 +18,15 @@
 
 #include "reference_table.h"
 
-#if __has_include(<boost/unordered/unordered_flat_map.hpp>)
+// What of it there is, CMake has found out.
+#ifdef SORVANE_BENCH_boost_unordered_unordered_flat_map_hpp
 #include <boost/unordered/unordered_flat_map.hpp>
-#define SORVANE_BENCH_BOOST
 #endif
-#ifdef SORVANE_BENCH_ABSL
+#ifdef SORVANE_BENCH_absl
 #include <absl/container/flat_hash_map.h>
 #endif
-#if __has_include(<tsl/robin_map.h>)
+#ifdef SORVANE_BENCH_tsl_robin_map_h
 #include <tsl/robin_map.h>
-#define SORVANE_BENCH_ROBIN
 #endif
 
 namespace {
@@ -292,13 +291,13 @@ void offerAll(const std::string& key) {
     offer<Library<K, V>, K, V>(middle, "library");
     offer<Reference<K, V>, K, V>(middle, "reference");
     offer<Standard<std::unordered_map<K, V>>, K, V>(middle, "std");
-#ifdef SORVANE_BENCH_BOOST
+#ifdef SORVANE_BENCH_boost_unordered_unordered_flat_map_hpp
     offer<Standard<boost::unordered_flat_map<K, V>>, K, V>(middle, "boost");
 #endif
-#ifdef SORVANE_BENCH_ABSL
+#ifdef SORVANE_BENCH_absl
     offer<Standard<absl::flat_hash_map<K, V>>, K, V>(middle, "absl");
 #endif
-#ifdef SORVANE_BENCH_ROBIN
+#ifdef SORVANE_BENCH_tsl_robin_map_h
     offer<Standard<tsl::robin_map<K, V>>, K, V>(middle, "tsl");
 #endif
 }

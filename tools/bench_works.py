@@ -70,7 +70,8 @@ def of_several():
     for work in ("start", "stop"):
         for count, goal in ((1, 3.0), (10, None), (50, 1.3)):
             yield Row(f"{work}/{count}", f"{work} for {several(count, 'signal')}",
-                      f"library {work} {count}", f"bare {work} {count}", goal, peers=("ace", "asio", "libuv"), size=count)
+                      f"library {work} {count}", f"bare {work} {count}", goal,
+                      peers=("ace", "asio", "libuv"), size=count)
     yield Row("calling", "two threads in callHandlers, sum over one thread's",
               "library calling 2", "library calling 1", 1.6, kind="speed", threads=True)
     yield Row("raising", "two threads raising, over two bare handlers",
