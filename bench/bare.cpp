@@ -1,17 +1,20 @@
 // What a work costs without the library: the system calls that it must make, and dispatches that
 // are written by hand.
 
+#include <poll.h>
 #include <pthread.h>
+#include <unistd.h>
+
 #include <atomic>
 #include <cerrno>
 #include <csignal>
-#include <cstring>
-#include <string_view>
-#include <thread>
-#include <vector>
+#include <cstddef>
 
 #include "block.h"
 #include "handlers.h"
+#include "loop.h"
+#include "threads.h"
+#include "works.h"
 
 namespace {
 
@@ -83,7 +86,7 @@ int serveUncounted(Work work) {
     return Bench::serveWork(work, [](long) {});
 }
 
-int delivered() {
+int delivered(int) {
     installBare();
     return Bench::serveCounted(1, [] { Bench::raiseOnThisThread(theSignal); });
 }
@@ -94,7 +97,7 @@ int deliveredIdeal(int records) {
 }
 
 // What a handler does that installs itself again.
-int installation() {
+int installation(int) {
     installBare();
     return serveUncounted([] { sigaction(theSignal, &bareAction, nullptr); });
 }
@@ -106,7 +109,7 @@ int directIdeal(int records) {
 }
 
 // A registration and a clearing: the mask is changed four times, the library installed once.
-int pair() {
+int pair(int) {
     installBare();
     sigset_t all;
     sigset_t before;
@@ -173,49 +176,55 @@ int stop(int count) {
     });
 }
 
-// Each thread raises a signal of its own; the time is that of them all.
 int raising(int threads) {
     installBare();
     sigaction(SIGUSR2, &bareAction, nullptr);
-    return Bench::serve([threads](long times) {
-        return Bench::timed([&] {
-            std::vector<std::thread> all;
-            for (int i = 0; i < threads; ++i) {
-                all.emplace_back([times, threads, i] {
-                    for (long k = 0; k < times / threads; ++k) {
-                        Bench::raiseOnThisThread(i % 2 == 0 ? SIGUSR1 : SIGUSR2);
-                    }
-                    Bench::expect("calls", Bench::calls, times / threads);
-                });
-            }
-            for (std::thread& thread : all) {
-                thread.join();
-            }
-        });
-    });
+    return Bench::serveRaising(threads);
+}
+
+// --- A handler that tells a loop -----------------------------------------------------------------
+
+int pipeEnds[2];
+
+void tellLoop(int) {
+    const int saved = errno;
+    const char byte = 0;
+    if (write(pipeEnds[1], &byte, 1) != 1) {
+        Bench::calls = -1;
+    }
+    errno = saved;
+}
+
+void callFromLoop(int records) {
+    pollfd readable = {pipeEnds[0], POLLIN, 0};
+    char byte = 0;
+    if (poll(&readable, 1, 0) == 1 && read(pipeEnds[0], &byte, 1) == 1) {
+        for (int i = 0; i < records; ++i) {
+            Bench::handlers[static_cast<std::size_t>(i)](theSignal);
+        }
+    }
+}
+
+int looped(int records) {
+    struct sigaction action = {};
+    action.sa_handler = &tellLoop;
+    action.sa_flags = SA_RESTART;
+    Bench::expect("pipe", pipe(pipeEnds), 0);
+    sigaction(theSignal, &action, nullptr);
+    return Bench::serveLooped(theSignal, records, [records] { callFromLoop(records); });
 }
 
 }  // namespace
 
 int main(int count, char** arguments) {
-    const std::string_view work = count > 1 ? arguments[1] : "";
-    const int size = count > 2 ? std::atoi(arguments[2]) : 1;
-    if (work == "delivered")
-        return delivered();
-    if (work == "delivered-ideal")
-        return deliveredIdeal(size);
-    if (work == "installation")
-        return installation();
-    if (work == "direct-ideal")
-        return directIdeal(size);
-    if (work == "pair")
-        return pair();
-    if (work == "start")
-        return start(size);
-    if (work == "stop")
-        return stop(size);
-    if (work == "raising")
-        return raising(size);
-    std::fprintf(stderr, "bare: no such work\n");
-    return 2;
+    return Bench::serveNamed(count, arguments,
+                             {{"delivered", &delivered},
+                              {"delivered-ideal", &deliveredIdeal},
+                              {"installation", &installation},
+                              {"direct-ideal", &directIdeal},
+                              {"looped", &looped},
+                              {"pair", &pair},
+                              {"start", &start},
+                              {"stop", &stop},
+                              {"raising", &raising}});
 }

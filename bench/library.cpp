@@ -1,13 +1,21 @@
 // The works as the library does them.
 
+#include <poll.h>
+#include <sorvane/svsignalevents.h>
 #include <sorvane/svsignalhandlermanager.h>
+
 #include <csignal>
+#include <cstddef>
+#include <initializer_list>
+#include <memory>
 #include <string_view>
-#include <thread>
 #include <vector>
 
 #include "block.h"
 #include "handlers.h"
+#include "loop.h"
+#include "threads.h"
+#include "works.h"
 
 namespace {
 
@@ -79,35 +87,12 @@ int startOrStop(bool starting, int count) {
     });
 }
 
-template <typename Work>
-double onThreads(int threads, long times, Work work) {
-    return Bench::timed([&] {
-        std::vector<std::thread> all;
-        for (int i = 0; i < threads; ++i) {
-            all.emplace_back([&work, times, threads, i] {
-                for (long k = 0; k < times / threads; ++k) {
-                    work(i);
-                }
-                Bench::expect("calls", Bench::calls, times / threads);
-            });
-        }
-        for (std::thread& thread : all) {
-            thread.join();
-        }
-    });
-}
-
-// Each thread has a signal of its own.
 int raising(int threads) {
     SVSignalHandlerManager manager(true);
     registerOn(manager, SIGUSR1, 1);
     registerOn(manager, SIGUSR2, 1);
     manager.startHandlingSignals();
-    return Bench::serve([threads](long times) {
-        return onThreads(threads, times, [](int thread) {
-            Bench::raiseOnThisThread(thread % 2 == 0 ? SIGUSR1 : SIGUSR2);
-        });
-    });
+    return Bench::serveRaising(threads);
 }
 
 int calling(int threads) {
@@ -115,10 +100,38 @@ int calling(int threads) {
     registerOn(manager, SIGUSR1, 1);
     registerOn(manager, SIGUSR2, 1);
     return Bench::serve([&manager, threads](long times) {
-        return onThreads(threads, times, [&manager](int thread) {
+        return Bench::timedOnThreads(threads, times, [&manager](int thread) {
             manager.callHandlers(thread % 2 == 0 ? SIGUSR1 : SIGUSR2, nullptr, nullptr);
         });
     });
+}
+
+// So many that take the same signal in, and are looked after by one loop.
+int looped(int records) {
+    std::vector<std::unique_ptr<Sorvane::SVSignalEvents>> all;
+    std::vector<pollfd> readable;
+    for (int i = 0; i < records; ++i) {
+        all.push_back(
+            std::make_unique<Sorvane::SVSignalEvents>(std::initializer_list<int>{theSignal}));
+        readable.push_back({all.back()->getFileDescriptor(), POLLIN, 0});
+    }
+    return Bench::serveLooped(theSignal, records, [&] {
+        poll(readable.data(), readable.size(), 0);
+        for (std::size_t i = 0; i < readable.size(); ++i) {
+            siginfo_t information;
+            while ((readable[i].revents & POLLIN) != 0 && all[i]->next(information)) {
+                Bench::handlers[i](theSignal);
+            }
+        }
+    });
+}
+
+int start(int count) {
+    return startOrStop(true, count);
+}
+
+int stop(int count) {
+    return startOrStop(false, count);
 }
 
 template <typename Table>
@@ -172,24 +185,16 @@ int memory(int signalCount, int handlersEach) {
 }  // namespace
 
 int main(int count, char** arguments) {
-    const std::string_view work = count > 1 ? arguments[1] : "";
-    const int size = count > 2 ? std::atoi(arguments[2]) : 1;
-    if (work == "delivered")
-        return delivered(size);
-    if (work == "direct")
-        return direct(size);
-    if (work == "pair")
-        return pair(size);
-    if (work == "start")
-        return startOrStop(true, size);
-    if (work == "stop")
-        return startOrStop(false, size);
-    if (work == "raising")
-        return raising(size);
-    if (work == "calling")
-        return calling(size);
-    if (work == "memory")
-        return memory(size, count > 3 ? std::atoi(arguments[3]) : 1);
-    std::fprintf(stderr, "library: no such work\n");
-    return 2;
+    if (count > 3 && std::string_view(arguments[1]) == "memory") {
+        return memory(std::atoi(arguments[2]), std::atoi(arguments[3]));
+    }
+    return Bench::serveNamed(count, arguments,
+                             {{"delivered", &delivered},
+                              {"direct", &direct},
+                              {"looped", &looped},
+                              {"pair", &pair},
+                              {"start", &start},
+                              {"stop", &stop},
+                              {"raising", &raising},
+                              {"calling", &calling}});
 }

@@ -47,7 +47,8 @@ check_cppcheck() {
 }
 
 check_shell() {
-    find dev .ci cmake tools packaging tests hosts -type f \( -name '*.sh' -o -name dev -o -name run \) -print0 |
+    find dev .ci bench cmake tools packaging tests hosts -type f \
+        \( -name '*.sh' -o -name dev -o -name run \) -print0 |
         xargs -0 shellcheck --external-sources
 }
 
