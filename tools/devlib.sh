@@ -63,7 +63,8 @@ may_use_sudo() {
     sudo --non-interactive true 2>/dev/null || { [[ -t 0 ]] && sudo --validate; }
 }
 
-# apt_install PREFIX... -- PACKAGE...: the prefix is what lends root's rights, if anything.
+# apt_install PREFIX... -- PACKAGE...: the prefix is what lends root's rights, if anything. Nothing
+# that is there is removed for a package.
 apt_install() {
     local prefix=()
     while [[ "$1" != -- ]]; do
@@ -72,7 +73,7 @@ apt_install() {
     done
     shift
     local apt=("${prefix[@]}" env DEBIAN_FRONTEND=noninteractive apt-get -o DPkg::Lock::Timeout=300)
-    "${apt[@]}" update && "${apt[@]}" install --yes --no-install-recommends "$@"
+    "${apt[@]}" update && "${apt[@]}" install --yes --no-remove --no-install-recommends "$@"
 }
 
 # The first thing that went wrong in the log.

@@ -69,7 +69,9 @@ def declared():
             end = end_of_block(text, found.end())
             operations[found[1]] = names_in(public_part(text[found.end():end - 1]))
             text = text[:found.start()] + text[end:]
-        for function in re.findall(r"\bSORVANE_API\s+([^;{]*\([^;{]*)", text):
+        # What only throws, for the headers, is no operation.
+        text = re.sub(r"\[\[noreturn\]\] SORVANE_API[^;]*;", "", text)
+        for function in re.findall(r"\bSORVANE_(?:PLAIN_)?API\s+([^;{]*\([^;{]*)", text):
             if "::" not in function.split("(")[0].replace("std::", ""):
                 operations[FREE] |= names_in(function)
     return operations

@@ -272,7 +272,9 @@ private:
     std::ptrdiff_t m_notSeen = 0;  ///< to how many records, at most, the walk has not come
 };
 
-constinit thread_local Dispatch::Nested Dispatch::nested = {};
+// Without the model of its declaration here too, g++ would look it up by a call, which may allocate.
+constinit thread_local Dispatch::Nested Dispatch::nested
+    __attribute__((tls_model("initial-exec"))) = {};
 
 enum class Outcome { outOfDate, late, leftToSystem, called, calledForTheLastTime };
 
