@@ -14,6 +14,8 @@ KNOWN = (
     "Sorvane::(anonymous namespace)::entries",
     # Constant-initialised, and with virtual tables or pointers of their own.
     "Sorvane::(anonymous namespace)::noTable",
+    "Sorvane::(anonymous namespace)::noTableForGuest",
+    "Sorvane::(anonymous namespace)::noTableForHost",
     "Sorvane::SVSignalHandlerManager::signalDispositionSet",
     "Sorvane::svregistry",
     # What the compiler puts together of addresses, to copy them at once.
@@ -91,6 +93,8 @@ def mistakes(library):
             yield f"it is linked without {wanted}"
     if "TEXTREL" in flags:
         yield "its code is relocated"
+    if asks_for_thread_locals(library):
+        yield "it looks up by a call what each thread has, and that may allocate"
     for name in sorted(set(relocations_beyond_tables(library)) - set(KNOWN)):
         yield f"{name} is relocated"
 

@@ -80,7 +80,7 @@ public:
 
     /// The slot that holds a key, or else the slot where it would go; never null. The hash is the
     /// key's, by hashFunction.
-    Entry* lookup(const K& key, unsigned int hash) const;
+    [[gnu::always_inline]] inline Entry* lookup(const K& key, unsigned int hash) const;
 
     /// Whether the table holds a key.
     bool has_key(const K& key) const {
@@ -192,6 +192,8 @@ private:
         return used > fastGrowthLimit ? used * 2 : used * 4;
     }
     bool tooFullWith(unsigned int filled) const { return filled * 3 >= (mask + 1) * 2; }
+    void storeIn(Entry* entry, unsigned int hash, const K& key, const V& value);
+    [[gnu::noinline]] SVFailure insertAndGrow(const K& key, const V& value);
     void copySlotsTo(Entry* copy) const;
     void useEmptySlots(Entry* slots, unsigned int addressable);
     unsigned int reinsert(const Entry* source, unsigned int count);
@@ -231,10 +233,16 @@ unsigned int SVHashTable<K, V, H>::insert_helper(const K& key, const V& value) {
     if (entry == nullptr) {
         return insertNoSlot;
     }
+    storeIn(entry, hash, key, value);
+    return insertStored;
+}
+
+template <typename K, typename V, typename H>
+void SVHashTable<K, V, H>::storeIn(Entry* entry, unsigned int hash, const K& key, const V& value) {
     if (entry->state == svslotOccupied) {
         entry->key = key;
         entry->value = value;
-        return insertStored;
+        return;
     }
     if (entry->state == svslotEmpty) {
         ++fill;
@@ -247,7 +255,6 @@ unsigned int SVHashTable<K, V, H>::insert_helper(const K& key, const V& value) {
     std::atomic_signal_fence(std::memory_order_release);
     entry->state = svslotOccupied;
     ++used;
-    return insertStored;
 }
 
 template <typename K, typename V, typename H>
@@ -364,11 +371,22 @@ unsigned int SVHashTable<K, V, H>::resize(unsigned int minused) {
     return rebuild(room);
 }
 
+template <typename K, typename V, typename H>
+SVFailure SVHashTable<K, V, H>::tryInsert(const K& key, const V& value) {
+    const unsigned int hash = hashFunction(key);
+    Entry* const entry = lookup(key, hash);
+    if (tooFullWith(fill + (entry->state == svslotEmpty ? 1 : 0))) {
+        return insertAndGrow(key, value);
+    }
+    storeIn(entry, hash, key, value);
+    return SVFailure();
+}
+
 // The memory for the growth that has to follow an insertion is had before anything is stored:
 // otherwise each failure would use up a slot, until the probe walk no longer finds an empty one and
 // never ends.
 template <typename K, typename V, typename H>
-SVFailure SVHashTable<K, V, H>::tryInsert(const K& key, const V& value) {
+SVFailure SVHashTable<K, V, H>::insertAndGrow(const K& key, const V& value) {
     for (;;) {
         const bool grows = growsWithQ(key);
         Room room;
