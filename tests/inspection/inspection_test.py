@@ -191,6 +191,15 @@ class Dump(unittest.TestCase):
             maps.flush()
             self.check_all("--maps", maps.name)
 
+    def test_the_program_is_gone(self):
+        with tempfile.NamedTemporaryFile("w") as maps:
+            text = pathlib.Path(f"/proc/{self.process.pid}/maps").read_text()
+            maps.write(text.replace(str(PROGRAM), "/gone"))
+            maps.flush()
+            result = sorvane_dump("--maps", maps.name, text=self.dump)
+        self.assertEqual(result.stderr, "sorvane-dump: /gone: there is no such file any more\n")
+        self.assertRegex(result.stdout, r"\n    unknown function, in ")
+
     def test_names_by_the_program_alone(self):
         self.check_all("--module", str(PROGRAM))
 
@@ -248,8 +257,10 @@ class Dump(unittest.TestCase):
         self.check_refused("not allowed with", "--core", "x", "--pid", "1", status=2)
         self.check_refused("unrecognized arguments: --nix", "--nix", status=2)
         self.check_refused("there is no such process", "--pid", "-1")
-        self.check_refused("the dump is of another process", "--pid", str(os.getpid()),
-                           text=self.dump)
+        with subprocess.Popen(["sleep", "60"]) as other:
+            self.check_refused("the dump is of another process", "--pid", str(other.pid),
+                               text=self.dump)
+            other.kill()
         self.check_refused("the dump is of another process", "--pid", str(self.process.pid),
                            text=self.dump.replace("+0x", "+0x1"))
 

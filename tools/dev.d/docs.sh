@@ -19,6 +19,14 @@ version() {
         libsrc/include/sorvane/svversion.h
 }
 
+# Later ones darken the page for who wants that, and the style is a light one.
+configuration() {
+    cat docs/reference/Doxyfile
+    if [[ "$(doxygen -g -)" == *"HTML_COLORSTYLE "* ]]; then
+        say "HTML_COLORSTYLE = LIGHT"
+    fi
+}
+
 other_pages() {
     local page
     for page in CHANGELOG.md CONTRIBUTING.md SECURITY.md; do
@@ -40,6 +48,6 @@ done
 
 rm -rf "$output"
 mkdir -p "$output"
-run_logged docs doxygen docs/reference/Doxyfile || fail "the reference is not as it should be"
+run_logged docs doxygen - < <(configuration) || fail "the reference is not as it should be"
 python3 -B docs/reference/check_links.py "$output/html" || fail "some links lead nowhere"
 say "The reference is in $output/html/index.html"
