@@ -120,7 +120,7 @@ public:
     /// Whether inserting a key rebuilds the table.
     bool growsWithQ(const K& key) const {
         const Entry* const entry = lookup(key, hashFunction(key));
-        return entry != nullptr && tooFullWith(fill + (entry->state == svslotEmpty ? 1 : 0));
+        return entry != nullptr && tooFullIfStoredIn(entry);
     }
 
     /// The value of a key, which is inserted first when it is absent; its value then means nothing
@@ -192,6 +192,9 @@ private:
         return used > fastGrowthLimit ? used * 2 : used * 4;
     }
     bool tooFullWith(unsigned int filled) const { return filled * 3 >= (mask + 1) * 2; }
+    bool tooFullIfStoredIn(const Entry* entry) const {
+        return tooFullWith(fill + (entry->state == svslotEmpty ? 1 : 0));
+    }
     void storeIn(Entry* entry, unsigned int hash, const K& key, const V& value);
     [[gnu::noinline]] SVFailure insertAndGrow(const K& key, const V& value);
     void copySlotsTo(Entry* copy) const;
@@ -375,7 +378,7 @@ template <typename K, typename V, typename H>
 SVFailure SVHashTable<K, V, H>::tryInsert(const K& key, const V& value) {
     const unsigned int hash = hashFunction(key);
     Entry* const entry = lookup(key, hash);
-    if (tooFullWith(fill + (entry->state == svslotEmpty ? 1 : 0))) {
+    if (tooFullIfStoredIn(entry)) {
         return insertAndGrow(key, value);
     }
     storeIn(entry, hash, key, value);
