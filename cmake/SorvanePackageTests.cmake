@@ -19,7 +19,7 @@ function(sorvane_add_refusal_test name sentence)
   add_test(
     NAME package.${name}
     COMMAND
-      ${CMAKE_COMMAND} -G Ninja -S "${SORVANE_SIGNALS_CONSUMERS_DIR}/refused" -B
+      ${CMAKE_COMMAND} --fresh -G Ninja -S "${SORVANE_SIGNALS_CONSUMERS_DIR}/refused" -B
       "${CMAKE_CURRENT_BINARY_DIR}/consumers/${name}" "-DCMAKE_PREFIX_PATH=${prefix}" ${ARGN})
   set_tests_properties(package.${name} PROPERTIES TIMEOUT 60 PASS_REGULAR_EXPRESSION "${sentence}"
                                                   FIXTURES_REQUIRED installed_package)
