@@ -47,7 +47,8 @@ private:
 };
 
 /// Reports a failure of any class of the library; thrown by value. It can also be caught as an
-/// SVObject. Neither making nor copying one fails, even when there is no memory at all.
+/// SVObject; it is no std::exception. Neither making nor copying one fails, even when there is no
+/// memory at all.
 ///
 /// Signal context: any for reading; otherwise normal context only.
 class SORVANE_API SVException : public SVObject {

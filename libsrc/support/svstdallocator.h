@@ -11,9 +11,10 @@
 
 namespace Sorvane {
 
-/// The standard's exceptions, thrown by the library, so that the headers do for programs that are
-/// compiled without exceptions.
+/// Throws std::bad_alloc: in the library, so that the headers do for programs that are compiled
+/// without exceptions.
 [[noreturn]] SORVANE_API void svthrowBadAlloc();
+/// The same with std::bad_array_new_length.
 [[noreturn]] SORVANE_API void svthrowBadArrayNewLength();
 
 /// Gives standard containers their storage from SVObject's operators. All allocators are alike:

@@ -19,7 +19,8 @@ class SVSignalQueue;
 /// It subscribes to each of its signals (see SVSignalSubscription, whose rules hold for it), so no
 /// thread has to hold a signal back, and the host's handlers go on being called. Its handler copies
 /// what arrived to a place that was allocated before, and never waits. What finds no place is
-/// counted, and told by lost().
+/// counted, and told by lost(). SIGSEGV, SIGBUS and SIGHUP are no use here: without a handler of
+/// the host's the process ends with status 0 before anybody takes the event.
 ///
 /// In a child made by fork() it is without function: nothing arrives, next() finds nothing and the
 /// descriptor is still the parent's, so take it out of the child's loop and destroy it. A child

@@ -86,7 +86,8 @@ public:
     void startHandlingSignals();
 
     /// Hands one signal back: to its first pre-existing record, valid or not, or, when it has none,
-    /// to SIG_IGN. The records stay. Does nothing for a signal without a table.
+    /// to SIG_IGN, for everybody. The records stay. Does nothing for a signal without a table; one
+    /// that has a table is left ignored again each time, also if its records have been cleared.
     void stopHandlingSignal(int signalNumber);
 
     /// Hands every signal from 1 to 60 back, one by one, and with it everybody's. Does nothing when

@@ -1,5 +1,7 @@
 #!/usr/bin/env bash
 # summary: makes the reference, in build/docs, from the public headers and the pages
+# usage: ./dev docs
+# time: about half a minute
 source tools/devlib.sh
 
 readonly output=build/docs
