@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // A signal whose handlers are called by an event loop.
 #ifndef SORVANE_BENCH_LOOP_H
 #define SORVANE_BENCH_LOOP_H

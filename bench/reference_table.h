@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // A hash table written by hand with the layout, the hash and the probing of the library's, for keys
 // and values that can be copied as they lie in memory: what these cost by themselves.
 #ifndef SORVANE_BENCH_REFERENCE_TABLE_H

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // The library's table beside one that is written by hand with the same layout, hash and probing,
 // and beside others, by Google Benchmark. A benchmark is named after its work, its key, the size of
 // its value, the number of its keys, and its table. Each checks what it has done.

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // A work on several threads at once.
 #ifndef SORVANE_BENCH_THREADS_H
 #define SORVANE_BENCH_THREADS_H

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // Which work a program does, as its arguments say: a name and, for most works, a size.
 #ifndef SORVANE_BENCH_WORKS_H
 #define SORVANE_BENCH_WORKS_H

@@ -1,3 +1,6 @@
+# SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+# SPDX-License-Identifier: Apache-2.0
+
 # What looks inside: the printers for gdb, and sorvane-dump, with their manual pages.
 set(inspection_dir "${PROJECT_SOURCE_DIR}/inspection")
 set(gdb_printers "${inspection_dir}/sorvane-signals-gdb.py")

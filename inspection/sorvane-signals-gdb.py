@@ -1,3 +1,6 @@
+# SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+# SPDX-License-Identifier: Apache-2.0
+
 """What gdb shows of Sorvane signals: the handler records, the tables, the dispositions, the lock
 and the managers in words, and with "info sorvane" the whole state of the process. It only reads
 memory, so a core file will do. "print/r" shows an object as it is.

@@ -1,3 +1,6 @@
+# SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+# SPDX-License-Identifier: Apache-2.0
+
 """Measures how the works grow, and draws it. The same figures make the same files."""
 
 import pathlib

@@ -1,3 +1,6 @@
+# SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+# SPDX-License-Identifier: Apache-2.0
+
 """The results of ./dev bench as tables, for the terminal and for the documentation."""
 
 import os

@@ -1,3 +1,6 @@
+# SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+# SPDX-License-Identifier: Apache-2.0
+
 """Takes the programs out of a page of the guide, or runs what the page shows of them.
 
   guide.py extract PAGE FOLDER   writes the page's files into a folder, with a CMakeLists.txt

@@ -1,3 +1,6 @@
+# SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+# SPDX-License-Identifier: Apache-2.0
+
 """Looks whether the links of the documents lead somewhere: a relative one to a file of the tree, an
 anchor to a heading of its page.
 """

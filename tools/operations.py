@@ -1,3 +1,6 @@
+# SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+# SPDX-License-Identifier: Apache-2.0
+
 """Compares the guide's table of operations with the public headers: each public operation stands
 in the section of its class, and nothing stands there that is none.
 """

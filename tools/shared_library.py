@@ -1,3 +1,6 @@
+# SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+# SPDX-License-Identifier: Apache-2.0
+
 """Looks at what the shared library asks of the dynamic linker. Each relocation costs every process
 that loads it a write, and the page that is written a copy; so there is to be none but those of
 virtual tables and of what the linker itself adds. What there is beyond that is known by name here.

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // The works as Boost.Asio does them: its handler writes to a pipe, and the context calls what
 // waits.
 

@@ -1,4 +1,7 @@
 #!/usr/bin/env bash
+# SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+# SPDX-License-Identifier: Apache-2.0
+
 # build_signal_hook.sh SOURCE CRATES FOLDER: makes FOLDER/libsignal_hook.a of SOURCE and of the two
 # crates that it stands on, as Debian packages their sources, with rustc alone.
 set -euo pipefail

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // The works as GLib does them: its handler wakes a thread of its own, which wakes the loop. It
 // takes six signals only.
 

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // What a peer has installed for a signal, called by hand.
 #ifndef SORVANE_BENCH_PEERS_INSTALLED_H
 #define SORVANE_BENCH_PEERS_INSTALLED_H

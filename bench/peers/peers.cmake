@@ -1,3 +1,6 @@
+# SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+# SPDX-License-Identifier: Apache-2.0
+
 # Those that are missing are left out; tools/bench.py names them.
 find_package(PkgConfig)
 foreach(peer IN ITEMS ace:ACE libuv:libuv glib:glib-2.0)

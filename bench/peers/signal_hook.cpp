@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // The works as signal-hook-registry does them, which is written in Rust: several handlers for a
 // signal, which are called inside its handler.
 

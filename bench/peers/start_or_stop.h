@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // Beginning and ending to handle signals, one by one.
 #ifndef SORVANE_BENCH_PEERS_START_OR_STOP_H
 #define SORVANE_BENCH_PEERS_START_OR_STOP_H

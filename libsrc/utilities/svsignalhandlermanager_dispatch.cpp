@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // What happens when a signal arrives. All of it can be reached by a signal.
 
 #include <unistd.h>
@@ -272,7 +275,7 @@ private:
     std::ptrdiff_t m_notSeen = 0;  ///< to how many records, at most, the walk has not come
 };
 
-// Without the model of its declaration here too, g++ would look it up by a call, which may allocate.
+// Without the model of its declaration, g++ would look it up by a call, which may allocate.
 constinit thread_local Dispatch::Nested Dispatch::nested
     __attribute__((tls_model("initial-exec"))) = {};
 

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // A process to look into: a handler of the host's, a subscription, and handlers that have no name
 // in the dynamic symbol table. It writes its dump, and waits for the end of its input.
 

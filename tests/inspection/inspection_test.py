@@ -1,3 +1,6 @@
+# SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+# SPDX-License-Identifier: Apache-2.0
+
 """Looks into a process, and into a core file of it, with what is installed for that. Arguments: the
 inspected program, the prefix of the installation, the library's folder in it, and then unittest's.
 """

@@ -1,4 +1,7 @@
 #!/usr/bin/env bash
+# SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+# SPDX-License-Identifier: Apache-2.0
+
 # summary: makes the reference, in build/docs, from the public headers and the pages
 # usage: ./dev docs
 # time: about half a minute
