@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // What a work costs without the library: the system calls that it must make, and dispatches that
 // are written by hand.
 

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // A program that does a work in blocks, as ./dev bench tells it to: reads how often from its input,
 // and answers with the nanoseconds that each time took. Between two blocks it checks what the last
 // one has done; what is wrong ends it.

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // Handlers that count, as many different ones as a work needs, and what calls them.
 #ifndef SORVANE_BENCH_HANDLERS_H
 #define SORVANE_BENCH_HANDLERS_H

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // Does a work a thousand times while callgrind counts, for tools/instructions.py.
 
 #include <sorvane/svhashtable.h>

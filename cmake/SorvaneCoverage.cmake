@@ -1,3 +1,6 @@
+# SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+# SPDX-License-Identifier: Apache-2.0
+
 # Counts which lines and branches run, for the report of `./dev coverage`.
 if(NOT SORVANE_SIGNALS_COVERAGE)
   return()

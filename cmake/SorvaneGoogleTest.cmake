@@ -1,3 +1,6 @@
+# SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+# SPDX-License-Identifier: Apache-2.0
+
 # Built from source in each build tree: there is no 32-bit package, and the
 # sanitizers need to see it.
 set(SORVANE_SIGNALS_GOOGLETEST_DIR /usr/src/googletest CACHE PATH "Source tree of GoogleTest")

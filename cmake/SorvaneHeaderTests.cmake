@@ -1,3 +1,6 @@
+# SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+# SPDX-License-Identifier: Apache-2.0
+
 # Every public header must compile alone and twice in a row, without a warning,
 # in each language version that users may compile with, and without exceptions and
 # run-time type information.

@@ -1,3 +1,6 @@
+# SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+# SPDX-License-Identifier: Apache-2.0
+
 # The library is used by projects of their own: from the installed package through CMake and through
 # pkg-config, by a plug-in, and as a part of another project.
 set(SORVANE_SIGNALS_CONSUMERS_DIR "${CMAKE_CURRENT_LIST_DIR}/consumers")

@@ -1,3 +1,6 @@
+# SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+# SPDX-License-Identifier: Apache-2.0
+
 # The program that README.md shows first is built and run as it stands there.
 function(sorvane_add_readme_test readme)
   if(NOT EXISTS "${readme}")

@@ -1,3 +1,6 @@
+# SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+# SPDX-License-Identifier: Apache-2.0
+
 # Set for the whole directory, not for single targets: a sanitizer that has not
 # seen every object, GoogleTest's included, reports errors that are none.
 if(NOT SORVANE_SIGNALS_SANITIZERS)

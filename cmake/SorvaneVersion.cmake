@@ -1,3 +1,6 @@
+# SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+# SPDX-License-Identifier: Apache-2.0
+
 # The version is kept in one place, the header that users read it from.
 function(sorvane_read_version variable header)
   set(header "${CMAKE_CURRENT_SOURCE_DIR}/${header}")

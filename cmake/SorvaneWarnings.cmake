@@ -1,3 +1,6 @@
+# SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+# SPDX-License-Identifier: Apache-2.0
+
 # The warnings that the whole tree is free of. Linked privately, and to nothing of a
 # project that has the library as a part: they are no business of its users.
 set(SORVANE_SIGNALS_WARNING_FLAGS

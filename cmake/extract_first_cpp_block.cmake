@@ -1,3 +1,6 @@
+# SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+# SPDX-License-Identifier: Apache-2.0
+
 # Usage: cmake -DMARKDOWN=file.md -DOUTPUT=file.cpp -P extract_first_cpp_block.cmake
 file(READ "${MARKDOWN}" text)
 

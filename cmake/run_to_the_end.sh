@@ -1,4 +1,7 @@
 #!/bin/sh
+# SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+# SPDX-License-Identifier: Apache-2.0
+
 # Runs a GoogleTest program. GoogleTest removes the marker when the tests are over,
 # so a process that the library ended before, with status 0, is not taken for a
 # success.

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // The sanitizers would otherwise install handlers of their own for the faults
 // before main() runs. To this library these are pre-existing handlers, which
 // decide whether a fault ends the process, so the programs would no longer be

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // The library's main job on real signals, from the first registration to the last manager's end.
 //
 // The program checks every step and ends with a status other than 0, and one line that says why,

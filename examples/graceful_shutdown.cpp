@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // Leaves the main loop when SIGTERM or SIGINT arrives.
 //
 // The handler does the one thing that is always safe: it writes a byte into a pipe. Everything else

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // Reads the settings again when SIGHUP arrives, and goes on.
 //
 // SIGHUP ends a process in which nobody but ordinary handlers waits for it. A record that is marked

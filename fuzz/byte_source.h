@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // Choices from a byte string: what a fuzzer varies, a corpus keeps and a seed makes.
 #ifndef SORVANE_FUZZ_BYTE_SOURCE_H
 #define SORVANE_FUZZ_BYTE_SOURCE_H

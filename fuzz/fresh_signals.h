@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // Signal handling as a process finds it at its start, for the length of a scope.
 #ifndef SORVANE_FUZZ_FRESH_SIGNALS_H
 #define SORVANE_FUZZ_FRESH_SIGNALS_H

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // Keeps what a fuzzer is just trying where it outlives the process: the library may end that
 // without a word, and then the fuzzer has written nothing down.
 #ifndef SORVANE_FUZZ_LAST_INPUT_H

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // One history of several managers, as a byte string tells it.
 #ifndef SORVANE_FUZZ_MANAGER_BODY_H
 #define SORVANE_FUZZ_MANAGER_BODY_H

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // Compares the library's shared state, the operating system's actions and the calls of handlers
 // with the model of them.
 #ifndef SORVANE_FUZZ_MANAGER_COMPARISON_H

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // A model of the manager: what every operation is to do to the shared state and to the operating
 // system's signal table, and which handlers are to be called, in which order. Written as plain
 // lists and walks; it calls nothing and shares nothing with the library.

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // Managers of the library and the model of them, side by side.
 #ifndef SORVANE_FUZZ_MANAGER_PAIR_H
 #define SORVANE_FUZZ_MANAGER_PAIR_H

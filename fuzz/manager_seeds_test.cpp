@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // Managers against their model: long histories from fixed seeds.
 
 #include <gtest/gtest.h>

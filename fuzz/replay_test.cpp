@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // The committed corpus: short histories that a fuzzer found worth keeping, each played once.
 
 #include <gtest/gtest.h>

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // Handlers that are more than a note of their call.
 #ifndef SORVANE_FUZZ_SPECIAL_HANDLERS_H
 #define SORVANE_FUZZ_SPECIAL_HANDLERS_H

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // Compares a table with its model, slot by slot.
 #ifndef SORVANE_FUZZ_TABLE_COMPARISON_H
 #define SORVANE_FUZZ_TABLE_COMPARISON_H

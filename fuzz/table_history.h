@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // Histories of a table and its model: long ones from fixed seeds, and those that a fuzzer finds.
 #ifndef SORVANE_FUZZ_TABLE_HISTORY_H
 #define SORVANE_FUZZ_TABLE_HISTORY_H

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // A model of the hash table. What both the table and the model are told, they must agree about.
 #ifndef SORVANE_FUZZ_TABLE_MODEL_H
 #define SORVANE_FUZZ_TABLE_MODEL_H

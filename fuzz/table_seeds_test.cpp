@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // The table against its model: long histories from fixed seeds, in both of the instantiations that
 // the manager uses. After every step the two must agree about every slot.
 

@@ -1,3 +1,6 @@
+/* SPDX-FileCopyrightText: 2026 The Sorvane signals authors */
+/* SPDX-License-Identifier: Apache-2.0 */
+
 /* Who is inside the entry function of a subscription (libsrc/utilities/svsubscriptionentries.h), for
  * spin to visit every order of its steps.
  *

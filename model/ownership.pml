@@ -1,3 +1,6 @@
+/* SPDX-FileCopyrightText: 2026 The Sorvane signals authors */
+/* SPDX-License-Identifier: Apache-2.0 */
+
 /* Whose a signal is (libsrc/registry/svownership.h), for spin to visit every order of its steps.
  *
  * Threads to which a signal comes, and others that hand it back, take it over, clear the host's

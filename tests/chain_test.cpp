@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // Chains that lead back to the library: a handler that was installed after it calls what it has
 // displaced.
 

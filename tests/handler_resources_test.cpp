@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // That nothing which runs because a signal arrived uses the ordinary heap, a lock, or a stream; nor
 // does any operation while signals are held back for it, because whoever waits for it may have
 // interrupted any of these.

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // Where storage comes from inside a handler, and where it goes: a handler's own from and to the
 // library's store, the heap's own to the heap, but only once no handler can have interrupted it.
 

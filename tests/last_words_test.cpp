@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // Subscribers of a signal whose handler of the host's gives up, and those who end the process by
 // the default action themselves. What they are called with, and how the process ends.
 

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // What becomes of a signal whose handler has put another action in its place: the one that is still
 // to come goes to that, and not to the handler once more.
 

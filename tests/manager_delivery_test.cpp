@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // Signals that really arrive: from every source, on any thread, and from faults.
 
 #include <gtest/gtest.h>

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // How one signal is taken over, and which records are called when it arrives.
 
 #include <dlfcn.h>

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // Every failure of the manager: what is thrown, and what is then still as it was.
 
 #include <../utilities/svsharedstate.h>

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // What the first manager makes, what all share, and what the last one takes down.
 
 #include <gtest/gtest.h>

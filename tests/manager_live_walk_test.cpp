@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // What a handler does to the records of its own signal while these are being called.
 
 #include <gtest/gtest.h>

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // What looks like a mistake and is not. Programs rely on each of these as it is; whoever wants to
 // repair one finds the reason here.
 

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // Switching signal handling on and off, and the dispositions that say for which signals.
 
 #include <gtest/gtest.h>

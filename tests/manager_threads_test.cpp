@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // Who takes the lock, when, and for how long; and several threads at once.
 
 #include <gtest/gtest.h>

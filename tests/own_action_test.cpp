@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // The library's own action: what it has of the action that the host had.
 
 #include <../utilities/svownaction.h>

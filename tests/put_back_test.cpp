@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // A host that installs a handler over the library, and puts back later what it has displaced, when
 // the signal has been taken over once more in between. It means what the library stood for when it
 // was found.

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // How much of its thread's signal stack a dispatch takes for itself, beside what the kernel puts
 // there and what the handlers take.
 

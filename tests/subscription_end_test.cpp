@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // What a subscription leaves behind: nothing, as far as it can.
 
 #include <gtest/gtest.h>

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // Subscriptions that come and go on several threads while their signals arrive.
 
 #include <../registry/svownership.h>

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // How a subscription begins, whom it calls, and what it refuses.
 
 #include <gtest/gtest.h>

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // Whom the end of a subscription waits for, and whom not.
 
 #include <gtest/gtest.h>

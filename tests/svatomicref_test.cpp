@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // Atomic access to plain objects by the compiler's own operations, which stand in for
 // std::atomic_ref where the standard library lacks it.
 

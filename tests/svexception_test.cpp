@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // The one exception type: what it carries, how it can be caught, and that it arrives when there is
 // no memory.
 

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // The gate: which signals it holds back, who waits for it, and what children find of it.
 
 #include <../registry/svgate.h>

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // What the hash table throws, and what it is like afterwards. Memory runs out for real here. What
 // can't happen with the library's own keys is made to happen with keys of the test's own, for
 // which single steps of the table are replaced.

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // The hash table: where keys go, what removal leaves behind, when the table is rebuilt and at what
 // size, and in which order it gives up what it holds.
 

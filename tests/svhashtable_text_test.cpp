@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // The text of a table and of its slots, for any types that a stream can write.
 
 #include <gtest/gtest.h>

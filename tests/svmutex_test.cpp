@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // The lock behind a handle, the factory that it comes from, and its scoped use. Whether a lock is
 // free is asked by another thread, because its holder may always take it again.
 

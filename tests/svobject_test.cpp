@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // The root class, its allocation operators, and the tree of classes that derive from it.
 
 #include <../support/svhandlercontext.h>

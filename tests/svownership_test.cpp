@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // Whose a signal is: the counts, what is remembered beside them, and what may be asked of them.
 
 #include <../registry/svgate.h>

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // Who reads the published tables, and who is told of it.
 
 #include <../registry/svgate.h>

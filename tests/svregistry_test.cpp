@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // The published tables: when they are changed in place, when in a copy, and when what has been
 // displaced is released.
 

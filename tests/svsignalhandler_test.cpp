@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // The handler record: what it keeps, what it installs, whom it calls, and how it reads.
 
 #include <dlfcn.h>

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // The library's own store: what it hands out, to whom, and what becomes of what comes back.
 
 #include <../support/svstore.h>

@@ -1,3 +1,6 @@
+# SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+# SPDX-License-Identifier: Apache-2.0
+
 # shellcheck shell=bash
 # Bare trees: a system with next to nothing in it, in a folder of build/trees.
 source tools/devlib.sh

@@ -1,3 +1,6 @@
+# SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+# SPDX-License-Identifier: Apache-2.0
+
 """Measures what the library costs, beside what its works cost without it, in one run.
 
 Each work is done by programs of their own, in blocks of a few milliseconds, by turns and on one

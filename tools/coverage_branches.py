@@ -1,4 +1,7 @@
 #!/usr/bin/env python3
+# SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+# SPDX-License-Identifier: Apache-2.0
+
 """Gives gcovr's trace of the coverage the branches that the source code writes.
 
 gcovr takes the branches of a line from wherever the line was compiled, by their

@@ -1,3 +1,6 @@
+# SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+# SPDX-License-Identifier: Apache-2.0
+
 """Finds the small changes that can be made in a C++ source: a condition negated or forced, a
 comparison shifted, a constant off by one, a statement deleted, two neighbours swapped.
 

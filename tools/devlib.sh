@@ -1,3 +1,6 @@
+# SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+# SPDX-License-Identifier: Apache-2.0
+
 # shellcheck shell=bash
 # What the commands of ./dev share. They run in the root of the tree.
 set -euo pipefail

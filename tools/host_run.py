@@ -1,3 +1,6 @@
+# SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+# SPDX-License-Identifier: Apache-2.0
+
 """Runs one host once, with the plug-in or without, and records all that can be seen of it."""
 
 import ctypes

@@ -1,4 +1,7 @@
 #!/usr/bin/env python3
+# SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+# SPDX-License-Identifier: Apache-2.0
+
 """Runs programs of others with a plug-in that uses the library, and as they are, and compares.
 
 The scenarios are in hosts/, a TOML file each, with what is expected to differ and why. Each runs

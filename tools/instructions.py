@@ -1,3 +1,6 @@
+# SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+# SPDX-License-Identifier: Apache-2.0
+
 """Counts the instructions of the library's most frequent works by callgrind, and compares them with
 the committed figures. One that has grown by more than two percent fails, with the functions that it
 has grown in. On another system or compiler than that of the figures nothing can be told (77).

@@ -1,4 +1,7 @@
 #!/usr/bin/env python3
+# SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+# SPDX-License-Identifier: Apache-2.0
+
 """Plants the mistakes of tests/mutants one at a time, and looks whether a test catches each.
 
 Works in copies of the tree under build/mutants, one for each processor, so that the checkout stays

@@ -1,3 +1,6 @@
+# SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+# SPDX-License-Identifier: Apache-2.0
+
 """What ./dev mutants and its --search share: copies of the tree that mistakes are made in, what is
 built and run there, and the models."""
 

@@ -1,3 +1,6 @@
+# SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+# SPDX-License-Identifier: Apache-2.0
+
 # shellcheck shell=bash
 # Runs the tests under one preset and counts them.
 source tools/devlib.sh

@@ -1,4 +1,7 @@
 #!/bin/sh
+# SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+# SPDX-License-Identifier: Apache-2.0
+
 # check_installed_headers.sh PREFIX/INCLUDE COMPILER [FLAG...]: what is installed is what the public
 # headers include, and no header more.
 set -eu

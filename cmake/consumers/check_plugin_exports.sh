@@ -1,4 +1,7 @@
 #!/bin/sh
+# SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+# SPDX-License-Identifier: Apache-2.0
+
 # check_plugin_exports.sh NM PLUG_IN: a plug-in exports its own functions, and, if it contains the
 # library, the function that has a plain name.
 set -eu

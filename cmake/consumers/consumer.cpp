@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // Exits with 0 if a signal arrives at a handler that was registered with the library.
 #include <sorvane/svhashtable.h>
 #include <sorvane/svsignalhandlermanager.h>

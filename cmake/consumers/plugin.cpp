@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // A plug-in that is the only user of the library in its process.
 #include <sorvane/svsignalhandlermanager.h>
 #include <csignal>

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // Loads the plug-in, lets it handle a signal and unloads it. The operating system still points into
 // the library then: exits with 0 if the next signal finds it there.
 #include <dlfcn.h>

@@ -1,4 +1,7 @@
 #!/bin/sh
+# SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+# SPDX-License-Identifier: Apache-2.0
+
 # try_part.sh BUILD_DIR SOURCES OPTION...: builds, tests and installs a project that has the library
 # as a part, and then a program that uses what was installed.
 set -eu

@@ -1,4 +1,7 @@
 #!/bin/sh
+# SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+# SPDX-License-Identifier: Apache-2.0
+
 # try_pkg_config.sh PREFIX LIBDIR VERSION COMPILER [FLAG...]: builds and runs the consumer with
 # nothing but what pkg-config says about the installed library, the shared one and the static one.
 set -eu

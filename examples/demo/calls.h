@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // The log of handler calls. Handlers write it, and the program reads it once they have returned.
 #ifndef DEMO_CALLS_H
 #define DEMO_CALLS_H

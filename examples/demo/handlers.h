@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // The handlers of three parties in one process that know nothing of one another: the program
 // itself, and two users of the library. Each does what a signal handler may do, and no more: it
 // notes that it was called, and the program prints the notes afterwards.

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // Signals that this process makes itself.
 #ifndef DEMO_INSIDE_H
 #define DEMO_INSIDE_H

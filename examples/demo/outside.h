@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // Somebody else: another process, which sends signals to this one when it is told to.
 #ifndef DEMO_OUTSIDE_H
 #define DEMO_OUTSIDE_H

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // Other processes, and memory that is shared with them.
 #ifndef DEMO_PROCESS_H
 #define DEMO_PROCESS_H

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // What the demo prints, and how it ends when something is not as it must be.
 #ifndef DEMO_REPORT_H
 #define DEMO_REPORT_H

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // The signals of this program: their names, what is installed for them, and when they may arrive.
 #ifndef DEMO_SIGNALS_H
 #define DEMO_SIGNALS_H

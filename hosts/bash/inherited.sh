@@ -1,4 +1,7 @@
 #!/usr/bin/env bash
+# SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+# SPDX-License-Identifier: Apache-2.0
+
 # What programs inherit: what is trapped, what is ignored.
 # shellcheck source=hosts/bash/plugin.sh
 source "${BASH_SOURCE[0]%/*}/plugin.sh"

@@ -1,4 +1,7 @@
 #!/usr/bin/env bash
+# SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+# SPDX-License-Identifier: Apache-2.0
+
 # Job control: jobs in the background, stopped and continued, a trap for their end.
 # shellcheck source=hosts/bash/plugin.sh
 source "${BASH_SOURCE[0]%/*}/plugin.sh"

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // Counts on what it has installed its handlers with: whether calls are restarted, what is held back
 // meanwhile, siginfo, the alternate stack.
 

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // Collects garbage while it goes on: the collector protects pages, and learns by SIGSEGV which of
 // them have been written to.
 

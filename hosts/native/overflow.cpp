@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // Recovers from an overflow of its stack, twice, by a library that handles SIGSEGV on a stack of
 // its own and leaves the handler by a jump.
 

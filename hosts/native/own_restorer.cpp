@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // Installs its handlers by the system call, with a restorer of its own, as run-time systems do that
 // are not written in C.
 

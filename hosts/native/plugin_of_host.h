@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // How the hosts that are programs of this tree load the plug-in and call the probe.
 #ifndef SORVANE_HOSTS_PLUGIN_OF_HOST_H
 #define SORVANE_HOSTS_PLUGIN_OF_HOST_H

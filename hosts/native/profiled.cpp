@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // Has itself profiled: a timer sends SIGPROF a hundred times in a second of work.
 
 #include <gperftools/profiler.h>

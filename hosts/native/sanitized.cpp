@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // Runs under a sanitizer that has handlers of its own, has some itself, and ends with an error that
 // the sanitizer reports.
 

@@ -1,3 +1,6 @@
+# SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+# SPDX-License-Identifier: Apache-2.0
+
 # alarm: the end of a blocking call by die, and sleep.
 use strict;
 use warnings;

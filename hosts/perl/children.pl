@@ -1,3 +1,6 @@
+# SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+# SPDX-License-Identifier: Apache-2.0
+
 # Children: system, a pipe from one, fork and waitpid, a handler for their end.
 use strict;
 use warnings;

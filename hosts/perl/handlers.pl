@@ -1,3 +1,6 @@
+# SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+# SPDX-License-Identifier: Apache-2.0
+
 # %SIG: handlers, local ones, names, ignored signals, die out of a handler, children.
 use strict;
 use warnings;

@@ -1,3 +1,6 @@
+# SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+# SPDX-License-Identifier: Apache-2.0
+
 # POSIX::sigaction: what is read back, masks, SA_RESTART, immediate handlers.
 use strict;
 use warnings;

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // Plug-ins that do harm, each in one way. The harness has to find it.
 
 #include <unistd.h>

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // What bash takes for a builtin when it loads a shared object: "enable -f FILE NAME".
 #ifndef SORVANE_HOSTS_BASH_BUILTIN_H
 #define SORVANE_HOSTS_BASH_BUILTIN_H

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // The plug-in with managers: one that locks and one that doesn't.
 
 #include <sorvane/svsignalhandlermanager.h>

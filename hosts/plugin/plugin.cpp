@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // The plug-in. It begins when it is loaded and ends when it is unloaded or the host ends, as the
 // mode of the run says.
 

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // What one form of the plug-in consists of. Each form is a shared object of its own.
 #ifndef SORVANE_HOSTS_PLUGIN_H
 #define SORVANE_HOSTS_PLUGIN_H

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // The probe. It writes down what the system knows of the process's signals: when the process
 // begins, when it ends, and whenever it is told to. With SORVANE_HOSTS_HELPER set it has a thread
 // that is told through a pipe, for hosts that can't call a function.

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // What the probe offers to the plug-in, and to hosts that can call a function. It is preloaded into
 // every run, also into the one without the plug-in.
 #ifndef SORVANE_HOSTS_PROBE_H

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // The plug-in with subscriptions: two for each signal.
 
 #include <sorvane/svsignalsubscription.h>

@@ -1,3 +1,6 @@
+# SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+# SPDX-License-Identifier: Apache-2.0
+
 """subprocess: exit statuses, signals, pipes, a child that gets its handlers' default actions."""
 
 import os

@@ -1,3 +1,6 @@
+# SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+# SPDX-License-Identifier: Apache-2.0
+
 """Blocking calls that signals interrupt: retried by Python, ended by an exception, woken up by a
 descriptor."""
 

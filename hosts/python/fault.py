@@ -1,3 +1,6 @@
+# SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+# SPDX-License-Identifier: Apache-2.0
+
 """faulthandler: a traceback for a signal that is sent, and one for a real fault, of which the
 process dies."""
 

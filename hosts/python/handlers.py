@@ -1,3 +1,6 @@
+# SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+# SPDX-License-Identifier: Apache-2.0
+
 """Handlers of signal.signal: what they are called with, what replaces them, what ignores."""
 
 import os

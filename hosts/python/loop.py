@@ -1,3 +1,6 @@
+# SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+# SPDX-License-Identifier: Apache-2.0
+
 """asyncio: add_signal_handler, and children that it waits for."""
 
 import asyncio

@@ -1,3 +1,6 @@
+# SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+# SPDX-License-Identifier: Apache-2.0
+
 """How the scripts load the plug-in, if it is this run's turn for that, and call the probe."""
 
 import _ctypes

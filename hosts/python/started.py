@@ -1,3 +1,6 @@
+# SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+# SPDX-License-Identifier: Apache-2.0
+
 """What Python does for SIGINT and SIGPIPE by itself, when it starts."""
 
 import os

@@ -1,3 +1,6 @@
+# SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+# SPDX-License-Identifier: Apache-2.0
+
 """Signals and threads: handlers run on the main thread, masks are each thread's own, sigwait."""
 
 import os

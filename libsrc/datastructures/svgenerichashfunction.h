@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // The hash function of the tables.
 #ifndef SORVANE_SVGENERICHASHFUNCTION_H
 #define SORVANE_SVGENERICHASHFUNCTION_H

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // The library's own open-addressing hash table.
 //
 // Layout. A table has mask + 1 addressable slots, a power of two, and one end slot behind them

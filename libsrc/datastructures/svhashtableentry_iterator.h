@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // A walk over the occupied slots of a hash table.
 #ifndef SORVANE_SVHASHTABLEENTRY_ITERATOR_H
 #define SORVANE_SVHASHTABLEENTRY_ITERATOR_H

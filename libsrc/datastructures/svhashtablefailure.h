@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // What the table and its iterator put into every exception of theirs.
 #ifndef SORVANE_SVHASHTABLEFAILURE_H
 #define SORVANE_SVHASHTABLEFAILURE_H

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // The gate: how the shared state changes while signals arrive.
 //
 // The problem. A signal may arrive at any instruction, on any thread, and what it runs reads the

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // Whose a signal is: the library's, or the host's again.
 //
 // The problem. One thread hands a signal back while another one dispatches it. The dispatch ends

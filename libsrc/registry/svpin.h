@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // Who reads the published tables.
 //
 // A reader writes the address of the tables that it reads into a slot that nobody else uses; that

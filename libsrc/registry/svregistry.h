@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // The registry: the published tables, and how they change inside the gate.
 //
 // What is published is one outer table with an inner table for each signal. It changes in one of

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // The two levels of the registry's tables.
 #ifndef SORVANE_SVSIGNALTABLES_H
 #define SORVANE_SVSIGNALTABLES_H

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // Atomic access to a plain object: std::atomic_ref, also where the standard library lacks it.
 #ifndef SORVANE_SVATOMICREF_H
 #define SORVANE_SVATOMICREF_H

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // The one exception type of the library.
 #ifndef SORVANE_SVEXCEPTION_H
 #define SORVANE_SVEXCEPTION_H

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // What leaves the library. It is compiled with hidden visibility, and these are the exceptions from
 // that.
 #ifndef SORVANE_SVEXPORT_H

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // A failure that is told before it is thrown.
 //
 // Making and throwing an exception allocates and runs the C++ runtime's own code, which is not

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // Whether the ordinary heap is out of bounds for this thread.
 //
 // What a signal has interrupted may be anything, the heap's own code included. So inside a dispatch

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // An operating-system lock behind a handle, and its scoped use.
 #ifndef SORVANE_SVMUTEX_H
 #define SORVANE_SVMUTEX_H

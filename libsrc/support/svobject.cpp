@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // Storage for every heap object, in any context.
 //
 // Ordinarily it comes from the heap. Where the heap is out of bounds it comes from the library's

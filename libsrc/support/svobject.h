@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // The root class of the library, with the allocation operators of every heap object.
 #ifndef SORVANE_SVOBJECT_H
 #define SORVANE_SVOBJECT_H

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // One handler record: for which signal, which function, and where it came from.
 #ifndef SORVANE_SVSIGNALHANDLER_H
 #define SORVANE_SVSIGNALHANDLER_H

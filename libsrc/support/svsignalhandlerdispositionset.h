@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // Which signals the library may handle at all.
 #ifndef SORVANE_SVSIGNALHANDLERDISPOSITIONSET_H
 #define SORVANE_SVSIGNALHANDLERDISPOSITIONSET_H

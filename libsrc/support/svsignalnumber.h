@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // Which signal numbers there are.
 #ifndef SORVANE_SVSIGNALNUMBER_H
 #define SORVANE_SVSIGNALNUMBER_H

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // A set of signals.
 #ifndef SORVANE_SVSIGNALSET_H
 #define SORVANE_SVSIGNALSET_H

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // Storage of the library's own, for where the ordinary heap is out of bounds.
 //
 // The problem. A signal may have interrupted the heap in the middle of its work, on this thread or

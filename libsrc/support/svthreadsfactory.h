@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // Where lock handles come from.
 #ifndef SORVANE_SVTHREADSFACTORY_H
 #define SORVANE_SVTHREADSFACTORY_H

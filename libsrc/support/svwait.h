@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // Waiting for somebody who is about to be done.
 #ifndef SORVANE_SVWAIT_H
 #define SORVANE_SVWAIT_H

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // One arrival of a signal here, and whose the signal is meanwhile (see svownership.h).
 #ifndef SORVANE_SVARRIVAL_H
 #define SORVANE_SVARRIVAL_H

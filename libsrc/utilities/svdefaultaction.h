@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // The way out of a handler that wants its signal to end the process after all.
 #ifndef SORVANE_SVDEFAULTACTION_H
 #define SORVANE_SVDEFAULTACTION_H

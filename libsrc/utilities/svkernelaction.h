@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // The operating system's signal table past the C library, which adds to what it installs.
 #ifndef SORVANE_SVKERNELACTION_H
 #define SORVANE_SVKERNELACTION_H

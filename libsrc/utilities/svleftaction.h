@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // What a handler leaves for its signal, so that the signal that is still to come ends the process,
 // or does what else the handler means it to.
 //

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // The library's own action for a signal: its handler, with what the host's handler is written for.
 //
 // A host relies on the mask and the flags that it has installed its handler with: that no other

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // What the manager's operations share: the registry on the manager's own tables, how its shared
 // members are read while other threads change them, and how an operation changes them.
 #ifndef SORVANE_SVSHAREDSTATE_H

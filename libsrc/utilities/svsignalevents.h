@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // Signals as events, for who has an event loop or a thread of his own.
 #ifndef SORVANE_SVSIGNALEVENTS_H
 #define SORVANE_SVSIGNALEVENTS_H

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // The manager's shared state, and what the first and the last manager do to it.
 
 #include "svsignalhandlermanager.h"

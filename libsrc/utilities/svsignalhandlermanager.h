@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // The signal handler manager: a cheap handle onto the process's one signal-handling state.
 #ifndef SORVANE_SVSIGNALHANDLERMANAGER_H
 #define SORVANE_SVSIGNALHANDLERMANAGER_H

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // What happens when a signal arrives. All of it can be reached by a signal.
 
 #include <unistd.h>

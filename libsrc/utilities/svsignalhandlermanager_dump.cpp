@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // The diagnostic dump: for people who read logs. Nothing is buffered; every fragment goes straight
 // into the caller's stream, with the caller's formats.
 

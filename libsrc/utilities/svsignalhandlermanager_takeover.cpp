@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // Taking signals over and handing them back, and the dispositions that say which ones.
 
 #include <optional>

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // A queue of arrived signals: handlers put them in, on any thread, and whoever has the time takes
 // them out, in the same order.
 //

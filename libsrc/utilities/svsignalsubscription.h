@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // A subscription: one handler for one signal, for the length of a scope.
 #ifndef SORVANE_SVSIGNALSUBSCRIPTION_H
 #define SORVANE_SVSIGNALSUBSCRIPTION_H

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // Whom a subscription calls.
 #ifndef SORVANE_SVSUBSCRIBER_H
 #define SORVANE_SVSUBSCRIBER_H

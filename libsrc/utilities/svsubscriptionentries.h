@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // The functions under which subscriptions are on record, and who is inside them.
 //
 // The problem. Tables are keyed by function, and one handler may be subscribed several times, for

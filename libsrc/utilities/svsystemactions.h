@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // The operating system's signal table, as the manager's operations see it inside the gate, where
 // nothing is thrown. All that asks the system is in the file of installHandlerInSystem().
 #ifndef SORVANE_SVSYSTEMACTIONS_H

@@ -1,3 +1,6 @@
+# SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+# SPDX-License-Identifier: Apache-2.0
+
 """Builds the tree that it lies in:
     conan create packaging/conan
 Untried: written by Conan 2's documentation, and not run yet."""

@@ -1,3 +1,6 @@
+# SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+# SPDX-License-Identifier: Apache-2.0
+
 # An overlay port that builds the tree it lies in:
 #   vcpkg install sorvane-signals --overlay-ports=packaging/vcpkg
 # Untried: written by vcpkg's documentation, and not run yet.

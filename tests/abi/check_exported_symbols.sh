@@ -1,4 +1,7 @@
 #!/usr/bin/env bash
+# SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+# SPDX-License-Identifier: Apache-2.0
+
 # check_exported_symbols.sh LIBRARY LIST: compares what a shared library exports with a list.
 #
 # Every symbol on the list must be exported. Every exported symbol must be on the list, or belong

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // What a client that was compiled earlier has in its code: the sizes of the classes, where their
 // members lie, and in which order their virtual functions come. A test that fails here says that
 // such clients break.

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // Private members, by pointers to them. Access is not checked in an explicit instantiation, so a
 // template can be handed such a pointer there, and hands it on.
 #ifndef SORVANE_TESTS_ABI_PRIVATE_MEMBERS_H

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // A child made by fork(), whatever the threads of its parent were doing: it can use everything at
 // once, managers that lock included, and counts only what lives in it.
 

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // A signal changes hands while a dispatch of it on another thread stands still, at any of its
 // instructions: it is called once all the same, by the one or by the other, and a hand-back that
 // came last stays done.

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // What one thread hands back while another one dispatches it stays handed back, and what arrives
 // meanwhile reaches the host's handler once: the dispatch ends with installing the library again,
 // and may do so after the hand-back.

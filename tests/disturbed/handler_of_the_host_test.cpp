@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // A handler of the host's own, for a signal that the library knows nothing of, interrupts the heap
 // and uses a manager without the lock: nothing that it does there uses the heap.
 //

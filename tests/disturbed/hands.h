@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // A signal that passes from hand to hand: from the host to the library, and back.
 #ifndef SORVANE_TESTS_DISTURBED_HANDS_H
 #define SORVANE_TESTS_DISTURBED_HANDS_H

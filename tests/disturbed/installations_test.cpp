@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // What comes between the installations of an operation, or instead of one: the host's own, and the
 // kernel's refusal.
 

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // Signals that come to the library although they have just been handed back: another dispatch has
 // installed it again, and not yet looked whose the signal is. They go on to the host, once.
 

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // Handlers that leave, by siglongjmp, the operation that they interrupted: the thread goes on as if
 // that had not begun, or had been done, and everything can be used again.
 

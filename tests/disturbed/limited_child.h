@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // A child process that may not take for ever: what waits for what never comes is ended, and the
 // test fails.
 #ifndef SORVANE_TESTS_DISTURBED_LIMITED_CHILD_H

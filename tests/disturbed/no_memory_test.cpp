@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // An operation fails because there is no memory left, while signals arrive on other threads, in the
 // middle of the heap, or while SIGTRAP arrives, which is never held back: it fails with its
 // exception, and every signal is called.

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // A dispatch on another thread that stands still in the host's handler, and where its end installs
 // something.
 #ifndef SORVANE_TESTS_DISTURBED_OTHER_DISPATCH_H

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // What is sent to a thread while another one takes its signal over is called on the thread that it
 // was sent to, once, with the context of what it interrupted, and with the signal held back, so
 // that no handler is called inside itself.

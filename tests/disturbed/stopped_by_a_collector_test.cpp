@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // A collector stops a thread by a signal in the middle of an operation, goes through its own
 // barrier, a fault that the host repairs, and lets the thread go on.
 

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // Makes the moment wide in which a thread has, or is about to have, an action installed.
 //
 // The operating system's sigaction is called through one that this program defines, by everybody.

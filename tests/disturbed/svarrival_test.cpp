@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // What becomes of a signal that arrives, or whose dispatch ends, when it belongs to somebody else
 // by then: to whom it goes, and whose action the system has afterwards.
 

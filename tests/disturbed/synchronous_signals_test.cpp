@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // A signal that an instruction brings about, and that does not come again by itself, arrives while
 // another thread takes its signal over: the host's handler answers it at once and on the spot, with
 // the context of that very instruction. So it is inside the gate, on the thread that has closed it.

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // A dispatch of a signal on another thread, while the signal changes hands: what its end installs
 // and puts back is not what has been decided meanwhile.
 

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // Waiting that comes to an end, whether what is waited for happens or not.
 #ifndef SORVANE_TESTS_DISTURBED_WAITING_H
 #define SORVANE_TESTS_DISTURBED_WAITING_H

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // Lets chosen allocations of this program fail: those of the heap, and those that are mapped from
 // the operating system inside signal handlers. Both are interposed below the library.
 #ifndef SORVANE_TESTS_FAILING_ALLOCATIONS_H

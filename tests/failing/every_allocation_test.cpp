@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // Every allocation of a scenario fails in its turn: the first, the second, the third, until there
 // is none left. Each time what was thrown, the whole state and the lock are as they are to be, the
 // scenario goes on from there to its end, and a fresh one succeeds.

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // Every installation of a scenario fails in its turn. One of the scenario's signals is one that
 // the operating system, or the C library, lets nobody handle; it is allowed in the dispositions.
 

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // The library's own store for programs that let single allocations fail: each block is mapped by
 // itself, and unmapped when it comes back, so that none is made of what was there before. Linked
 // before the library, it takes the place of the library's.

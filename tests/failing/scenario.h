@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // One life of several managers, in steps: registrations with growth of both tables, start,
 // deliveries, stop, teardown. Each step is done to the library and to the model of it.
 #ifndef SORVANE_TESTS_FAILING_SCENARIO_H

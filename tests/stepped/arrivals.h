@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // Signals that arrive while something goes on, each told from all others, and the handlers that
 // note for which of them they are called.
 #ifndef SORVANE_TESTS_STEPPED_ARRIVALS_H

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // One of the manager's operations on one thread, and a signal that is called on another or on the
 // same one, in many orders of their instructions. Each signal is accounted for: called once, whole,
 // by the state before the operation or by that after it. And the operation ends as it does

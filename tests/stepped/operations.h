@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // The manager's operations that the tests step through, and what a signal must find before and
 // after each.
 #ifndef SORVANE_TESTS_STEPPED_OPERATIONS_H

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // A thread that does what it is told, one thing after the other, and is watched meanwhile.
 #ifndef SORVANE_TESTS_STEPPED_OTHER_THREAD_H
 #define SORVANE_TESTS_STEPPED_OTHER_THREAD_H

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // The places in an operation at which a stepping test does something.
 #ifndef SORVANE_TESTS_STEPPED_PLACES_H
 #define SORVANE_TESTS_STEPPED_PLACES_H

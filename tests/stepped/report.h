@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // What the processes of a stepping test tell each other, and how they end.
 #ifndef SORVANE_TESTS_STEPPED_REPORT_H
 #define SORVANE_TESTS_STEPPED_REPORT_H

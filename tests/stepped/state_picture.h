@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // The whole shared state as a text, and with it what the operating system has installed, and whose
 // the signals are, so that two runs can be compared.
 #ifndef SORVANE_TESTS_STEPPED_STATE_PICTURE_H

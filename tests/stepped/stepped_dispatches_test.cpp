@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // Dispatches and walks that have begun before an operation, and go on while it is done.
 
 #include <gtest/gtest.h>

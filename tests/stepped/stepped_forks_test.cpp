@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // A child that one thread forks while another one stands in the middle of an operation, inside the
 // gate. What that thread was changing is as before or as after in the child, which can do
 // everything at once, also take the lock that the other thread had.

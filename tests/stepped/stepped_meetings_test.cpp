@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // Two operations that meet: one thread stands between two instructions of the one, and meanwhile
 // the other one is done, as far as it gets: by another thread, or by a handler on the same one.
 // Each meeting has a process of its own.

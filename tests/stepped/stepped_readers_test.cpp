@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // Readers that are about to pin the tables when another thread begins to change them in place. They
 // go on one by one, at each instruction of the change, and must not see it half made.
 

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // A signal at each instruction of each operation, by both kinds of manager.
 
 #include <gtest/gtest.h>

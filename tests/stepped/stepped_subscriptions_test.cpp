@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // A subscription that ends at each instruction of a dispatch of its signal: the delivery reaches
 // whom it belongs to, once.
 

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // SIGTRAP taken over by the library, whose handlers then are called after each instruction of an
 // operation, inside the gate, too: what is published is whole there, with the change made or not.
 

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // Storms: signals from several senders at once, while other threads change everything there is.
 //
 // By default each storm takes a second; SORVANE_STORM_SECONDS makes them longer, and then they tell

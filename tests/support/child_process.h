@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // Child processes: for what ends a process, and for signals that come from another one.
 #ifndef SORVANE_TESTS_SUPPORT_CHILD_PROCESS_H
 #define SORVANE_TESTS_SUPPORT_CHILD_PROCESS_H

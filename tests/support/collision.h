@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // Handlers whose addresses get in each other's way in a signal's table.
 #ifndef SORVANE_TESTS_SUPPORT_COLLISION_H
 #define SORVANE_TESTS_SUPPORT_COLLISION_H

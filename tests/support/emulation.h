@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // Whether a test is run by an emulator or by valgrind, for the few tests that these cannot go along
 // with.
 #ifndef SORVANE_TESTS_SUPPORT_EMULATION_H

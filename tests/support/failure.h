@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // The exception that an operation throws, caught, and what a test expects of it.
 #ifndef SORVANE_TESTS_SUPPORT_FAILURE_H
 #define SORVANE_TESTS_SUPPORT_FAILURE_H

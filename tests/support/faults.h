@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // Real faults: memory accesses that the operating system answers with a signal.
 #ifndef SORVANE_TESTS_SUPPORT_FAULTS_H
 #define SORVANE_TESTS_SUPPORT_FAULTS_H

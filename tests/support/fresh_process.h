@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // Puts the process into the state of a new one, as far as signals and the shared state go.
 #ifndef SORVANE_TESTS_SUPPORT_FRESH_PROCESS_H
 #define SORVANE_TESTS_SUPPORT_FRESH_PROCESS_H

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // A gate between threads, processes and signal handlers: one side opens it, the other passes.
 #ifndef SORVANE_TESTS_SUPPORT_GATE_H
 #define SORVANE_TESTS_SUPPORT_GATE_H

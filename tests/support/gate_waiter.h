@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // A thread that has to wait for the library's gate, and is seen to do so.
 #ifndef SORVANE_TESTS_SUPPORT_GATE_WAITER_H
 #define SORVANE_TESTS_SUPPORT_GATE_WAITER_H

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // A thread that is waited for: std::jthread, which not every standard library has.
 #ifndef SORVANE_TESTS_SUPPORT_JOINING_THREAD_H
 #define SORVANE_TESTS_SUPPORT_JOINING_THREAD_H

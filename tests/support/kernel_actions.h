@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // What the kernel itself has installed for each signal, byte for byte.
 #ifndef SORVANE_TESTS_SUPPORT_KERNEL_ACTIONS_H
 #define SORVANE_TESTS_SUPPORT_KERNEL_ACTIONS_H

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // The fixture of all tests of the manager.
 #ifndef SORVANE_TESTS_SUPPORT_MANAGER_FIXTURE_H
 #define SORVANE_TESTS_SUPPORT_MANAGER_FIXTURE_H

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // Takes all memory away from the process, and gives it back.
 #ifndef SORVANE_TESTS_SUPPORT_MEMORY_LIMIT_H
 #define SORVANE_TESTS_SUPPORT_MEMORY_LIMIT_H

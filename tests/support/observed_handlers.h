@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // Handlers that note each of their calls, for tests to look at.
 //
 // The notes lie in memory that a process shares with its children, so that a test also sees what

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // A look into the manager's shared state. Pointers into tables are good until the next operation
 // of a manager, so they are asked for anew each time.
 #ifndef SORVANE_TESTS_SUPPORT_SHARED_STATE_H

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // A signal after every single instruction of a piece of code.
 #ifndef SORVANE_TESTS_SUPPORT_SINGLE_STEPS_H
 #define SORVANE_TESTS_SUPPORT_SINGLE_STEPS_H

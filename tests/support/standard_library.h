@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // Which standard library a test is built with, for the few tests that one cannot go along with.
 #ifndef SORVANE_TESTS_SUPPORT_STANDARD_LIBRARY_H
 #define SORVANE_TESTS_SUPPORT_STANDARD_LIBRARY_H

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // Something that happens on a thread after each single instruction of what the thread is doing, in
 // a handler of SIGTRAP.
 #ifndef SORVANE_TESTS_SUPPORT_STEPPING_H

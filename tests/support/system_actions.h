@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // What the operating system has installed for signals, and what the host program installs there.
 #ifndef SORVANE_TESTS_SUPPORT_SYSTEM_ACTIONS_H
 #define SORVANE_TESTS_SUPPORT_SYSTEM_ACTIONS_H

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // Answers that the kernel gives to a thread's system calls as those who set up a sandbox want them.
 #ifndef SORVANE_TESTS_SUPPORT_SYSTEM_CALL_FILTER_H
 #define SORVANE_TESTS_SUPPORT_SYSTEM_CALL_FILTER_H

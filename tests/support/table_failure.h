@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // What a test expects of a failure of a table or of an iterator.
 #ifndef SORVANE_TESTS_SUPPORT_TABLE_FAILURE_H
 #define SORVANE_TESTS_SUPPORT_TABLE_FAILURE_H

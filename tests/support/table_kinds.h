@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // The two instantiations of the hash table that the manager uses, behind one face, so that a test
 // can be written once for both.
 #ifndef SORVANE_TESTS_SUPPORT_TABLE_KINDS_H

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // What the operating system says about a thread.
 #ifndef SORVANE_TESTS_SUPPORT_THREAD_STATE_H
 #define SORVANE_TESTS_SUPPORT_THREAD_STATE_H

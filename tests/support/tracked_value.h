@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // A value whose life is recorded: what a table constructs, assigns and destroys, where, and when.
 #ifndef SORVANE_TESTS_SUPPORT_TRACKED_VALUE_H
 #define SORVANE_TESTS_SUPPORT_TRACKED_VALUE_H

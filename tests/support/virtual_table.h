@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // The table of virtual functions of an object, as a client sees it that was compiled elsewhere:
 // the pointer at the object's start leads to the functions, in their order (Itanium C++ ABI).
 #ifndef SORVANE_TESTS_SUPPORT_VIRTUAL_TABLE_H

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // A lock for the manager that tells what is done with it.
 #ifndef SORVANE_TESTS_SUPPORT_WATCHED_LOCK_H
 #define SORVANE_TESTS_SUPPORT_WATCHED_LOCK_H

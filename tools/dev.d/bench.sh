@@ -1,4 +1,7 @@
 #!/usr/bin/env bash
+# SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+# SPDX-License-Identifier: Apache-2.0
+
 # summary: measures what the library costs, beside what its works cost without it, in one run
 source tools/devlib.sh
 

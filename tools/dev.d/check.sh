@@ -1,4 +1,7 @@
 #!/usr/bin/env bash
+# SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+# SPDX-License-Identifier: Apache-2.0
+
 # summary: format, lint, licence and sanitizers (warnings as errors under both compilers: `test`)
 source tools/presets.sh
 

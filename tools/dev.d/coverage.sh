@@ -1,4 +1,7 @@
 #!/usr/bin/env bash
+# SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+# SPDX-License-Identifier: Apache-2.0
+
 # summary: runs the tests and reports the lines and branches of libsrc/ that they leave out
 source tools/presets.sh
 

@@ -1,4 +1,7 @@
 #!/usr/bin/env bash
+# SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+# SPDX-License-Identifier: Apache-2.0
+
 # summary: runs ./dev demo and ./dev test in a bare tree of bookworm, trixie or noble
 source tools/baretree.sh
 

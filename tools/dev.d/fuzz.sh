@@ -1,4 +1,7 @@
 #!/usr/bin/env bash
+# SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+# SPDX-License-Identifier: Apache-2.0
+
 # summary: fuzzes tables and managers, 64-bit and 32-bit, each for SECONDS (60), with progress
 source tools/presets.sh
 

@@ -1,4 +1,7 @@
 #!/usr/bin/env bash
+# SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+# SPDX-License-Identifier: Apache-2.0
+
 # summary: loads a plug-in into programs of others, and looks whether they behave as without it
 source tools/devlib.sh
 

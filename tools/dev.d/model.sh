@@ -1,4 +1,7 @@
 #!/usr/bin/env bash
+# SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+# SPDX-License-Identifier: Apache-2.0
+
 # summary: checks the models of the registry and of subscriptions in every order of their steps, and that they find mistakes
 source tools/devlib.sh
 

@@ -1,4 +1,7 @@
 #!/usr/bin/env bash
+# SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+# SPDX-License-Identifier: Apache-2.0
+
 # summary: builds and runs the tests with libc++, and for aarch64 under qemu-user
 source tools/presets.sh
 

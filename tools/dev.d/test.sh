@@ -1,4 +1,7 @@
 #!/usr/bin/env bash
+# SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+# SPDX-License-Identifier: Apache-2.0
+
 # summary: builds and runs every test, 64-bit and 32-bit, under both compilers
 source tools/presets.sh
 

@@ -1,4 +1,7 @@
 #!/usr/bin/env bash
+# SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+# SPDX-License-Identifier: Apache-2.0
+
 # summary: runs the tests under valgrind's memcheck, and fails on an error or a leak
 source tools/presets.sh
 

@@ -1,4 +1,7 @@
 #!/bin/sh
+# SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+# SPDX-License-Identifier: Apache-2.0
+
 # run_under_memcheck.sh PROGRAM [ARGUMENT...]: ends with status 99 if memcheck finds
 # an error, or a block that nothing leads to any more.
 #

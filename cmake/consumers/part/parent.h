@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // A library of somebody else's whose interface shows the use of the library.
 #ifndef CONSUMERS_PARENT_H
 #define CONSUMERS_PARENT_H

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // What the hosts of plug-ins share. They are C programs: whatever C++ needs comes with the plug-in.
 #ifndef SORVANE_TESTS_DISTURBED_HOSTS_HOST_H
 #define SORVANE_TESTS_DISTURBED_HOSTS_HOST_H

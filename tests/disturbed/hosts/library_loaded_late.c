@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // A C host that loads a C++ plug-in: nothing that runs because a signal arrived uses the heap, not
 // even what is used first on a thread. The heap is this program's, and ends it when it is used in a
 // handler.

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // A plug-in that brings the library, and with it C++, into a host that knows neither.
 
 #include <sorvane/svsignalhandlermanager.h>

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+// SPDX-License-Identifier: Apache-2.0
+
 // A host whose plug-in, the only user of the library, clears its handlers, goes, and is unloaded. A
 // signal that nobody had before the library still goes to the library, which must still be there.
 
