@@ -123,7 +123,7 @@ public:
     /// Whether inserting a key rebuilds the table.
     bool growsWithQ(const K& key) const {
         const Entry* const entry = lookup(key, hashFunction(key));
-        return entry != nullptr && tooFullIfStoredIn(entry);
+        return entry != nullptr && tooFullWith(fill + (entry->state == svslotEmpty ? 1 : 0));
     }
 
     /// The value of a key, which is inserted first when it is absent; its value then means nothing
@@ -195,11 +195,6 @@ private:
         return used > fastGrowthLimit ? used * 2 : used * 4;
     }
     bool tooFullWith(unsigned int filled) const { return filled * 3 >= (mask + 1) * 2; }
-    bool tooFullIfStoredIn(const Entry* entry) const {
-        return tooFullWith(fill + (entry->state == svslotEmpty ? 1 : 0));
-    }
-    void storeIn(Entry* entry, unsigned int hash, const K& key, const V& value);
-    [[gnu::noinline]] SVFailure insertAndGrow(const K& key, const V& value);
     void copySlotsTo(Entry* copy) const;
     void useEmptySlots(Entry* slots, unsigned int addressable);
     unsigned int reinsert(const Entry* source, unsigned int count);
@@ -239,16 +234,10 @@ unsigned int SVHashTable<K, V, H>::insert_helper(const K& key, const V& value) {
     if (entry == nullptr) {
         return insertNoSlot;
     }
-    storeIn(entry, hash, key, value);
-    return insertStored;
-}
-
-template <typename K, typename V, typename H>
-void SVHashTable<K, V, H>::storeIn(Entry* entry, unsigned int hash, const K& key, const V& value) {
     if (entry->state == svslotOccupied) {
         entry->key = key;
         entry->value = value;
-        return;
+        return insertStored;
     }
     if (entry->state == svslotEmpty) {
         ++fill;
@@ -261,6 +250,7 @@ void SVHashTable<K, V, H>::storeIn(Entry* entry, unsigned int hash, const K& key
     std::atomic_signal_fence(std::memory_order_release);
     entry->state = svslotOccupied;
     ++used;
+    return insertStored;
 }
 
 template <typename K, typename V, typename H>
@@ -377,24 +367,14 @@ unsigned int SVHashTable<K, V, H>::resize(unsigned int minused) {
     return rebuild(room);
 }
 
-template <typename K, typename V, typename H>
-SVFailure SVHashTable<K, V, H>::tryInsert(const K& key, const V& value) {
-    const unsigned int hash = hashFunction(key);
-    Entry* const entry = lookup(key, hash);
-    if (tooFullIfStoredIn(entry)) {
-        return insertAndGrow(key, value);
-    }
-    storeIn(entry, hash, key, value);
-    return SVFailure();
-}
-
 // The memory for the growth that has to follow an insertion is had before anything is stored:
 // otherwise each failure would use up a slot, until the probe walk no longer finds an empty one and
 // never ends.
 template <typename K, typename V, typename H>
-SVFailure SVHashTable<K, V, H>::insertAndGrow(const K& key, const V& value) {
+SVFailure SVHashTable<K, V, H>::tryInsert(const K& key, const V& value) {
     for (;;) {
-        const bool grows = growsWithQ(key);
+        // Mostly there is room for one more, whatever the key, and it need not be looked for twice.
+        const bool grows = tooFullWith(fill + 1) && growsWithQ(key);
         Room room;
         if (grows) {
             const unsigned int usedThen = used + (get(key) == nullptr ? 1 : 0);
