@@ -195,6 +195,10 @@ private:
         return used > fastGrowthLimit ? used * 2 : used * 4;
     }
     bool tooFullWith(unsigned int filled) const { return filled * 3 >= (mask + 1) * 2; }
+    // Mostly there is room for one more, whatever the key, and it need not be looked for twice.
+    bool insertedWithRoomToSpareQ(const K& key, const V& value) {
+        return !tooFullWith(fill + 1) && insert_helper(key, value) == insertStored;
+    }
     void copySlotsTo(Entry* copy) const;
     void useEmptySlots(Entry* slots, unsigned int addressable);
     unsigned int reinsert(const Entry* source, unsigned int count);
@@ -372,9 +376,11 @@ unsigned int SVHashTable<K, V, H>::resize(unsigned int minused) {
 // never ends.
 template <typename K, typename V, typename H>
 SVFailure SVHashTable<K, V, H>::tryInsert(const K& key, const V& value) {
+    if (insertedWithRoomToSpareQ(key, value)) {
+        return SVFailure();
+    }
     for (;;) {
-        // Mostly there is room for one more, whatever the key, and it need not be looked for twice.
-        const bool grows = tooFullWith(fill + 1) && growsWithQ(key);
+        const bool grows = growsWithQ(key);
         Room room;
         if (grows) {
             const unsigned int usedThen = used + (get(key) == nullptr ? 1 : 0);
@@ -405,7 +411,9 @@ SVFailure SVHashTable<K, V, H>::tryInsert(const K& key, const V& value) {
 
 template <typename K, typename V, typename H>
 void SVHashTable<K, V, H>::insert(const K& key, const V& value) {
-    tryInsert(key, value).throwIfAny();
+    if (!insertedWithRoomToSpareQ(key, value)) {
+        tryInsert(key, value).throwIfAny();
+    }
 }
 
 template <typename K, typename V, typename H>
