@@ -51,10 +51,11 @@ check_packages() {
     lintian --allow-root --fail-on error,warning "$package_dir"/*.changes
 }
 
+# What the packages depend on is there before them, and stays.
 prepare_tree() {
     run_in_bare_tree "$tree_name" apt-get update &&
         run_in_bare_tree "$tree_name" apt-get install --yes --no-install-recommends \
-            cmake g++ make pkgconf &&
+            binutils cmake g++ make pkgconf python3 &&
         cp -r "$package_dir/sorvane-signals" "$trees_dir/$tree_name/root/" &&
         mkdir "$trees_dir/$tree_name/root/packages" &&
         cp "$package_dir"/libsorvane-signals{1,-dev,-doc}_*.deb "$trees_dir/$tree_name/root/packages"
@@ -88,7 +89,7 @@ step "The packages have the library's version" same_version
 step "The packages are made" make_packages
 step "lintian has no error and no warning" check_packages
 make_bare_tree "$system" "$tree_name"
-step "A bare tree of $system has a compiler" prepare_tree
+step "A bare tree of $system has what they depend on" prepare_tree
 step "The packages are installed there" install_packages_there
 step "Programs and plug-ins use them there" use_packages
 step "They are removed without a trace" remove_packages
