@@ -15,7 +15,7 @@ import gdb.printing
 
 MANAGER = "Sorvane::SVSignalHandlerManager"
 HIGHEST_SIGNAL = 60
-OCCUPIED, DELETED = 1, 2
+OCCUPIED = 1
 FLAGS = {0x1: "SA_NOCLDSTOP", 0x2: "SA_NOCLDWAIT", 0x4: "SA_SIGINFO", 0x08000000: "SA_ONSTACK",
          0x10000000: "SA_RESTART", 0x40000000: "SA_NODEFER", 0x80000000: "SA_RESETHAND"}
 # Where the standard libraries keep the value of an atomic object.

@@ -7,9 +7,12 @@ source tools/devlib.sh
 
 readonly trees_dir="$PWD/build/trees"
 
+require_root() {
+    ((EUID == 0)) || fail "only root can make a bare tree"
+}
+
 # require_bare_trees SYSTEM: refuses in one line what can't be had here.
 require_bare_trees() {
-    ((EUID == 0)) || fail "only root can make a bare tree"
     [[ -e "/usr/share/debootstrap/scripts/$1" ]] ||
         fail "the debootstrap of this system does not know \"$1\""
 }

@@ -87,6 +87,8 @@ install_error() {
 
 install_packages() {
     local prefix=()
+    command -v apt-get >/dev/null ||
+        fail "there is no apt-get here to install what is missing: $*"
     if ((EUID != 0)); then
         may_use_sudo || fail "cannot become root to install the missing packages: $*"
         prefix=(sudo)

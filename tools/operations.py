@@ -88,10 +88,10 @@ def described():
 
 
 def main():
-    page = described()
+    page, operations = described(), declared()
     wrong = []
-    for title, names in declared().items():
-        shown = page.get(title, set())
+    for title in sorted(operations.keys() | page.keys()):
+        names, shown = operations.get(title, set()), page.get(title, set())
         wrong += [f"{title}: {name} is missing" for name in sorted(names - shown)]
         wrong += [f"{title}: {name} is no operation" for name in sorted(shown - names)]
     for line in wrong:

@@ -41,12 +41,13 @@ using ::actualSignalHandler;
 ///
 /// What holds for every operation unless it says otherwise:
 ///
-/// Threads. A manager made with its locking flag true takes the process-wide lock around its work.
-/// One with the flag false never does. Either way an operation is whole: no handler of this thread
-/// comes in between, and a dispatch or another operation on another thread comes before or after
-/// it. For that an operation that changes something holds this thread's signals back for the few
-/// microseconds that it takes; it waits for no handler. What walks over several signals or records
-/// (start, stop, the lists) is whole for each of them.
+/// Threads. Any number may use one manager at once. A manager made with its locking flag true takes
+/// the process-wide lock around its work. One with the flag false never does. Either way an
+/// operation is whole: no handler of this thread comes in between, and a dispatch or another
+/// operation on another thread comes before or after it. For that an operation that changes
+/// something holds this thread's signals back for the few microseconds that it takes; it waits for
+/// no handler. What walks over several signals or records (start, stop, the lists) is whole for
+/// each of them.
 ///
 /// Signal context. Any, in every handler of every thread, for a manager with the locking flag
 /// false; normal context only for one that locks. An operation that fails throws, and throwing

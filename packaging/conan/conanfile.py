@@ -31,7 +31,8 @@ class SorvaneSignals(ConanFile):
         self.version = ".".join(re.findall(r"#define \w+ (\d+)", header))
 
     def export_sources(self):
-        for pattern in ("CMakeLists.txt", "LICENSE", "cmake/*", "libsrc/*"):
+        for pattern in ("CMakeLists.txt", "LICENSE", "cmake/*", "inspection/*",
+                        "libsrc/*"):
             copy(self, pattern, self._tree, self.export_sources_folder)
 
     def layout(self):

@@ -19,7 +19,7 @@ namespace {
 
 using Allocations::Failing;
 
-// A need for memory that the contract names: alone, or it and all after it.
+// A need for memory that a header's comment names: alone, or it and all after it.
 constexpr unsigned int mostNeeds = 12;
 
 // An allocation is the operation's own or one that nobody was promised. So either nothing is to be

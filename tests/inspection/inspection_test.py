@@ -142,6 +142,13 @@ class Gdb(unittest.TestCase):
     def test_raw_record(self):
         self.assertRegex(self.part("raw"), "m_signalNumber = 1, m_osRecord = ")
 
+    def test_a_full_disk_is_told(self):
+        with open("/dev/full", "w", encoding="utf-8") as full:
+            result = subprocess.run([DUMP], check=False, text=True, input=self.dump, stdout=full,
+                                    stderr=subprocess.PIPE)
+        self.assertEqual(result.stderr, "sorvane-dump: standard output: No space left on device\n")
+        self.assertEqual(result.returncode, 1)
+
     def test_misuse(self):
         self.assertIn("info sorvane takes no argument.\n", self.part("misuse"))
 
@@ -256,7 +263,7 @@ class Dump(unittest.TestCase):
         self.check_refused("the dump is damaged", text=self.dump.replace("</K>", ""))
         self.check_refused("nowhere: No such file", "nowhere")
         self.check_refused("nowhere: there is no such file", "--core", "nowhere")
-        self.check_refused("nowhere: there is no such file", "-m", "nowhere", status=2)
+        self.check_refused("nowhere: this is no file", "-m", "nowhere", status=2)
         self.check_refused("not allowed with", "--core", "x", "--pid", "1", status=2)
         self.check_refused("unrecognized arguments: --nix", "--nix", status=2)
         self.check_refused("there is no such process", "--pid", "-1")

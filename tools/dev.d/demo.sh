@@ -6,6 +6,7 @@
 # usage: ./dev demo [--dump]
 source tools/devlib.sh
 
+[[ -z "$*" || "$*" == --dump ]] || wrong_usage "demo: takes --dump at most, not \"$*\""
 require_packages build
 say "Building the examples"
 run_logged build-demo build_preset gcc-x86_64 --target examples || fail "the demo could not be built"

@@ -13,6 +13,7 @@ system="${1:-}"
 if (($# != 1)) || [[ " ${systems[*]} " != *" $system "* ]]; then
     wrong_usage "fresh: takes one system of ${systems[*]}"
 fi
+require_root
 require_packages fresh
 require_bare_trees "$system"
 

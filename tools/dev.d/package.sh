@@ -8,6 +8,7 @@
 source tools/baretree.sh
 
 (($# == 0)) || wrong_usage "package: takes no arguments, not \"$*\""
+require_root
 require_packages package
 system="$(. /etc/os-release && printf '%s' "$VERSION_CODENAME")"
 require_bare_trees "$system"
