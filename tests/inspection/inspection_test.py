@@ -142,13 +142,6 @@ class Gdb(unittest.TestCase):
     def test_raw_record(self):
         self.assertRegex(self.part("raw"), "m_signalNumber = 1, m_osRecord = ")
 
-    def test_a_full_disk_is_told(self):
-        with open("/dev/full", "w", encoding="utf-8") as full:
-            result = subprocess.run([DUMP], check=False, text=True, input=self.dump, stdout=full,
-                                    stderr=subprocess.PIPE)
-        self.assertEqual(result.stderr, "sorvane-dump: standard output: No space left on device\n")
-        self.assertEqual(result.returncode, 1)
-
     def test_misuse(self):
         self.assertIn("info sorvane takes no argument.\n", self.part("misuse"))
 
@@ -256,6 +249,13 @@ class Dump(unittest.TestCase):
         result = sorvane_dump(*arguments, text=text)
         self.assertEqual((result.returncode, result.stdout), (status, ""))
         self.assertRegex(result.stderr, rf"\Asorvane-dump: [^\n]*{what}[^\n]*\n\Z")
+
+    def test_a_full_disk_is_told(self):
+        with open("/dev/full", "w", encoding="utf-8") as full:
+            result = subprocess.run([DUMP], check=False, text=True, input=self.dump, stdout=full,
+                                    stderr=subprocess.PIPE)
+        self.assertEqual(result.stderr, "sorvane-dump: standard output: No space left on device\n")
+        self.assertEqual(result.returncode, 1)
 
     def test_misuse(self):
         self.check_refused("there is no dump in it")
