@@ -77,7 +77,8 @@ def circumstances(rounds, others):
     """Where it was measured, and beside what."""
     versions = [f"{called} {version_of(package)}"
                 for called, package in (PEERS | TABLES).values() if version_of(package)]
-    return [f"- {processor()}, {os.cpu_count()} processors, Linux {platform.release().partition("-")[0]}",
+    kernel = platform.release().partition("-")[0]
+    return [f"- {processor()}, {os.cpu_count()} processors, Linux {kernel}",
             f"- {output_of('g++', '--version').splitlines()[0]}, -O2; "
             f"{output_of('ldd', '--version').splitlines()[0]}",
             f"- {rounds} blocks of each work; the figures beside the library's are in its unit",

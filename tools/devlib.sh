@@ -81,7 +81,7 @@ apt_install() {
 
 # The first thing that went wrong in the log.
 install_error() {
-    grep -m 1 -oE '(Could not resolve|Could not connect to|Unable to locate package|No space left).*' \
+    grep -m 1 -oE '(Temporary failure resolving|Could not resolve|Could not connect to|Unable to locate package|No space left).*' \
         "$log_dir/install.log" || tail -n 1 "$log_dir/install.log"
 }
 
