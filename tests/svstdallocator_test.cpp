@@ -158,11 +158,13 @@ protected:
 };
 
 TEST_F(SVStdAllocatorWithoutMemory, ThrowsBadAlloc) {
+    // More than the heap can have left.
+    constexpr std::size_t count = std::size_t{1} << 22U;
     bool threw = false;
     {
         const MemoryLimit limit;
         try {
-            SVStdAllocator<int>().allocate(1);
+            SVStdAllocator<int>().allocate(count);
         } catch (const std::bad_alloc&) {
             threw = true;
         }
