@@ -21,7 +21,7 @@ tree="fresh-$system"
 say "Making a bare tree of $system"
 make_bare_tree "$system" "$tree"
 say "Cloning the last commit into it"
-run_logged "clone-$tree" git clone --no-hardlinks "$PWD" "$trees_dir/$tree/root/sorvane-signals" ||
+run_logged "clone-$tree" git clone --no-hardlinks "$PWD" "$trees_dir/$tree/srv/sorvane-signals" ||
     fail "could not clone the tree"
 
 failed=0
@@ -29,7 +29,7 @@ for command in demo test; do
     say "==== $system: ./dev $command"
     started=$SECONDS
     status=0
-    run_in_bare_tree "$tree" sh -c "cd /root/sorvane-signals && ./dev $command" || status=$?
+    run_in_bare_tree "$tree" sh -c "cd /srv/sorvane-signals && ./dev $command" || status=$?
     say "==== $system: ./dev $command ended with status $status after $((SECONDS - started)) s"
     ((status == 0)) || failed=$((failed + 1))
 done

@@ -57,9 +57,9 @@ prepare_tree() {
     run_in_bare_tree "$tree_name" apt-get update &&
         run_in_bare_tree "$tree_name" apt-get install --yes --no-install-recommends \
             binutils cmake g++ make pkgconf python3 &&
-        cp -r "$package_dir/sorvane-signals" "$trees_dir/$tree_name/root/" &&
-        mkdir "$trees_dir/$tree_name/root/packages" &&
-        cp "$package_dir"/libsorvane-signals{1,-dev,-doc}_*.deb "$trees_dir/$tree_name/root/packages"
+        cp -r "$package_dir/sorvane-signals" "$trees_dir/$tree_name/srv/" &&
+        mkdir "$trees_dir/$tree_name/srv/packages" &&
+        cp "$package_dir"/libsorvane-signals{1,-dev,-doc}_*.deb "$trees_dir/$tree_name/srv/packages"
 }
 
 # Everything in the tree but logs, caches and what dpkg and apt note for themselves.
@@ -72,11 +72,11 @@ list_tree() {
 
 install_packages_there() {
     list_tree >"$package_dir/before.txt" &&
-        run_in_bare_tree "$tree_name" sh -c 'apt-get install --yes --no-install-recommends /root/packages/*.deb'
+        run_in_bare_tree "$tree_name" sh -c 'apt-get install --yes --no-install-recommends /srv/packages/*.deb'
 }
 
 use_packages() {
-    run_in_bare_tree "$tree_name" sh -c 'cd /root/sorvane-signals && debian/tests/consume' &&
+    run_in_bare_tree "$tree_name" sh -c 'cd /srv/sorvane-signals && debian/tests/consume' &&
         run_in_bare_tree "$tree_name" test -s /usr/share/doc/libsorvane-signals-dev/docs/limitations.md
 }
 
