@@ -13,8 +13,30 @@ require_root() {
 
 # require_bare_trees SYSTEM: refuses in one line what can't be had here.
 require_bare_trees() {
-    [[ -e "/usr/share/debootstrap/scripts/$1" ]] ||
+    [[ -e "$(bootstrap_script "$1")" ]] ||
         fail "the debootstrap of this system does not know \"$1\""
+}
+
+# bootstrap_script SYSTEM: how debootstrap makes it. Older releases of it do not know the newest
+# Ubuntu by name, but all of them are made in the same way.
+bootstrap_script() {
+    local scripts=/usr/share/debootstrap/scripts
+    if [[ "$1" == noble && ! -e "$scripts/$1" ]]; then
+        printf '%s\n' "$scripts/gutsy"
+    else
+        printf '%s\n' "$scripts/$1"
+    fi
+}
+
+# bootstrap_options SYSTEM: one on each line.
+bootstrap_options() {
+    printf '%s\n' --variant=minbase
+    if [[ "$1" == noble ]]; then
+        # Ubuntu has most of what one develops with elsewhere.
+        printf '%s\n' --components=main,universe
+        # Debian has no keys of Ubuntu's.
+        [[ -e /usr/share/keyrings/ubuntu-archive-keyring.gpg ]] || printf '%s\n' --no-check-gpg
+    fi
 }
 
 leave_bare_tree() {
@@ -29,12 +51,11 @@ remove_bare_tree() {
 # make_bare_tree SYSTEM NAME: anew, with the folder /proc that programs expect, until the command
 # that asks for it ends.
 make_bare_tree() {
-    local tree="$trees_dir/$2" components=main
-    # Ubuntu has most of what one develops with elsewhere.
-    [[ "$1" != noble ]] || components=main,universe
+    local tree="$trees_dir/$2" options
+    mapfile -t options < <(bootstrap_options "$1")
     remove_bare_tree "$2"
     mkdir -p "$trees_dir"
-    run_logged "tree-$2" debootstrap --variant=minbase --components="$components" "$1" "$tree" ||
+    run_logged "tree-$2" debootstrap "${options[@]}" "$1" "$tree" "" "$(bootstrap_script "$1")" ||
         fail "could not make a bare tree of $1"
     # shellcheck disable=SC2064
     trap "leave_bare_tree '$2'" EXIT

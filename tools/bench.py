@@ -12,13 +12,12 @@ import argparse
 import json
 import os
 import pathlib
-import sys
 
 import bench_run
 import bench_tables
 import bench_text
 import bench_works
-from bench_run import Problem
+from command import Misuse, OneLineParser, run
 from machine_use import OthersUse
 
 ROUNDS = 150
@@ -64,7 +63,7 @@ def works(rounds, repetitions):
 def chosen_of(all_works, names):
     for name in names:
         if not any(work.called(name) for work in all_works):
-            raise Problem(f'bench: no work is called "{name}"; --list names them')
+            raise Misuse(f'no work is called "{name}"; --list names them')
     return [work for work in all_works
             if not names or any(work.called(name) for name in names)]
 
@@ -96,17 +95,8 @@ def make_documentation(results, rounds, others):
         bench_text.for_documentation(results, rounds, others.percent()), encoding="utf-8")
 
 
-class OneLineParser(argparse.ArgumentParser):
-    """Tells what is wrong as everything else here does."""
-
-    def error(self, message):
-        print(f"dev: bench: {message}", file=sys.stderr)
-        sys.exit(2)
-
-
 def parse():
-    parser = OneLineParser(prog="./dev bench", description=__doc__.split("\n")[0],
-                           allow_abbrev=False)
+    parser = OneLineParser("./dev bench", __doc__.split("\n")[0])
     parser.add_argument("names", nargs="*", metavar="NAME",
                         help="a work, or the beginning of the names of several")
     parser.add_argument("--list", action="store_true", help="list the works and measure nothing")
@@ -132,11 +122,11 @@ def main():
     chosen = chosen_of(works(rounds, QUICK_REPETITIONS if arguments.quick else REPETITIONS),
                        arguments.names)
     if arguments.check:
-        return
+        return 0
     if arguments.list:
         for work in chosen:
             print(f"{work.name:26} {work.what}")
-        return
+        return 0
     name_the_missing()
     others = OthersUse()
     results = measure(chosen)
@@ -147,11 +137,8 @@ def main():
     print()
     print(bench_text.for_terminal(results))
     print(bench_text.others_use(others.percent()))
+    return 0
 
 
 if __name__ == "__main__":
-    try:
-        main()
-    except (Problem, OSError) as problem:
-        print(f"dev: {problem}", file=sys.stderr)
-        sys.exit(1)
+    run("dev: bench", main)

@@ -8,15 +8,12 @@ import pathlib
 import statistics
 import subprocess
 
+from command import Problem
 from shared_library import asks_for_thread_locals, relocations_beyond_tables
 
 BUILD = pathlib.Path("build/bench/bench")
 LIBRARY = BUILD.parent / "libsrc" / "libsorvane-signals.so"
 BLOCK = 2_000_000  # nanoseconds
-
-
-class Problem(Exception):
-    """What is wrong, in one line."""
 
 
 def there(program):

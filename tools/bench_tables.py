@@ -8,7 +8,8 @@ import json
 import statistics
 import subprocess
 
-from bench_run import BUILD, Problem, pin_to_last
+from bench_run import BUILD, pin_to_last
+from command import Problem
 from bench_works import TABLE_GOAL, TABLE_SIZES, TABLES
 
 SECONDS = 0.001  # of a repetition, at least

@@ -24,7 +24,8 @@ import json
 import os
 import re
 import subprocess
-import sys
+
+from command import OneLineParser, Problem, run
 
 EXCLUDED = re.compile(r"GCOVR_EXCL_BR_LINE: \S")
 COMMENT = re.compile(r"//.*")
@@ -106,11 +107,18 @@ def correct_file(build, root, path):
         json.dump(trace, file)
 
 
-if __name__ == "__main__":
-    if len(sys.argv) != 4:
-        print("usage: coverage_branches.py BUILD_FOLDER SOURCE_FOLDER TRACE", file=sys.stderr)
-        sys.exit(2)
+def main():
+    parser = OneLineParser("coverage_branches.py", __doc__)
+    parser.add_argument("build", metavar="BUILD_FOLDER")
+    parser.add_argument("root", metavar="SOURCE_FOLDER")
+    parser.add_argument("trace", metavar="TRACE")
+    arguments = parser.parse_args()
     try:
-        correct_file(*sys.argv[1:])
-    except (OSError, KeyError, ValueError, subprocess.SubprocessError) as error:
-        sys.exit(f"coverage_branches.py: {error}")
+        correct_file(arguments.build, arguments.root, arguments.trace)
+    except (KeyError, ValueError) as error:
+        raise Problem(f"{arguments.trace} can't be understood: {error}") from error
+    return 0
+
+
+if __name__ == "__main__":
+    run("coverage_branches.py", main)

@@ -3,8 +3,8 @@
 
 """Takes the programs out of a page of the guide, or runs what the page shows of them.
 
-  guide.py extract PAGE FOLDER   writes the page's files into a folder, with a CMakeLists.txt
-  guide.py run PAGE FOLDER       runs the page's commands there, and compares what they print
+  extract   writes the page's files into a folder, with a CMakeLists.txt
+  run       runs the page's commands there, and compares what they print
 
 A block of code whose first line is a comment with a file's name is that file. The blocks of CMake
 make the CMakeLists.txt. In a block of the language "console" a line that begins with "$ " is a
@@ -17,7 +17,9 @@ import pathlib
 import re
 import resource
 import subprocess
-import sys
+
+from command import OneLineParser, Problem
+from command import run as run_script
 
 FENCE = re.compile(r"^```(\w+)\n(.*?)^```$", re.MULTILINE | re.DOTALL)
 NAME = re.compile(r"^(?://|#) (\w+\.(?:cpp|h|py))\n")
@@ -48,7 +50,7 @@ def extract(page, folder):
         elif name:
             write_if_changed(folder / name[1], text)
         elif language in ("cpp", "python"):
-            raise SystemExit(f"{page}: a block of {language} does not begin with its file's name")
+            raise Problem(f"{page}: a block of {language} does not begin with its file's name")
     write_if_changed(folder / "CMakeLists.txt", "\n".join(build))
 
 
@@ -88,7 +90,7 @@ def as_pattern(lines):
 def run(page, folder):
     commands = session(page)
     if not commands:
-        raise SystemExit(f"{page}: shows no command")
+        raise Problem(f"{page}: shows no command")
     status = 0
     printed = outputs(commands, folder) + [["(the shell has ended)"]] * len(commands)
     for (command, expected), lines in zip(commands, printed):
@@ -98,9 +100,14 @@ def run(page, folder):
     return status
 
 
-def main(work, page, folder):
-    return {"extract": extract, "run": run}[work](page, pathlib.Path(folder))
+def main():
+    parser = OneLineParser("guide.py", __doc__)
+    parser.add_argument("work", metavar="extract|run", choices=("extract", "run"))
+    parser.add_argument("page", metavar="PAGE")
+    parser.add_argument("folder", metavar="FOLDER", type=pathlib.Path)
+    arguments = parser.parse_args()
+    return (extract if arguments.work == "extract" else run)(arguments.page, arguments.folder)
 
 
 if __name__ == "__main__":
-    sys.exit(main(*sys.argv[1:]))
+    run_script("guide.py", main)

@@ -17,6 +17,7 @@ import sys
 import tomllib
 
 import host_run
+from command import Misuse, OneLineParser, Problem, run
 from host_run import BUILD, Run, program_of, signal_name
 
 HOSTS = pathlib.Path("hosts")
@@ -41,10 +42,6 @@ EXPECTED_FIELDS = {"forms", "modes", "at", "signals", "difference", "reason", "w
 MOST_SHOWN = 12
 # What is expected in many places, and why.
 REASONS = HOSTS / "reasons.toml"
-
-
-class Problem(Exception):
-    """What ends the run, in one line."""
 
 
 # ---- The scenarios -----------------------------------------------------------------------------
@@ -143,9 +140,7 @@ def read_scenarios():
 def select(scenarios, names, quick):
     for name in names:
         if not any(name in (s.name, s.name.split("/")[0]) for s in scenarios):
-            print(f'dev: hosts: no scenario or host is called "{name}"; '
-                  '"./dev hosts --list" lists them', file=sys.stderr)
-            sys.exit(2)
+            raise Misuse(f'no scenario or host is called "{name}"; "./dev hosts --list" lists them')
     if names:
         scenarios = [s for s in scenarios if s.name in names or s.name.split("/")[0] in names]
     return [s for s in scenarios if s.quick] if quick else scenarios
@@ -332,7 +327,7 @@ def run_all(scenarios, forms, modes):
             print(f"The form {form} is left out: the library has no such class.")
     forms = [form for form in forms if plugin_exists(form)]
     if not forms:
-        raise Problem("hosts: there is no plug-in of that form")
+        raise Problem("there is no plug-in of that form")
     for scenario in scenarios:
         if program_of(scenario) is None:
             program = pathlib.PurePath(scenario.run[0]).name
@@ -380,17 +375,8 @@ def check_itself(scenarios):
 # ---- The command -------------------------------------------------------------------------------
 
 
-class OneLineParser(argparse.ArgumentParser):
-    def error(self, message):
-        print(f"dev: hosts: {message}", file=sys.stderr)
-        sys.exit(2)
-
-
 def parse():
-    parser = OneLineParser(
-        prog="./dev hosts", add_help=True, allow_abbrev=False,
-        description="Runs programs of others with a plug-in that uses the library, and compares "
-                    "with what they do without it.")
+    parser = OneLineParser("./dev hosts", __doc__.split("\n")[0])
     parser.add_argument("names", metavar="NAME", nargs="*", help="a host, or one of its scenarios")
     parser.add_argument("--list", action="store_true", help="list the scenarios")
     parser.add_argument("--expected", action="store_true",
@@ -419,28 +405,21 @@ def list_expected(scenarios):
 
 def main():
     options = parse()
-    try:
-        scenarios = read_scenarios()
-        selected = select(scenarios, options.names, options.quick)
-        if options.check:
-            return 0
-        if options.list:
-            list_scenarios(selected)
-            return 0
-        if options.expected:
-            list_expected(selected)
-            return 0
-        if options.self_check:
-            return check_itself(scenarios)
-        return run_all(selected, [options.form] if options.form else FORMS,
-                       [options.mode] if options.mode else MODES)
-    except Problem as problem:
-        print(f"dev: {problem}", file=sys.stderr)
-        return 1
-    except KeyboardInterrupt:
-        print("dev: hosts: interrupted", file=sys.stderr)
-        return 130
+    scenarios = read_scenarios()
+    selected = select(scenarios, options.names, options.quick)
+    if options.check:
+        return 0
+    if options.list:
+        list_scenarios(selected)
+        return 0
+    if options.expected:
+        list_expected(selected)
+        return 0
+    if options.self_check:
+        return check_itself(scenarios)
+    return run_all(selected, [options.form] if options.form else FORMS,
+                   [options.mode] if options.mode else MODES)
 
 
 if __name__ == "__main__":
-    sys.exit(main())
+    run("dev: hosts", main)

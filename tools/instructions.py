@@ -9,9 +9,10 @@ has grown in. On another system or compiler than that of the figures nothing can
 import pathlib
 import re
 import subprocess
-import sys
 import tempfile
 import tomllib
+
+from command import OneLineParser, run
 
 FIGURES = pathlib.Path(__file__).parent.parent / "bench" / "instructions.toml"
 TIMES = 1000
@@ -72,6 +73,7 @@ def write(program):
         lines += ["", f"[{quoted(work)}]", f"total = {total}", "", f"[{quoted(work)}.functions]"]
         lines += [f"{quoted(name)} = {each}" for name, each in sorted(functions.items())]
     FIGURES.write_text("\n".join(lines) + "\n", encoding="utf-8")
+    return 0
 
 
 def compare(program):
@@ -97,14 +99,12 @@ def compare(program):
 
 
 def main():
-    if len(sys.argv) < 2 or len(sys.argv) > 3 or (len(sys.argv) == 3 and sys.argv[2] != "--write"):
-        print("usage: instructions.py PROGRAM [--write]", file=sys.stderr)
-        return 2
-    if len(sys.argv) == 3:
-        write(sys.argv[1])
-        return 0
-    return compare(sys.argv[1])
+    parser = OneLineParser("instructions.py", __doc__)
+    parser.add_argument("program", metavar="PROGRAM", help="that does the works")
+    parser.add_argument("--write", action="store_true", help="make the committed figures anew")
+    arguments = parser.parse_args()
+    return write(arguments.program) if arguments.write else compare(arguments.program)
 
 
 if __name__ == "__main__":
-    sys.exit(main())
+    run("instructions.py", main)

@@ -8,7 +8,8 @@ anchor to a heading of its page.
 import collections
 import pathlib
 import re
-import sys
+
+from command import OneLineParser, run
 
 ROOT = pathlib.Path(__file__).resolve().parent.parent
 BLOCK = re.compile(r"^```.*?^```$", re.MULTILINE | re.DOTALL)
@@ -52,6 +53,7 @@ def wrong_with(page, link):
 
 
 def main():
+    OneLineParser("links.py", __doc__).parse_args()
     status = 0
     for page in pages():
         for link in LINK.findall(prose(page)):
@@ -63,4 +65,4 @@ def main():
 
 
 if __name__ == "__main__":
-    sys.exit(main())
+    run("links.py", main)

@@ -25,15 +25,15 @@ import queue
 import re
 import shutil
 import subprocess
-import sys
 import threading
 import time
 
+from command import OneLineParser, Problem, say
 from cpp_changes import KINDS, changes_in, in_one_line
 from mutation import (COPIED, LIBRARY, LIKELY_TESTS, LISTS, MODELS, SAME_PROGRAM, SHOWN_BY_MODEL,
-                      WORK, OneLineParser, Problem, Tree, add_jobs, check_jobs, drain, each_tree,
-                      field, in_model, makes_own_instances, measure, read_model, read_toml,
-                      run_command, shown_by_model)
+                      SPEAKER, WORK, Tree, add_common, check_jobs, drain, each_tree, field, in_model,
+                      makes_own_instances, measure, read_model, read_toml, run_command,
+                      shown_by_model)
 
 # Where changes are made if no file is named.
 DEFAULT_FILES = ("libsrc/registry/*", "libsrc/utilities/svarrival.*",
@@ -682,8 +682,8 @@ def list_changes(changes, listed):
 
 
 def arguments():
-    parser = OneLineParser(prog="./dev mutants --search", description="Makes every small change in "
-                           "sources, one at a time, and shows those that no test notices.")
+    parser = OneLineParser("./dev mutants --search", "Makes every small change in sources, one at a "
+                           "time, and shows those that no test notices.")
     parser.add_argument("files", nargs="*", metavar="FILE",
                         help=f"a source in libsrc; if none is named: {', '.join(DEFAULT_FILES)}")
     parser.add_argument("--search", action="store_true", help=argparse.SUPPRESS)
@@ -697,7 +697,7 @@ def arguments():
                         "and go on from what is noted there")
     parser.add_argument("--listed", action="store_true",
                         help=f"only those in {SAME_PROGRAM}: no test may notice one")
-    add_jobs(parser, "changes")
+    add_common(parser, "changes")
     chosen = parser.parse_args()
     check_jobs(parser, chosen.jobs)
     chosen.files = [named_file(name, parser) for name in chosen.files] or default_files()
@@ -726,11 +726,13 @@ def record_file(name, parser):
 
 def main():
     chosen = arguments()
+    if chosen.check:
+        return 0
     sources = Sources()
     listed, wrong = read_list(SAME_PROGRAM, sources)
     in_models, wrong_in_models = read_list(SHOWN_BY_MODEL, sources)
     for problem in wrong + wrong_in_models:
-        print(f"dev: mutants: {problem}", file=sys.stderr)
+        say(SPEAKER, problem)
     likely = read_likely()
 
     changes = [change for file in dict.fromkeys(chosen.files) for change in sources.changes(file)

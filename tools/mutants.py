@@ -15,14 +15,14 @@ import pathlib
 import queue
 import re
 import resource
-import sys
 import threading
 import time
 
-from mutation import (DROPPED, LIBRARY, LIKELY_TESTS, LISTS, SAME_PROGRAM, SHOWN_BY_MODEL, WORK,
-                      OneLineParser, Problem, Tree, add_jobs, check_jobs, drain, each_tree, field,
-                      in_model, makes_own_instances, measure, programs_of, read_model, read_toml,
-                      run_command, shown_by_model)
+from command import Misuse, OneLineParser, Problem, say
+from mutation import (DROPPED, LIBRARY, LIKELY_TESTS, LISTS, SAME_PROGRAM, SHOWN_BY_MODEL, SPEAKER,
+                      WORK, Tree, add_common, check_jobs, drain, each_tree, field, in_model,
+                      makes_own_instances, measure, programs_of, read_model, read_toml, run_command,
+                      shown_by_model)
 
 NO_PROMISES = (DROPPED, SAME_PROGRAM, SHOWN_BY_MODEL, LIKELY_TESTS)
 
@@ -108,9 +108,8 @@ def read_dropped():
 def select(mistakes, wanted, everything):
     for name in wanted:
         if not any(name in (mistake.promise, mistake.name) for mistake in mistakes):
-            print(f'dev: mutants: no promise or mistake is called "{name}"; '
-                  '"./dev mutants --list" lists them', file=sys.stderr)
-            sys.exit(2)
+            raise Misuse(f'no promise or mistake is called "{name}"; "./dev mutants --list" lists '
+                         "them")
     if wanted:
         return [m for m in mistakes if m.promise in wanted or m.name in wanted]
     return [m for m in mistakes if everything or not m.extra]
@@ -334,8 +333,8 @@ def report(outcomes, left_out, dropped):
 
 
 def arguments():
-    parser = OneLineParser(prog="./dev mutants", description="Plants mistakes one at a time and "
-                           "looks whether the tests catch them.")
+    parser = OneLineParser("./dev mutants", "Plants mistakes one at a time and looks whether the "
+                           "tests catch them.")
     parser.add_argument("names", nargs="*", metavar="NAME",
                         help="a promise or a mistake; if none is named, all but those that are "
                         "marked as extra")
@@ -347,7 +346,7 @@ def arguments():
                         "mistake")
     parser.add_argument("--search", action="store_true",
                         help="make every automatic change instead: see --search --help")
-    add_jobs(parser, "mistakes")
+    add_common(parser, "mistakes")
     parsed = parser.parse_args()
     check_jobs(parser, parsed.jobs)
     return parsed
@@ -361,7 +360,7 @@ def still_applies(mistake):
         else:
             mistake.planted_in(pathlib.Path(mistake.file).read_text(encoding="utf-8"))
     except Problem as problem:
-        print(f"dev: mutants: {problem}", file=sys.stderr)
+        say(SPEAKER, problem)
         return False
     return True
 
@@ -383,6 +382,8 @@ def main():
     chosen = arguments()
     every_mistake = read_mistakes()
     mistakes = select(every_mistake, chosen.names, chosen.all or chosen.list)
+    if chosen.check:
+        return 0
     if chosen.list:
         return 0 if list_mistakes(mistakes) else 1
     (WORK / "logs").mkdir(parents=True, exist_ok=True)

@@ -16,11 +16,12 @@ import resource
 import shutil
 import signal
 import subprocess
-import sys
 import threading
 import time
 import tomllib
 import xml.etree.ElementTree
+
+from command import Problem, run, say
 
 LISTS = pathlib.Path("tests/mutants")
 DROPPED = LISTS / "dropped.toml"
@@ -46,10 +47,6 @@ SHORTEST_HANG = 10.0
 LIMIT_OF_THE_MODEL = 120.0
 # What a mistake that allocates without end may have.
 MOST_ADDRESS_SPACE = 8 << 30
-
-
-class Problem(Exception):
-    """What ends the run, in one line."""
 
 
 @dataclasses.dataclass
@@ -361,13 +358,8 @@ def measure(trees, wanted):
 # ---- The command -------------------------------------------------------------------------------
 
 
-class OneLineParser(argparse.ArgumentParser):
-    def error(self, message):
-        print(f"dev: mutants: {message}", file=sys.stderr)
-        sys.exit(2)
-
-
-def add_jobs(parser, what):
+def add_common(parser, what):
+    parser.add_argument("--check", action="store_true", help=argparse.SUPPRESS)
     parser.add_argument("--jobs", type=int, default=os.cpu_count() or 1, metavar="N",
                         help=f"how many {what} to try at once (one for each processor)")
 
@@ -377,17 +369,16 @@ def check_jobs(parser, jobs):
         parser.error("--jobs is a number from 1 to 64")
 
 
+SPEAKER = "dev: mutants"
+
+
 def run_command(main):
-    """Runs a command to its end: what goes wrong is said in one line."""
+    """Runs a command to its end. An interruption ends all that it has started, too."""
     def interrupted(_number, _frame):
         processes.end_all()
-        print("dev: mutants: interrupted", file=sys.stderr, flush=True)
+        say(SPEAKER, "interrupted")
         os._exit(130)
 
     signal.signal(signal.SIGINT, interrupted)
     signal.signal(signal.SIGTERM, interrupted)
-    try:
-        sys.exit(main())
-    except Problem as problem:
-        print(f"dev: mutants: {problem}", file=sys.stderr)
-        sys.exit(1)
+    run(SPEAKER, main)

@@ -7,7 +7,8 @@ in the section of its class, and nothing stands there that is none.
 
 import pathlib
 import re
-import sys
+
+from command import OneLineParser, run
 
 ROOT = pathlib.Path(__file__).parent.parent
 PAGE = ROOT / "docs" / "guide" / "operations.md"
@@ -88,6 +89,7 @@ def described():
 
 
 def main():
+    OneLineParser("operations.py", __doc__).parse_args()
     page, operations = described(), declared()
     wrong = []
     for title in sorted(operations.keys() | page.keys()):
@@ -100,4 +102,4 @@ def main():
 
 
 if __name__ == "__main__":
-    sys.exit(main())
+    run("operations.py", main)

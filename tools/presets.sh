@@ -38,7 +38,7 @@ report_count() {
 # What the stepping tests say: at how many instructions a signal was delivered, and how many of
 # these deliveries went wrong.
 count_steps() {
-    grep -oE 'visited: +[0-9]+, [0-9]+ wrong' "$1" |
+    { grep -oE 'visited: +[0-9]+, [0-9]+ wrong' "$1" 2>/dev/null || true; } |
         awk '{ visited += $2; wrong += $3 } END { print visited + 0, wrong + 0 }'
 }
 
@@ -126,4 +126,32 @@ build_and_test() {
         failed=1
     fi
     ((failed == 0))
+}
+
+# test_presets PRESET...: the tests of each, what went wrong, a table, and the count.
+test_presets() {
+    local preset started visited wrong rows=() failures=()
+    local total_visited=0 total_wrong=0 total_passed=0 total_failed=0
+    for preset in "$@"; do
+        say "$preset: building and testing"
+        started=$SECONDS
+        run_preset "$preset" || failures+=("$preset")
+        rows+=("$(printf '%-14s %7d %7d %7d %7d s' \
+            "$preset" "$passed" "$failed" "$skipped" $((SECONDS - started)))")
+        read -r visited wrong < <(count_steps "build/$preset/junit.xml")
+        total_visited=$((total_visited + visited))
+        total_wrong=$((total_wrong + wrong))
+        total_passed=$((total_passed + passed))
+        total_failed=$((total_failed + failed))
+    done
+    for preset in "${failures[@]}"; do
+        say "==== $preset: FAILED"
+        show_failure "$preset"
+    done
+    printf '\n%-14s %7s %7s %7s %9s\n' preset passed failed skipped time
+    printf '%s\n' "${rows[@]}"
+    printf '\na signal delivered at %d instructions of the operations, %d went wrong\n' \
+        "$total_visited" "$total_wrong"
+    printf '%d passed, %d failed\n' "$total_passed" "$total_failed"
+    ((total_failed == 0))
 }

@@ -11,6 +11,8 @@ import re
 import subprocess
 import sys
 
+from command import OneLineParser, run
+
 # Objects that are told where something lies, and so are written at the start.
 KNOWN = (
     # Tell a signal's subscriptions apart by the address that is called.
@@ -103,14 +105,13 @@ def mistakes(library):
 
 
 def main():
-    if len(sys.argv) != 2:
-        print("usage: shared_library.py LIBRARY", file=sys.stderr)
-        return 2
-    found = list(mistakes(sys.argv[1]))
+    parser = OneLineParser("shared_library.py", __doc__)
+    parser.add_argument("library", metavar="LIBRARY")
+    found = list(mistakes(parser.parse_args().library))
     for mistake in found:
         print(mistake)
     return 1 if found else 0
 
 
 if __name__ == "__main__":
-    sys.exit(main())
+    run("shared_library.py", main)

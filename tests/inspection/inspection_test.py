@@ -218,6 +218,25 @@ class Dump(unittest.TestCase):
                          r"pre-existing, external\n")
         self.assertIn("--module, --pid or --core may find the names", result.stderr)
 
+    def check_told(self, what, *arguments):
+        result = sorvane_dump(*arguments, text=self.dump)
+        self.assertEqual((result.returncode, result.stderr), (0, f"sorvane-dump: {what}\n"))
+        self.assertRegex(result.stdout, rf"\n    unknown function, in {PROGRAM.name}\+0x")
+
+    def test_a_module_that_is_none_is_told(self):
+        self.check_told(f"{SOURCE}: this is no program or shared library",
+                        "--module", f"{PROGRAM.name}={SOURCE}")
+
+    def test_a_module_that_the_dump_does_not_name_is_told(self):
+        self.check_told("other: the dump names no such module", "--module", f"other={PROGRAM}")
+
+    def test_a_module_without_names_is_told(self):
+        with tempfile.TemporaryDirectory() as folder:
+            stripped = f"{folder}/stripped"
+            subprocess.run(["strip", "--strip-all", "-o", stripped, PROGRAM], check=True)
+            self.check_told(f"{stripped}: it has no names for some functions; is it stripped?",
+                            "--module", f"{PROGRAM.name}={stripped}")
+
     def test_json(self):
         result = sorvane_dump("--json", "--module", str(PROGRAM), text=self.dump + "\n" + self.dump)
         first, second = (json.loads(line) for line in result.stdout.splitlines())

@@ -24,7 +24,7 @@ check_exclusions() {
 # less than nothing; gcovr does not take that, but the branches come from the tool behind it.
 count_lines() {
     gcovr --gcov-ignore-parse-errors --root libsrc --json "$trace" build/$counting_preset &&
-        python3 tools/coverage_branches.py build/$counting_preset libsrc "$trace"
+        /usr/bin/python3 -B tools/coverage_branches.py build/$counting_preset libsrc "$trace"
 }
 
 make_html() {

@@ -54,5 +54,5 @@ done
 rm -rf "$output"
 mkdir -p "$output"
 run_logged docs doxygen - < <(configuration) || fail "the reference is not as it should be"
-python3 -B docs/reference/check_links.py "$output/html" || fail "some links lead nowhere"
+/usr/bin/python3 -B tools/reference_links.py "$output/html" || fail "some links lead nowhere"
 say "The reference is in $output/html/index.html"

@@ -3,16 +3,22 @@
 # SPDX-License-Identifier: Apache-2.0
 
 # summary: runs ./dev demo and ./dev test in a bare tree of bookworm, trixie or noble
-# usage: ./dev fresh SYSTEM
-# time: about 20 minutes on 2 cores, and a network
+# usage: ./dev fresh SYSTEM [COMMAND ...]
+# more: Other commands of ./dev, without arguments, take their place if they are named.
+# time: about 10 minutes on 2 cores, and a network
 source tools/baretree.sh
 
 readonly systems=(bookworm trixie noble)
 
 system="${1:-}"
-if (($# != 1)) || [[ " ${systems[*]} " != *" $system "* ]]; then
-    wrong_usage "fresh: takes one system of ${systems[*]}"
+if (($# < 1)) || [[ " ${systems[*]} " != *" $system "* ]]; then
+    wrong_usage "fresh: takes one system of ${systems[*]}, and commands"
 fi
+commands=("${@:2}")
+((${#commands[@]} > 0)) || commands=(demo test)
+for command in "${commands[@]}"; do
+    [[ -f "tools/dev.d/$command.sh" ]] || wrong_usage "fresh: unknown command \"$command\""
+done
 require_root
 require_packages fresh
 require_bare_trees "$system"
@@ -25,7 +31,7 @@ run_logged "clone-$tree" git clone --no-hardlinks "$PWD" "$trees_dir/$tree/srv/s
     fail "could not clone the tree"
 
 failed=0
-for command in demo test; do
+for command in "${commands[@]}"; do
     say "==== $system: ./dev $command"
     started=$SECONDS
     status=0
@@ -34,6 +40,6 @@ for command in demo test; do
     ((status == 0)) || failed=$((failed + 1))
 done
 
-printf '%d passed, %d failed\n' $((2 - failed)) "$failed"
+printf '%d passed, %d failed\n' $((${#commands[@]} - failed)) "$failed"
 ((failed == 0)) || fail "what failed is left in build/trees/$tree"
 remove_bare_tree "$tree"

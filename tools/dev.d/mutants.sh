@@ -7,10 +7,10 @@
 # time: long
 source tools/devlib.sh
 
-require_packages build test mutants
 script=tools/mutants.py
 for argument in "$@"; do
     [[ "$argument" != --search ]] || script=tools/mutant_search.py
 done
-# Nothing that Python compiles is left beside the sources.
-exec nice -n 10 python3 -B "$script" "$@"
+use_python "$script" '--help|-h|--list' "$@"
+require_packages build test mutants
+exec nice -n 10 /usr/bin/python3 -B "$script" "$@"

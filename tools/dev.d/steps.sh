@@ -10,16 +10,4 @@ source tools/presets.sh
 (($# == 0)) || wrong_usage "steps: takes no arguments, not \"$*\""
 require_packages build test
 say_time
-
-total_passed=0
-total_failed=0
-for preset in steps-x86_64 steps-i386; do
-    say "$preset: building and testing"
-    run_preset "$preset" || show_failure "$preset"
-    total_passed=$((total_passed + passed))
-    total_failed=$((total_failed + failed))
-    read -r visited wrong < <(count_steps "build/$preset/junit.xml")
-    say "$preset: a signal delivered at $visited instructions, $wrong went wrong"
-done
-say "$total_passed passed, $total_failed failed"
-((total_failed == 0))
+test_presets steps-x86_64 steps-i386

@@ -27,31 +27,4 @@ done
 require_packages build test
 
 say_time
-rows=()
-failures=()
-visited=0
-wrong=0
-total_passed=0
-total_failed=0
-for preset in "${presets[@]}"; do
-    say "$preset: building and testing"
-    started=$SECONDS
-    run_preset "$preset" || failures+=("$preset")
-    rows+=("$(printf '%-14s %7d %7d %7d %7d s' \
-        "$preset" "$passed" "$failed" "$skipped" $((SECONDS - started)))")
-    read -r preset_visited preset_wrong < <(count_steps "build/$preset/junit.xml")
-    visited=$((visited + preset_visited))
-    wrong=$((wrong + preset_wrong))
-    total_passed=$((total_passed + passed))
-    total_failed=$((total_failed + failed))
-done
-
-for preset in "${failures[@]}"; do
-    say "==== $preset: FAILED"
-    show_failure "$preset"
-done
-printf '\n%-14s %7s %7s %7s %9s\n' preset passed failed skipped time
-printf '%s\n' "${rows[@]}"
-printf '\na signal delivered at %d instructions of the operations, %d went wrong\n' "$visited" "$wrong"
-printf '%d passed, %d failed\n' "$total_passed" "$total_failed"
-((total_failed == 0))
+test_presets "${presets[@]}"

@@ -1,12 +1,16 @@
+# SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+# SPDX-License-Identifier: Apache-2.0
+
 """Tells which links of the reference lead to no page, or to no place in it. Doxygen itself knows
-only those that it has made. Argument: the directory of the reference.
+only those that it has made.
 """
 
 import html
 import pathlib
 import re
-import sys
 import urllib.parse
+
+from command import OneLineParser, run
 
 LINK = re.compile(r'(?:href|src)="([^"]+)"')
 PLACE = re.compile(r'(?:id|name)="([^"]+)"')
@@ -25,7 +29,9 @@ def leads_somewhere(page, link):
 
 
 def main():
-    root = pathlib.Path(sys.argv[1])
+    parser = OneLineParser("reference_links.py", __doc__)
+    parser.add_argument("root", metavar="FOLDER", type=pathlib.Path, help="of the reference")
+    root = parser.parse_args().root
     links = [(page, html.unescape(link)) for page in sorted(root.glob("*.html"))
              for link in LINK.findall(page.read_text(encoding="utf-8"))]
     # The menu is made when a page is shown.
@@ -39,4 +45,4 @@ def main():
 
 
 if __name__ == "__main__":
-    sys.exit(main())
+    run("reference_links.py", main)

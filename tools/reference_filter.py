@@ -1,5 +1,7 @@
-"""What Doxygen reads of a file. Arguments: the file, in the root of the tree or below the directory
-that Doxygen runs in.
+# SPDX-FileCopyrightText: 2026 The Sorvane signals authors
+# SPDX-License-Identifier: Apache-2.0
+
+"""What Doxygen reads of a file.
 
 A page has the headings and links that a reader of the repository follows. Here each heading gets an
 identifier, and each link to a page, a section or an example becomes a reference, so that Doxygen
@@ -11,6 +13,8 @@ import os
 import pathlib
 import re
 import sys
+
+from command import OneLineParser, run
 
 EXAMPLES = pathlib.PurePath("examples")
 # Deleted and defaulted members for copying, and destructors that say nothing.
@@ -89,10 +93,14 @@ def header_text(text):
 
 
 def main():
-    path = pathlib.PurePath(os.path.relpath(sys.argv[1]))
+    parser = OneLineParser("reference_filter.py", __doc__)
+    parser.add_argument("file", metavar="FILE",
+                        help="in the root of the tree, or below the directory that Doxygen runs in")
+    path = pathlib.PurePath(os.path.relpath(parser.parse_args().file))
     text = pathlib.Path(path).read_text(encoding="utf-8")
     sys.stdout.write(page_text(path, text) if path.suffix == ".md" else header_text(text))
+    return 0
 
 
 if __name__ == "__main__":
-    main()
+    run("reference_filter.py", main)
