@@ -13,8 +13,9 @@ require_packages build test
 
 # Asked for a name that it does not know, apt-get takes the "+" in it for a pattern.
 can_be_had() {
-    apt-cache pkgnames "$1" | grep --line-regexp --fixed-strings --quiet "$1" &&
-        [[ "$(apt-cache policy "$1")" != *"Candidate: (none)"* ]]
+    local names
+    names=" $(apt-cache pkgnames "$1" | tr '\n' ' ')"
+    [[ "$names" == *" $1 "* && "$(apt-cache policy "$1")" != *"Candidate: (none)"* ]]
 }
 
 # Sets presets: each is named as the package of its compiler, or of the C compiler that comes with it.
