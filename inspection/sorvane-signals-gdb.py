@@ -25,6 +25,16 @@ ENTRY = re.compile(r"(?:void )?Sorvane::\(anonymous namespace\)::entry<(\d+)u?>\
 ENTRIES = "'Sorvane::(anonymous namespace)::slots'"
 
 
+def evaluate(expression):
+    """Its value in C++: a process mostly stops in a function of the C library."""
+    language = gdb.parameter("language")
+    gdb.execute("set language c++", to_string=True)
+    try:
+        return gdb.parse_and_eval(expression)
+    finally:
+        gdb.execute(f"set language {language}", to_string=True)
+
+
 def plain(atomic):
     """The value inside an atomic object."""
     while atomic.type.strip_typedefs().code == gdb.TYPE_CODE_STRUCT:
@@ -71,7 +81,7 @@ def function_text(address):
 
 
 def subscription_text(entry):
-    handler = int(plain(gdb.parse_and_eval(ENTRIES)[entry]["handler"]))
+    handler = int(plain(evaluate(ENTRIES)[entry]["handler"]))
     what = f"subscription {entry}"
     return f"{function_text(handler)}, {what}" if handler else f"{what}, which has ended"
 
@@ -193,7 +203,7 @@ class State:
 
     def __init__(self):
         def shared(member):
-            return gdb.parse_and_eval(f"{MANAGER}::{member}")
+            return evaluate(f"{MANAGER}::{member}")
 
         try:
             self.managers = int(shared("numberOfManagers"))
@@ -227,7 +237,7 @@ class State:
     def owner(number):
         """Whose the signal is: its count is odd while it is the library's."""
         try:
-            count = int(plain(gdb.parse_and_eval(f"Sorvane::SVOwnership::counts[{number}]")))
+            count = int(plain(evaluate(f"Sorvane::SVOwnership::counts[{number}]")))
         except gdb.error:
             return ""
         return ", taken over" if count % 2 else ", not taken over"

@@ -491,6 +491,21 @@ TEST_F(SubscriptionEnds, AndTheNextOneForgetsTheHandlerThatTheHostHasReplaced) {
     EXPECT_EQ(callsOf(userHandler), 1U);
 }
 
+TEST_F(SubscriptionEnds, AndItsRenewalForgetsTheHandlerThatTheHostHasReplaced) {
+    hostInstalls(theSignal, hostHandler);
+    Subscription subscription(theSignal, userHandler);
+    hostInstalls(theSignal, otherHostHandler);
+    EXPECT_TRUE(subscription.renew());
+    raise(theSignal);
+    EXPECT_EQ(callsOf(hostHandler), 0U);
+    EXPECT_EQ(callsOf(otherHostHandler), 1U);
+    EXPECT_EQ(callsOf(userHandler), 1U);
+    Manager(true).stopHandlingSignal(theSignal);
+    raise(theSignal);
+    EXPECT_EQ(callsOf(hostHandler), 0U);
+    EXPECT_EQ(callsOf(otherHostHandler), 2U);
+}
+
 struct sigaction chainedTo;
 
 void chains(int signalNumber, siginfo* information, void* context) {

@@ -176,7 +176,7 @@ SVFailure SVSignalSubscription::begin() noexcept {
         if (leftAlone) {
             return SVFailure();
         }
-        return m_onRecord ? takeOverForGuests(m_signalNumber) : enter(hosts);
+        return m_onRecord ? takeOverAgain(hosts) : enter(hosts);
     });
 }
 
@@ -216,6 +216,13 @@ SVFailure SVSignalSubscription::enter(const struct sigaction& hosts) noexcept {
         withdraw();
     }
     return failure;
+}
+
+SVFailure SVSignalSubscription::takeOverAgain(const struct sigaction& hosts) const noexcept {
+    return svregistry.detach(m_signalNumber, noTableForGuest).then([&] {
+        forgetFormerOf(m_signalNumber, hosts);
+        return takeOverForGuests(m_signalNumber);
+    });
 }
 
 // In the same gate in which it entered.

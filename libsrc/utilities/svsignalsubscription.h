@@ -102,6 +102,7 @@ private:
     SVFailure begin() noexcept;
     SVFailure refusal(const struct sigaction& hosts) const noexcept;
     SVFailure enter(const struct sigaction& hosts) noexcept;
+    SVFailure takeOverAgain(const struct sigaction& hosts) const noexcept;
     void withdraw() noexcept;
     void end() noexcept;
 

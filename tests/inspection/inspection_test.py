@@ -105,6 +105,8 @@ class Gdb(unittest.TestCase):
             "echo [free]\\n", "delete", "break waitForEndOfInput", "continue", "up",
             "echo [state]\\n", "info sorvane", "echo [record]\\n", "print record",
             "echo [manager]\\n", "print quiet", "echo [raw]\\n", "print/r record",
+            "set language c", "echo [in C]\\n", "info sorvane", "echo [language]\\n",
+            "show language", "set language auto",
             "echo [misuse]\\n", "info sorvane 1", f"generate-core-file {cls.core}")
 
     def part(self, name):
@@ -116,6 +118,10 @@ class Gdb(unittest.TestCase):
 
     def test_state_of_a_live_process(self):
         self.assertEqual(lines(self.part("state")), lines(self.state("free")))
+
+    def test_state_of_a_process_that_stands_in_another_language(self):
+        self.assertEqual(lines(self.part("in C")), lines(self.state("free")))
+        self.assertIn('The current source language is "c".', self.part("language"))
 
     def test_who_holds_the_lock(self):
         self.assertEqual(lines(self.part("locked")), lines(self.state("held by thread 1, depth 1")))
