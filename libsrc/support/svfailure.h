@@ -31,7 +31,8 @@ public:
     /// Whether something failed.
     constexpr explicit operator bool() const noexcept { return m_message != nullptr; }
 
-    /// The same failure, or what comes next if nothing failed yet. That fails if it tells so.
+    /// The same failure; if nothing failed yet, does what comes next. Result: the failure, or the
+    /// one that the next work returns.
     template <typename Next>
     SVFailure then(Next next) const {
         if constexpr (std::is_void_v<decltype(next())>) {

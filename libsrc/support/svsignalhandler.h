@@ -35,8 +35,8 @@ public:
     /// Makes a record from a three-argument function. The signal number is not tested.
     ///
     /// preExists says that it was installed before the library took the signal, and is what the
-    /// library puts back; external, that dispatch treats it alike; valid, that dispatch calls it
-    /// at all.
+    /// library puts back; external, that dispatch treats it like a pre-existing one, although
+    /// nothing puts it back; valid, that dispatch calls it at all.
     ///
     /// The mask is empty. The flags are SA_RESTART, so that the host's system calls are not torn
     /// up, SA_ONSTACK, so that a thread with an alternate stack is served on it, and SA_SIGINFO.

@@ -11,7 +11,8 @@ namespace Sorvane {
 
 /// For a handler that has reported a crash, which is to look like one: installs the signal's
 /// default action, lets the signal in on this thread, and raises it for this thread. Returns if the
-/// default action does not end the process, and does nothing for a signal that can't be handled.
+/// default action does not end the process, and does nothing for numbers that no handler can be
+/// installed for.
 /// Leaves errno alone.
 /// Threads: any. Signal context: any context.
 SORVANE_API void endByDefaultAction(int signalNumber) noexcept;

@@ -30,18 +30,18 @@ class SVSignalQueue;
 /// that wants events makes its own.
 ///
 /// Threads: any at once, for next(), lost() and getFileDescriptor(); one at a time for the others.
-/// What is taken while another thread is just taking is as late as that; a handler of the host's
-/// that interrupts this one's and leaves by siglongjmp may leave a place that is not used again,
-/// and everything behind it. Signal context: normal context only, but for lost() and activeQ():
-/// any.
+/// While another thread is inside next(), a signal may become available only when that returns. If
+/// a handler of the host's interrupts this object's and leaves by siglongjmp, the place that was
+/// just being filled is lost, and those behind it. Signal context: normal context only; lost() and
+/// activeQ(): any.
 class SORVANE_API SVSignalEvents : public SVObject {
 public:
     /// How many signals find a place if the user says nothing.
     static constexpr unsigned int defaultCapacity = 1024;
 
     /// Begins to take these signals in.
-    /// Parameters: signalNumbers, each counts once; capacity, how many find a place that have not
-    /// been taken yet, at least so many; ignored, what becomes of those that the host ignores.
+    /// Parameters: signalNumbers, each counts once; capacity, there is room for at least so many
+    /// signals that have not been taken yet; ignored, what becomes of those that the host ignores.
     /// Errors: those of SVSignalSubscription's constructor, with nothing subscribed to then;
     /// SVException "Unable to allocate space for signal events.", allocation failed, 0;
     /// "Unable to make a file descriptor for signal events.", operating system call failed, errno.
@@ -67,7 +67,7 @@ public:
 
     /// Whether all of its signals come, as for SVSignalSubscription.
     bool activeQ() const noexcept;
-    /// Whether they do after those that don't have been begun once more. Errors: those of
+    /// Begins those that don't come once more. Result: whether all come now. Errors: those of
     /// SVSignalSubscription::renew().
     bool renew();
 

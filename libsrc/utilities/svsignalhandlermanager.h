@@ -27,7 +27,8 @@
 /// Subscriptions have records like others, and the last word when the host's handler gives up (see
 /// SVSignalSubscription).
 ///
-/// What a handler throws leaves it. errno is left as it was.
+/// What a handler throws leaves it, and so does the SVException of an installation that the system
+/// refuses, as a seccomp filter can. errno is left as it was.
 /// Signal context: handler only. Threads: any, without a lock.
 extern "C" SORVANE_PLAIN_API void actualSignalHandler(int signalNumber, siginfo* information,
                                                       void* context);
@@ -85,22 +86,26 @@ public:
     // --- Taking over and handing back signals --------------------------------------------------
 
     /// Takes over every signal from 1 to 60 that has records, as handleSignal() does. Does nothing
-    /// when signals are being handled already. Errors: those of handleSignal(); the signals before
-    /// are then taken over, and signals do not count as being handled.
+    /// when signals are being handled already, also for those that were handed back one by one.
+    /// Errors: those of handleSignal(); the signals before are then taken over, and signals do not
+    /// count as being handled.
     void startHandlingSignals();
 
     /// Hands one signal back: to its first pre-existing record, valid or not, or, when it has none,
     /// to SIG_IGN, for everybody. The records stay. Does nothing for a signal without a table; one
     /// that has a table is left ignored again each time, also if its records have been cleared.
+    /// Signals still count as being handled: handleSignal() takes this one over again.
     void stopHandlingSignal(int signalNumber);
 
-    /// Hands every signal from 1 to 60 back, one by one, and with it everybody's. Does nothing when
-    /// signals are not being handled. After an error signals still count as being handled.
+    /// Hands every signal from 1 to 60 back, one by one, and with it everybody's; but those whose
+    /// disposition forbids it stay as they are. Does nothing when signals are not being handled.
+    /// After an error signals still count as being handled.
     void stopHandlingSignals();
 
     /// Say whether the library may handle a signal; this takes effect at the next operation that
-    /// asks. Numbers outside 1 to 60 change nothing. These four take no lock, may be called in any
-    /// context by any manager, and throw nothing.
+    /// asks, a stop included, which leaves alone what it may not handle. Numbers outside 1 to 60
+    /// change nothing. These four take no lock, may be called in any context by any manager, and
+    /// throw nothing.
     void setSignalDisposition(int signalNumber, bool handle);
     /// The same for all of them at once.
     void setSignalDispositions(SVSignalHandlerDispositionSet dispositions);

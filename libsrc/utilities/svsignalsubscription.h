@@ -40,7 +40,8 @@ enum class SVIgnoredSignal {
 /// that wants its signal to end the process calls endByDefaultAction().
 ///
 /// stopHandlingSignal() and stopHandlingSignals() hand signals back for everybody. The subscription
-/// is not active then, and its handler is not called, until somebody starts or renew() is called.
+/// is not active then, and its handler is not called, until renew() or handleSignal() is called, or
+/// after a stop of all signals, until somebody starts.
 /// What the stop has left, as an ignored signal that nobody had a handler for, stays if the
 /// subscription ends before that.
 ///
@@ -49,8 +50,10 @@ enum class SVIgnoredSignal {
 /// - "The signal can't be handled, or its disposition forbids it.", kind 24: there is no such
 ///   signal, or none that the library may handle.
 /// - "The handler has the signal already.", kind 24: this function is on record for the signal, is
-///   the host's for it, or is subscribed to it, for the form with a user's pointer with the same.
-/// - "No entry function is left.", kind 5: as many subscriptions are active as there can be.
+///   the host's for it, or is subscribed to it (in the form with a user's pointer: with the same
+///   pointer).
+/// - "No entry function is left.", kind 5: 256 subscriptions have one; each keeps its own from when
+///   it becomes active for the first time.
 /// - "Unable to allocate new table", kind 5: no memory.
 ///
 /// And those of handleSignal() and of the tables' insert(). Nothing has changed then.
@@ -67,8 +70,8 @@ public:
     /// The same with a pointer of the user's behind it.
     using UserHandler = void (*)(int, siginfo*, void* context, void* user);
 
-    /// Begin a subscription: in one step, for everybody who looks. What the handler gets beside the
-    /// signal's number is handed on unchanged.
+    /// Begin a subscription: no other thread ever sees it half begun. What the handler gets beside
+    /// the signal's number is handed on unchanged.
     SVSignalSubscription(int signalNumber, SimpleHandler handler,
                          SVIgnoredSignal ignored = SVIgnoredSignal::leaveAlone);
     /// The same with the signal's information and context.
@@ -87,8 +90,9 @@ public:
     /// memory to take its record out, the record stays, and calls nothing. May change errno.
     ~SVSignalSubscription() noexcept override;
 
-    /// Whether the handler is called when the signal arrives: it is on record, and the library is
-    /// what is installed. Signal context: any. May change errno.
+    /// Whether the handler is on record, and the library is what is installed: so that it is called
+    /// when the signal arrives, or, for SIGSEGV, SIGBUS and SIGHUP beside a handler of the host's,
+    /// when that gives up. Signal context: any. May change errno.
     bool activeQ() const noexcept;
 
     /// Begins once more, if the subscription is not active: because somebody has handed the signal

@@ -2,9 +2,9 @@
 # SPDX-FileCopyrightText: 2026 The Sorvane signals authors
 # SPDX-License-Identifier: Apache-2.0
 
-# summary: measures what the library costs, beside what its works cost without it and with others
+# summary: measures what the library costs, against plain system calls and other libraries
 # program: tools/bench.py
-# time: about three minutes on 2 cores
+# time: three to five minutes on 2 cores
 source tools/devlib.sh
 
 # What can't be had is left out.

@@ -2,7 +2,7 @@
 # SPDX-FileCopyrightText: 2026 The Sorvane signals authors
 # SPDX-License-Identifier: Apache-2.0
 
-# summary: loads a plug-in into programs of others, and looks whether they behave as without it
+# summary: loads a plug-in into programs of others, and checks that they behave as they do without it
 # program: tools/hosts.py
 # time: about a minute; with --quick, 15 seconds
 source tools/devlib.sh

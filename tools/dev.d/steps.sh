@@ -2,7 +2,7 @@
 # SPDX-FileCopyrightText: 2026 The Sorvane signals authors
 # SPDX-License-Identifier: Apache-2.0
 
-# summary: steps to every instruction of the operations, of the library without optimisation, too
+# summary: interrupts every operation at every instruction, in the unoptimised library, too
 # usage: ./dev steps
 # time: long
 source tools/presets.sh
