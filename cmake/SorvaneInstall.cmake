@@ -58,6 +58,13 @@ foreach(kind IN ITEMS static shared)
       NAMESPACE Sorvane::
       DESTINATION "${package_dir}"
       COMPONENT SorvaneSignals_Development)
+    # A project around this one may export its own targets from where they are built.
+    if(NOT PROJECT_IS_TOP_LEVEL)
+      export(
+        EXPORT SorvaneSignals-${kind}
+        NAMESPACE Sorvane::
+        FILE "${PROJECT_BINARY_DIR}/SorvaneSignals-${kind}.cmake")
+    endif()
   endif()
 endforeach()
 
@@ -73,13 +80,28 @@ install(
   COMPONENT SorvaneSignals_Development)
 
 # Relative to the file itself, so that `cmake --install --prefix` and a tree that was moved later are
-# right as well.
-file(RELATIVE_PATH pc_include_dir "${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig"
-     "${CMAKE_INSTALL_FULL_INCLUDEDIR}/sorvane-signals/include")
+# right as well. But in the system's own folders pkg-config has to know them as what they are, to
+# leave them out behind those of the user's.
+set(include_folder "${CMAKE_INSTALL_FULL_INCLUDEDIR}/sorvane-signals/include")
+set(pc_folder "${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig")
+file(RELATIVE_PATH pc_prefix "${pc_folder}" "${CMAKE_INSTALL_PREFIX}")
+file(RELATIVE_PATH pc_includedir "${pc_folder}" "${include_folder}")
+set(pc_prefix "\${pcfiledir}/${pc_prefix}")
+set(pc_libdir "\${pcfiledir}/..")
+set(pc_includedir "\${pcfiledir}/${pc_includedir}")
 configure_file(cmake/sorvane-signals.pc.in "${PROJECT_BINARY_DIR}/sorvane-signals.pc" @ONLY)
+set(pc_prefix /usr)
+set(pc_libdir "/usr/${CMAKE_INSTALL_LIBDIR}")
+set(pc_includedir "/usr/${CMAKE_INSTALL_INCLUDEDIR}/sorvane-signals/include")
+configure_file(cmake/sorvane-signals.pc.in
+               "${PROJECT_BINARY_DIR}/of_the_system/sorvane-signals.pc" @ONLY)
 install(
-  FILES "${PROJECT_BINARY_DIR}/sorvane-signals.pc"
-  DESTINATION "${CMAKE_INSTALL_LIBDIR}/pkgconfig"
+  CODE "set(sorvane_pc_folder \"${PROJECT_BINARY_DIR}\")
+        if(CMAKE_INSTALL_PREFIX STREQUAL \"/usr\")
+          string(APPEND sorvane_pc_folder /of_the_system)
+        endif()
+        file(INSTALL \"\${sorvane_pc_folder}/sorvane-signals.pc\"
+             DESTINATION \"\${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_LIBDIR}/pkgconfig\")"
   COMPONENT SorvaneSignals_Development)
 
 include(cmake/SorvaneInspection.cmake)

@@ -200,7 +200,7 @@ private:
         return !tooFullWith(fill + 1) && insert_helper(key, value) == insertStored;
     }
     void copySlotsTo(Entry* copy) const;
-    void useEmptySlots(Entry* slots, unsigned int addressable);
+    void useEmptySlots(Entry* array, unsigned int addressable);
     unsigned int reinsert(const Entry* source, unsigned int count);
     unsigned int rebuild(Room& room);
 };
@@ -264,7 +264,7 @@ public:
     Room() = default;
     Room(const Room&) = delete;
     Room& operator=(const Room&) = delete;
-    ~Room() { delete[] m_slots; }
+    ~Room() { delete[] m_array; }
 
     /// Takes what a rebuild of a table for more than `minused` keys needs: a heap array for the
     /// rebuilt table, or a temporary copy of the slots of one that becomes inline.
@@ -273,8 +273,8 @@ public:
         while (m_addressable <= minused && m_addressable != 0) {
             m_addressable <<= 1;
         }
-        m_slots = allocate(inlineQ() ? owner.mask + 2 : m_addressable + 1);
-        if (m_slots != nullptr) {
+        m_array = allocate(inlineQ() ? owner.mask + 2 : m_addressable + 1);
+        if (m_array != nullptr) {
             return SVFailure();
         }
         return svhashtableFailure("Unable to allocate space for new table.",
@@ -284,11 +284,11 @@ public:
 
     bool inlineQ() const { return m_addressable == inlineSlots; }
     unsigned int addressable() const { return m_addressable; }
-    Entry* slots() const { return m_slots; }
+    Entry* array() const { return m_array; }
     Entry* handOver() {
-        Entry* const slots = m_slots;
-        m_slots = nullptr;
-        return slots;
+        Entry* const array = m_array;
+        m_array = nullptr;
+        return array;
     }
 
 private:
@@ -302,7 +302,7 @@ private:
         return possible ? new Entry[wanted] : nullptr;  // GCOVR_EXCL_BR_LINE: see above
     }
 
-    Entry* m_slots = nullptr;
+    Entry* m_array = nullptr;
     unsigned int m_addressable = inlineSlots;
 };
 
@@ -314,14 +314,14 @@ void SVHashTable<K, V, H>::copySlotsTo(Entry* copy) const {
 }
 
 template <typename K, typename V, typename H>
-void SVHashTable<K, V, H>::useEmptySlots(Entry* slots, unsigned int addressable) {
+void SVHashTable<K, V, H>::useEmptySlots(Entry* array, unsigned int addressable) {
     mask = addressable - 1;
-    table = slots;
+    table = array;
     used = 0;
     const V nothing = V();
     for (unsigned int i = 0; i < addressable; ++i) {
-        slots[i].value = nothing;
-        slots[i].state = svslotEmpty;
+        array[i].value = nothing;
+        array[i].state = svslotEmpty;
     }
 }
 
@@ -348,10 +348,10 @@ unsigned int SVHashTable<K, V, H>::rebuild(Room& room) {
     Entry* const heap = table == smalltable ? nullptr : table;
     const unsigned int count = fill;
     if (room.inlineQ()) {
-        copySlotsTo(room.slots());
+        copySlotsTo(room.array());
         delete[] heap;
         useEmptySlots(smalltable, room.addressable());
-        return reinsert(room.slots(), count);
+        return reinsert(room.array(), count);
     }
     useEmptySlots(room.handOver(), room.addressable());
     const unsigned int result = reinsert(former, count);

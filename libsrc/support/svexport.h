@@ -8,7 +8,9 @@
 
 // A module that contains the static library keeps it to itself: it neither shows its copy to other
 // modules nor takes theirs for its own. There, what is exported to be found by its plain name is
-// protected.
+// protected. The classes themselves are not hidden there, because then a user's class that holds
+// one would have to be hidden as well, and compilers warn of that; so what a user makes of them in
+// a module of default visibility may be shown.
 #ifdef SORVANE_SIGNALS_STATIC
 #define SORVANE_API
 #define SORVANE_PLAIN_API __attribute__((visibility("protected")))

@@ -44,7 +44,7 @@ public:
     /// Errors: std::bad_alloc when memory can't be had, as standard containers demand;
     /// std::bad_array_new_length when the size can't be expressed.
     T* allocate(std::size_t count) {
-        if (count > std::numeric_limits<std::size_t>::max() / sizeof(T)) {
+        if (count > (std::numeric_limits<std::size_t>::max)() / sizeof(T)) {
             svthrowBadArrayNewLength();
         }
         void* storage = SVObject::operator new(count * sizeof(T));

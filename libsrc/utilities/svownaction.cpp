@@ -51,7 +51,7 @@ Manner both(const Manner& one, const Manner& other) noexcept {
 
 struct sigaction ownActionWith(const Manner& manner) noexcept {
     struct sigaction action = {};
-    action.sa_sigaction = &actualSignalHandler;
+    action.sa_sigaction = &svownHandler;
     std::memcpy(&action.sa_mask, &manner.heldBack, sizeof(manner.heldBack));
     action.sa_flags = SA_SIGINFO | SA_ONSTACK | manner.flags | (manner.marked ? markingFlag : 0);
     return action;

@@ -67,10 +67,14 @@ void follow(int signalNumber, const struct sigaction& hosts,
 
 }  // namespace SVOwnAction
 
+/// actualSignalHandler of this copy of the library: by its plain name it may be another function's,
+/// that of a program which contains a static copy, for instance. Signal context: handler only.
+void svownHandler(int signalNumber, siginfo* information, void* context);
+
 /// Whether an action's handler is the library's own; whether it is none that the host has to get
 /// back: the library's own, the default action, or the ignoring one.
 inline bool svownActionQ(const struct sigaction& action) noexcept {
-    return action.sa_sigaction == &actualSignalHandler;
+    return action.sa_sigaction == &svownHandler;
 }
 bool svnobodysActionQ(const struct sigaction& action) noexcept;
 

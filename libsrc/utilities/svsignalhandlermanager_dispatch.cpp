@@ -388,6 +388,9 @@ bool SVSignalHandlerManager::hasPreexistingOrExternalHandlerQ(int signalNumber) 
     return Dispatch(signalNumber).hasHostsOwnQ();
 }
 
+void svownHandler(int signalNumber, siginfo* information, void* context)
+    __attribute__((alias("actualSignalHandler")));
+
 SVSignalHandler SVSignalHandlerManager::theSVHandler(int signalNumber) {
     struct sigaction own = SVOwnAction::of(signalNumber);
     return SVSignalHandler(signalNumber, own, false, false, true);

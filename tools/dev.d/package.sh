@@ -4,7 +4,7 @@
 
 # summary: makes the Debian packages, and tries them in a bare tree
 # usage: ./dev package
-# time: about ten minutes on 2 cores
+# time: one to five minutes on 2 cores
 source tools/baretree.sh
 
 (($# == 0)) || wrong_usage "package: takes no arguments, not \"$*\""
