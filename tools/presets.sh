@@ -128,11 +128,15 @@ build_and_test() {
     ((failed == 0))
 }
 
+# What a command does before a preset's turn.
+prepare_preset() { :; }
+
 # test_presets PRESET...: the tests of each, what went wrong, a table, and the count.
 test_presets() {
     local preset started visited wrong rows=() failures=()
     local total_visited=0 total_wrong=0 total_passed=0 total_failed=0
     for preset in "$@"; do
+        prepare_preset "$preset"
         say "$preset: building and testing"
         started=$SECONDS
         run_preset "$preset" || failures+=("$preset")

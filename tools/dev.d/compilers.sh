@@ -3,13 +3,14 @@
 # SPDX-License-Identifier: Apache-2.0
 
 # summary: builds and runs every test, 64-bit, under each compiler that the system has
-# usage: ./dev compilers
-# more: g++ 12, 13 and 14, clang++ 14 to 19; those that can't be had are left out.
+# usage: ./dev compilers [PRESET ...]
+# more: The presets: clang-14 to clang-19, gcc-12 to gcc-14; those that can't be had are left out.
 # time: two to three minutes for each compiler on 2 cores
 source tools/presets.sh
 
-(($# == 0)) || wrong_usage "compilers: takes no arguments, not \"$*\""
-require_packages build test
+# A newer g++ brings a standard library that an older clang++ does not understand: so these come
+# first, and each compiler is installed when its turn comes.
+readonly compilers=(clang-14 clang-15 clang-16 clang-17 clang-18 clang-19 gcc-12 gcc-13 gcc-14)
 
 # Asked for a name that it does not know, apt-get takes the "+" in it for a pattern.
 can_be_had() {
@@ -18,22 +19,40 @@ can_be_had() {
     [[ "$names" == *" $1 "* && "$(apt-cache policy "$1")" != *"Candidate: (none)"* ]]
 }
 
-# Sets presets: each is named as the package of its compiler, or of the C compiler that comes with it.
-find_compilers() {
-    local package
-    presets=()
-    while read -r package; do
-        if installed "$package" || { can_be_had "$package" && (install_packages "$package"); }; then
-            case "$package" in
-                g++-*) presets+=("gcc-${package#g++-}") ;;
-                clang-*) presets+=("$package") ;;
-            esac
-        else
-            say "compilers: without $package"
-        fi
-    done < <(list_packages compilers)
+# packages_of PRESET: what the compiler comes in, and what only some systems have beside it.
+packages_of() {
+    case "$1" in
+        gcc-*) say "g++-${1#gcc-}" ;;
+        clang-*) printf '%s\n' "$1" "libclang-rt-${1#clang-}-dev" ;;
+    esac
 }
 
-find_compilers
+prepare_preset() {
+    local package
+    while read -r package; do
+        if ! installed "$package" && can_be_had "$package"; then
+            install_packages "$package"
+        fi
+    done < <(packages_of "$1")
+}
+
+presets=("$@")
+((${#presets[@]} > 0)) || presets=("${compilers[@]}")
+for preset in "${presets[@]}"; do
+    [[ " ${compilers[*]} " == *" $preset "* ]] ||
+        wrong_usage "unknown preset \"$preset\"; known: ${compilers[*]}"
+done
+require_packages build test
+
+available=()
+for preset in "${presets[@]}"; do
+    package="$(packages_of "$preset" | head -n 1)"
+    if installed "$package" || can_be_had "$package"; then
+        available+=("$preset")
+    else
+        say "compilers: without $preset"
+    fi
+done
+((${#available[@]} > 0)) || fail "compilers: none of them can be had here"
 say_time
-test_presets "${presets[@]}"
+test_presets "${available[@]}"
