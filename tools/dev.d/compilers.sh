@@ -46,7 +46,7 @@ require_packages build test
 
 available=()
 for preset in "${presets[@]}"; do
-    package="$(packages_of "$preset" | head -n 1)"
+    read -r package < <(packages_of "$preset")
     if installed "$package" || can_be_had "$package"; then
         available+=("$preset")
     else
