@@ -11,6 +11,7 @@ source tools/presets.sh
 # A newer g++ brings a standard library that an older clang++ does not understand: so these come
 # first, and each compiler is installed when its turn comes.
 readonly compilers=(clang-14 clang-15 clang-16 clang-17 clang-18 clang-19 gcc-12 gcc-13 gcc-14)
+declare -A newest_understood=([clang-14]=12 [clang-15]=13)
 
 # Asked for a name that it does not know, apt-get takes the "+" in it for a pattern.
 can_be_had() {
@@ -44,10 +45,16 @@ for preset in "${presets[@]}"; do
 done
 require_packages build test
 
+newest_library="$(g++ -dumpversion | cut -d . -f 1)"
+for folder in /usr/include/c++/[0-9]*; do
+    ((${folder##*/} <= newest_library)) || newest_library="${folder##*/}"
+done
 available=()
 for preset in "${presets[@]}"; do
     read -r package < <(packages_of "$preset")
-    if installed "$package" || can_be_had "$package"; then
+    if ((newest_library > ${newest_understood[$preset]:-99})); then
+        say "compilers: without $preset, which does not understand the standard library of g++ $newest_library"
+    elif installed "$package" || can_be_had "$package"; then
         available+=("$preset")
     else
         say "compilers: without $preset"
