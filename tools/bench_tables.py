@@ -9,8 +9,8 @@ import statistics
 import subprocess
 
 from bench_run import BUILD, pin_to_last
-from command import Problem
 from bench_works import TABLE_GOAL, TABLE_SIZES, TABLES
+from command import Problem
 
 SECONDS = 0.001  # of a repetition, at least
 
